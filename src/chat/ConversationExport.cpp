@@ -1,0 +1,5 @@
+// Placeholder until export lands.
+#include "engine/EngineStore.h"
+
+void EngineStore::exportChat() {}
+QString EngineStore::exportText() const { return {}; }

@@ -1,0 +1,4 @@
+// Placeholder until image attachment lands.
+#include "engine/EngineStore.h"
+
+void EngineStore::attachImage() {}

@@ -1,0 +1,110 @@
+// The store's JSON calls to the engine and the status call.
+#include "EngineStore.h"
+
+#include "model/PlatformWords.h"
+
+#include <QJsonDocument>
+#include <QJsonParseError>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QTimer>
+
+namespace {
+
+constexpr int requestTimeoutMilliseconds = 180 * 1000;
+
+QString genericEngineMessage()
+{
+    return QStringLiteral("The engine could not complete this request.");
+}
+
+// The message of an engine error body: its "error" member when that is a text.
+QString engineErrorMessage(const QByteArray &body)
+{
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(body, &parseError);
+    if (parseError.error != QJsonParseError::NoError || !document.isObject())
+        return genericEngineMessage();
+    const QJsonValue message = document.object().value(QStringLiteral("error"));
+    return message.isString() ? message.toString() : genericEngineMessage();
+}
+
+EngineFailure transportFailure(QNetworkReply *reply)
+{
+    if (reply->error() == QNetworkReply::OperationCanceledError)
+        return EngineFailure{EngineFailure::Kind::Cancelled, QStringLiteral("QNetworkReply"),
+                             reply->error(), QStringLiteral("cancelled")};
+    if (reply->error() == QNetworkReply::TimeoutError)
+        return EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("QNetworkReply"),
+                             reply->error(), QStringLiteral("The request timed out.")};
+    return EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("QNetworkReply"), reply->error(),
+                         reply->errorString()};
+}
+
+} // namespace
+
+QNetworkReply *EngineStore::request(const QString &path, const std::optional<QJsonObject> &body,
+                                    std::function<void(const EngineReply &)> done)
+{
+    if (!m_baseURL) {
+        // Never launched: fail as an unreachable host would, without touching the network.
+        QTimer::singleShot(0, this, [done = std::move(done)] {
+            done(EngineReply{{}, EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("NSURLErrorDomain"),
+                                               -1004, QStringLiteral("Could not connect to the server.")}});
+        });
+        return nullptr;
+    }
+
+    QUrl target = *m_baseURL;
+    target.setPath(QLatin1Char('/') + path);
+    QNetworkRequest networkRequest(target);
+    networkRequest.setTransferTimeout(requestTimeoutMilliseconds);
+    networkRequest.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
+    networkRequest.setRawHeader(QByteArrayLiteral("X-Vorn-App"), QByteArrayLiteral("1"));
+
+    QNetworkReply *reply = body
+        ? m_network->post(networkRequest, QJsonDocument(*body).toJson(QJsonDocument::Compact))
+        : m_network->get(networkRequest);
+
+    connect(reply, &QNetworkReply::finished, this, [reply, done = std::move(done)] {
+        reply->deleteLater();
+        const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+        const auto error = reply->error();
+        // Network-layer failures (connection refused, time-out, reset, cancelled) are below 200.
+        const bool transportBroke = error != QNetworkReply::NoError && error < QNetworkReply::ContentAccessDenied;
+        if (!status.isValid() || transportBroke) {
+            done(EngineReply{{}, transportFailure(reply)});
+            return;
+        }
+        const QByteArray replyBody = reply->readAll();
+        const int code = status.toInt();
+        if (code >= 200 && code <= 299) {
+            done(EngineReply{replyBody, std::nullopt});
+            return;
+        }
+        done(EngineReply{{}, EngineFailure::vorn(1, engineErrorMessage(replyBody))});
+    });
+    return reply;
+}
+
+QNetworkReply *EngineStore::refresh(std::function<void(bool)> done)
+{
+    return request(QStringLiteral("api/state"), std::nullopt, [this, done = std::move(done)](const EngineReply &reply) {
+        std::optional<EngineState> decoded;
+        if (reply.ok())
+            decoded = EngineState::decode(reply.body);
+        if (!decoded) {
+            if (done)
+                done(false);
+            return;
+        }
+        setState(decoded);
+        setReady(true);
+        if (!m_loading && !m_generating)
+            setActivity(hasLoadedModel() ? QStringLiteral("Model ready") : PlatformWords::readyActivity());
+        runStatusChange();
+        if (done)
+            done(true);
+    });
+}

@@ -1,0 +1,67 @@
+#include "LocalModelListModel.h"
+
+#include <algorithm>
+
+int LocalModelListModel::rowCount(const QModelIndex &parent) const
+{
+    return parent.isValid() ? 0 : count();
+}
+
+QVariant LocalModelListModel::data(const QModelIndex &index, int role) const
+{
+    if (!index.isValid() || index.row() >= count())
+        return {};
+    const LocalModel &model = m_models.at(index.row());
+    switch (role) {
+    case Qt::DisplayRole:
+    case NameRole:
+        return model.name;
+    case TitleRole:
+        return model.title();
+    case SizeRole:
+        return model.size;
+    case SizeLabelRole:
+        return model.sizeLabel();
+    case ProjectorRole:
+        return model.projector;
+    default:
+        return {};
+    }
+}
+
+QHash<int, QByteArray> LocalModelListModel::roleNames() const
+{
+    return {{NameRole, "name"}, {TitleRole, "title"}, {SizeRole, "size"},
+            {SizeLabelRole, "sizeLabel"}, {ProjectorRole, "projector"}};
+}
+
+int LocalModelListModel::modelCount() const
+{
+    return static_cast<int>(std::count_if(m_models.begin(), m_models.end(),
+                                          [](const LocalModel &model) { return !model.projector; }));
+}
+
+void LocalModelListModel::update(const QList<LocalModel> &models)
+{
+    const bool sameNames = models.size() == m_models.size()
+        && std::equal(models.begin(), models.end(), m_models.begin(),
+                      [](const LocalModel &a, const LocalModel &b) { return a.name == b.name; });
+    if (!sameNames) {
+        beginResetModel();
+        m_models = models;
+        endResetModel();
+        emit countChanged();
+        return;
+    }
+    for (int row = 0; row < models.size(); ++row) {
+        const LocalModel &incoming = models.at(row);
+        LocalModel &current = m_models[row];
+        if (incoming.size == current.size && incoming.projector == current.projector)
+            continue;
+        const bool projectorChanged = incoming.projector != current.projector;
+        current = incoming;
+        emit dataChanged(index(row), index(row));
+        if (projectorChanged)
+            emit countChanged();
+    }
+}

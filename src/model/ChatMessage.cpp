@@ -1,0 +1,70 @@
+#include "ChatMessage.h"
+
+#include "StrictJson.h"
+
+#include <QJsonArray>
+
+QString uuidText(const QUuid &id)
+{
+    return id.toString(QUuid::WithoutBraces).toUpper();
+}
+
+std::optional<QUuid> uuidFromText(const QString &text)
+{
+    if (text.size() != 36)
+        return std::nullopt;
+    for (int index = 0; index < text.size(); ++index) {
+        const QChar character = text.at(index);
+        const bool hyphenPlace = index == 8 || index == 13 || index == 18 || index == 23;
+        if (hyphenPlace ? character != QLatin1Char('-') : !isxdigit(character.toLatin1()) || character.unicode() > 127)
+            return std::nullopt;
+    }
+    return QUuid::fromString(text);
+}
+
+QJsonObject ChatMessage::payload() const
+{
+    if (!image)
+        return QJsonObject{{QStringLiteral("role"), role}, {QStringLiteral("content"), text}};
+    const QJsonObject imagePart{
+        {QStringLiteral("type"), QStringLiteral("image_url")},
+        {QStringLiteral("image_url"), QJsonObject{{QStringLiteral("url"), *image}}},
+    };
+    const QJsonObject textPart{
+        {QStringLiteral("type"), QStringLiteral("text")},
+        {QStringLiteral("text"), text},
+    };
+    return QJsonObject{
+        {QStringLiteral("role"), role},
+        {QStringLiteral("content"), QJsonArray{imagePart, textPart}},
+    };
+}
+
+std::optional<ChatMessage> ChatMessage::fromJson(const QJsonValue &value)
+{
+    if (!value.isObject())
+        return std::nullopt;
+    const QJsonObject object = value.toObject();
+    const auto idText = StrictJson::text(object, QStringLiteral("id"));
+    const auto role = StrictJson::text(object, QStringLiteral("role"));
+    const auto text = StrictJson::text(object, QStringLiteral("text"));
+    const auto image = StrictJson::optionalText(object, QStringLiteral("image"));
+    if (!idText || !role || !text || !image)
+        return std::nullopt;
+    const auto id = uuidFromText(*idText);
+    if (!id)
+        return std::nullopt;
+    return ChatMessage{*id, *role, *text, *image};
+}
+
+QJsonObject ChatMessage::toJson() const
+{
+    QJsonObject object{
+        {QStringLiteral("id"), uuidText(id)},
+        {QStringLiteral("role"), role},
+        {QStringLiteral("text"), text},
+    };
+    if (image)
+        object.insert(QStringLiteral("image"), *image);
+    return object;
+}

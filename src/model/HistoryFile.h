@@ -1,0 +1,24 @@
+#pragma once
+
+#include "Conversation.h"
+
+#include <QList>
+#include <QString>
+#include <optional>
+
+// The chat history on disk: one JSON array of conversations. Reading and writing are
+// best-effort and silent; a write replaces the file atomically and leaves it 0600.
+namespace HistoryFile {
+
+// Creates the history folder (0700) if needed; failures are ignored.
+void prepareFolder(const QString &folder);
+
+// The decoded list, or nothing when the file is missing, unreadable or not a valid history.
+std::optional<QList<Conversation>> load(const QString &file);
+std::optional<QList<Conversation>> decode(const QByteArray &json);
+
+QByteArray encode(const QList<Conversation> &conversations);
+// Returns whether the bytes reached the disk; callers are free to ignore it.
+bool save(const QString &file, const QList<Conversation> &conversations);
+
+} // namespace HistoryFile

@@ -1,0 +1,166 @@
+#include "TestHome.h"
+#include "model/HistoryFile.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QtTest>
+
+class HistoryTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void uuidsAreUpperCaseText()
+    {
+        const ChatMessage message{QUuid::createUuid(), "user", "Hi", std::nullopt};
+        const QString id = message.toJson().value("id").toString();
+        QCOMPARE(id.size(), 36);
+        QCOMPARE(id, id.toUpper());
+        QCOMPARE(*uuidFromText(id), message.id);
+        QCOMPARE(*uuidFromText(id.toLower()), message.id);
+        QVERIFY(!uuidFromText("{" + id + "}"));
+        QVERIFY(!uuidFromText(id.left(35)));
+        QVERIFY(!uuidFromText(QString(id).replace(8, 1, "x")));
+    }
+
+    void messageWithoutImageWritesNoImageKey()
+    {
+        const auto decoded = ChatMessage::fromJson(QJsonDocument::fromJson(
+            R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","role":"user","text":"Hi"})").object());
+        QVERIFY(decoded);
+        QVERIFY(!decoded->image);
+        QVERIFY(!decoded->toJson().contains("image"));
+    }
+
+    void nullImageIsNoImage()
+    {
+        const auto decoded = ChatMessage::fromJson(QJsonDocument::fromJson(
+            R"({"id":"6f9619ff-8b86-d011-b42d-00c04fc964ff","role":"user","text":"Hi","image":null})").object());
+        QVERIFY(decoded);
+        QVERIFY(!decoded->image);
+    }
+
+    void messageRequiresIdRoleText_data()
+    {
+        QTest::addColumn<QByteArray>("json");
+        QTest::newRow("no id") << QByteArray(R"({"role":"user","text":"Hi"})");
+        QTest::newRow("no role") << QByteArray(R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","text":"Hi"})");
+        QTest::newRow("no text") << QByteArray(R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","role":"user"})");
+        QTest::newRow("bad id") << QByteArray(R"({"id":"nope","role":"user","text":"Hi"})");
+        QTest::newRow("image number") << QByteArray(R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","role":"user","text":"Hi","image":3})");
+    }
+
+    void messageRequiresIdRoleText()
+    {
+        QFETCH(QByteArray, json);
+        QVERIFY(!ChatMessage::fromJson(QJsonDocument::fromJson(json).object()));
+    }
+
+    void conversationRequiresTitle()
+    {
+        QVERIFY(!Conversation::fromJson(QJsonDocument::fromJson(
+            R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","messages":[]})").object()));
+        QVERIFY(!Conversation::fromJson(QJsonDocument::fromJson(
+            R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","title":"t"})").object()));
+        QVERIFY(Conversation::fromJson(QJsonDocument::fromJson(
+            R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","title":"t","messages":[]})").object()));
+    }
+
+    void newConversationDefaults()
+    {
+        const Conversation first;
+        const Conversation second;
+        QCOMPARE(first.title, QStringLiteral("New conversation"));
+        QVERIFY(first.messages.isEmpty());
+        QVERIFY(first.id != second.id);
+    }
+
+    void payloadWithImageHasImagePartFirst()
+    {
+        const ChatMessage message{QUuid::createUuid(), "user", "What is this?", QStringLiteral("data:image/png;base64,AAAA")};
+        const QJsonObject payload = message.payload();
+        QCOMPARE(payload.value("role").toString(), QStringLiteral("user"));
+        QVERIFY(!payload.contains("id"));
+        const QJsonArray content = payload.value("content").toArray();
+        QCOMPARE(content.size(), 2);
+        QCOMPARE(content.at(0).toObject().value("type").toString(), QStringLiteral("image_url"));
+        QCOMPARE(content.at(0).toObject().value("image_url").toObject().value("url").toString(),
+                 QStringLiteral("data:image/png;base64,AAAA"));
+        QCOMPARE(content.at(1).toObject().value("type").toString(), QStringLiteral("text"));
+        QCOMPARE(content.at(1).toObject().value("text").toString(), QStringLiteral("What is this?"));
+    }
+
+    void payloadWithoutImageIsPlainText()
+    {
+        const ChatMessage message{QUuid::createUuid(), "user", "Hi", std::nullopt};
+        QCOMPARE(message.payload(), (QJsonObject{{"role", "user"}, {"content", "Hi"}}));
+    }
+
+    void emptyAssistantPayloadKeepsEmptyContent()
+    {
+        const ChatMessage message{QUuid::createUuid(), "assistant", "", std::nullopt};
+        const QJsonObject payload = message.payload();
+        QVERIFY(payload.value("content").isString());
+        QCOMPARE(payload.value("content").toString(), QString());
+    }
+
+    void saveAndLoadRoundTrip()
+    {
+        TestHome home;
+        const QString file = home.path() + "/history.json";
+        Conversation conversation;
+        conversation.title = "Trip";
+        conversation.messages.append(ChatMessage{QUuid::createUuid(), "user", "Hi\n\nthere", QStringLiteral("data:image/png;base64,AA")});
+        conversation.messages.append(ChatMessage{QUuid::createUuid(), "assistant", "Hello", std::nullopt});
+        QVERIFY(HistoryFile::save(file, {conversation, Conversation()}));
+        const auto loaded = HistoryFile::load(file);
+        QVERIFY(loaded);
+        QCOMPARE(loaded->size(), 2);
+        QCOMPARE(loaded->first().id, conversation.id);
+        QCOMPARE(loaded->first().messages.at(0).text, QStringLiteral("Hi\n\nthere"));
+        QCOMPARE(*loaded->first().messages.at(0).image, QStringLiteral("data:image/png;base64,AA"));
+        QVERIFY(!loaded->first().messages.at(1).image);
+
+        QFile raw(file);
+        QVERIFY(raw.open(QIODevice::ReadOnly));
+        const QByteArray bytes = raw.readAll();
+        QVERIFY(!bytes.contains('\n') || bytes.contains("Hi\\n\\nthere"));
+        QVERIFY(bytes.startsWith("[{"));
+        QCOMPARE(bytes.count("\"image\""), 1);
+    }
+
+    void savedFileIs0600()
+    {
+        TestHome home;
+        const QString folder = home.path() + "/Vorn";
+        HistoryFile::prepareFolder(folder);
+        QCOMPARE(TestHome::posixMode(folder), 0700);
+        const QString file = folder + "/conversations.json";
+        QVERIFY(HistoryFile::save(file, {Conversation()}));
+        QCOMPARE(TestHome::posixMode(file), 0600);
+    }
+
+    void failedWriteIsQuietAndLeavesNothing()
+    {
+        TestHome home;
+        // A folder where the file should be: the write cannot happen.
+        const QString file = home.path() + "/taken";
+        QVERIFY(QDir().mkpath(file));
+        QVERIFY(!HistoryFile::save(file, {Conversation()}));
+        QVERIFY(QFileInfo(file).isDir());
+        QCOMPARE(QDir(home.path()).entryList(QDir::Files | QDir::Hidden).size(), 0);
+    }
+
+    void decodeRejectsObjectsAndBadElements()
+    {
+        QVERIFY(!HistoryFile::decode(R"({"conversations":[]})"));
+        QVERIFY(!HistoryFile::decode("[1]"));
+        QVERIFY(!HistoryFile::decode("not json"));
+        QVERIFY(HistoryFile::decode("[]"));
+        QVERIFY(HistoryFile::decode("[]")->isEmpty());
+    }
+};
+
+QTEST_GUILESS_MAIN(HistoryTest)
+#include "HistoryTest.moc"

@@ -1,0 +1,202 @@
+#include "TestHome.h"
+#include "chat/ConversationListModel.h"
+#include "chat/MessageListModel.h"
+#include "engine/EngineStore.h"
+#include "model/HistoryFile.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSignalSpy>
+#include <QtTest>
+
+class StoreTest : public QObject {
+    Q_OBJECT
+
+private:
+    static void writeFile(const QString &path, const QByteArray &bytes)
+    {
+        QDir().mkpath(QFileInfo(path).path());
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(bytes);
+    }
+
+    static EngineState stateWithLoaded(const std::optional<QString> &loaded)
+    {
+        EngineState state;
+        state.version = "1";
+        state.dir = "/m";
+        state.loaded = loaded;
+        return state;
+    }
+
+private slots:
+    void initialValues()
+    {
+        TestHome home;
+        EngineStore store;
+        QVERIFY(!store.state());
+        QVERIFY(!store.ready());
+        QCOMPARE(store.activity(), QString::fromUtf8("Starting local engine\u2026"));
+        QVERIFY(!store.error());
+        QVERIFY(!store.loading());
+        QVERIFY(!store.generating());
+        QCOMPARE(store.prompt(), QString());
+        QVERIFY(!store.attachment());
+        QVERIFY(!store.showLibrary());
+        QCOMPARE(store.temperature(), 0.7);
+        QCOMPARE(store.tokenLimit(), 512);
+        QVERIFY(!store.process());
+        QVERIFY(!store.baseURL());
+        QCOMPARE(store.directory(), QDir(home.path()).filePath(".vorn/models"));
+        QCOMPARE(store.historyFile(), home.historyFile());
+        // The models folder is left for the engine launch to create.
+        QVERIFY(!QFileInfo::exists(store.directory()));
+    }
+
+    void noHistoryGivesOneNewConversationSelected()
+    {
+        TestHome home;
+        EngineStore store;
+        QCOMPARE(store.conversations().size(), 1);
+        QCOMPARE(store.conversations().first().title, QStringLiteral("New conversation"));
+        QVERIFY(store.conversations().first().messages.isEmpty());
+        QCOMPARE(*store.selectedID(), store.conversations().first().id);
+        QCOMPARE(store.conversationList()->rowCount(), 1);
+    }
+
+    void historyFolderIs0700()
+    {
+        TestHome home;
+        EngineStore store;
+        QVERIFY(QFileInfo(home.dataFolder()).isDir());
+        QCOMPARE(TestHome::posixMode(home.dataFolder()), 0700);
+        store.save();
+        QCOMPARE(TestHome::posixMode(home.historyFile()), 0600);
+    }
+
+    void emptyArrayBehavesLikeMissingFile()
+    {
+        TestHome home;
+        writeFile(home.historyFile(), "[]");
+        EngineStore store;
+        QCOMPARE(store.conversations().size(), 1);
+        QCOMPARE(store.conversations().first().title, QStringLiteral("New conversation"));
+        QCOMPARE(*store.selectedID(), store.conversations().first().id);
+    }
+
+    void objectAtTopLevelIsIgnoredAndLeftUntouched()
+    {
+        TestHome home;
+        writeFile(home.historyFile(), R"({"not":"a list"})");
+        EngineStore store;
+        QCOMPARE(store.conversations().size(), 1);
+        QCOMPARE(store.conversations().first().title, QStringLiteral("New conversation"));
+        QFile file(home.historyFile());
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QCOMPARE(file.readAll(), QByteArray(R"({"not":"a list"})"));
+    }
+
+    void corruptHistoryStartsFresh()
+    {
+        TestHome home;
+        writeFile(home.historyFile(), "[{\"id\":\"broken");
+        EngineStore store;
+        QCOMPARE(store.conversations().size(), 1);
+    }
+
+    void severalConversationsSelectTheFirstInFileOrder()
+    {
+        TestHome home;
+        Conversation first;
+        first.title = "First";
+        Conversation second;
+        second.title = "Second";
+        second.messages.append(ChatMessage{QUuid::createUuid(), "user", "Hi", std::nullopt});
+        HistoryFile::prepareFolder(home.dataFolder());
+        QVERIFY(HistoryFile::save(home.historyFile(), {first, second}));
+        EngineStore store;
+        QCOMPARE(store.conversations().size(), 2);
+        QCOMPARE(store.conversations().at(0).title, QStringLiteral("First"));
+        QCOMPARE(store.conversations().at(1).title, QStringLiteral("Second"));
+        QCOMPARE(*store.selectedID(), first.id);
+        QVERIFY(store.messages().isEmpty());
+        store.setSelectedID(second.id);
+        QCOMPARE(store.messages().size(), 1);
+        QCOMPARE(store.messageList()->rowCount(), 1);
+        QCOMPARE(store.messageList()->data(store.messageList()->index(0), MessageListModel::TextRole).toString(),
+                 QStringLiteral("Hi"));
+    }
+
+    void emptyLoadedMeansNoModel()
+    {
+        TestHome home;
+        EngineStore store;
+        QVERIFY(!store.hasLoadedModel());
+        QCOMPARE(store.loadedName(), QStringLiteral("No model loaded"));
+        store.setState(stateWithLoaded(QString()));
+        QVERIFY(!store.hasLoadedModel());
+        QCOMPARE(store.loadedName(), QStringLiteral("No model loaded"));
+        store.setState(stateWithLoaded(std::nullopt));
+        QVERIFY(!store.hasLoadedModel());
+    }
+
+    void loadedNameDropsEveryGgufExtension()
+    {
+        TestHome home;
+        EngineStore store;
+        store.setState(stateWithLoaded(QStringLiteral("my-model.gguf")));
+        QVERIFY(store.hasLoadedModel());
+        QCOMPARE(store.loadedName(), QStringLiteral("my-model"));
+        store.setState(stateWithLoaded(QStringLiteral("a.gguf.b.gguf")));
+        QCOMPARE(store.loadedName(), QStringLiteral("a.b"));
+    }
+
+    void messagesEmptyForUnknownSelection()
+    {
+        TestHome home;
+        Conversation conversation;
+        conversation.messages.append(ChatMessage{QUuid::createUuid(), "user", "Hi", std::nullopt});
+        HistoryFile::prepareFolder(home.dataFolder());
+        QVERIFY(HistoryFile::save(home.historyFile(), {conversation}));
+        EngineStore store;
+        QCOMPARE(store.messages().size(), 1);
+        store.setSelectedID(QUuid::createUuid());
+        QVERIFY(store.messages().isEmpty());
+        QCOMPARE(store.messageList()->rowCount(), 0);
+        store.setSelectedID(std::nullopt);
+        QVERIFY(store.messages().isEmpty());
+        QCOMPARE(store.selectedIDText(), QString());
+    }
+
+    void propertiesAnnounceChanges()
+    {
+        TestHome home;
+        EngineStore store;
+        QSignalSpy prompt(&store, &EngineStore::promptChanged);
+        QSignalSpy error(&store, &EngineStore::errorChanged);
+        QSignalSpy attachment(&store, &EngineStore::attachmentChanged);
+        QSignalSpy state(&store, &EngineStore::stateChanged);
+        QSignalSpy selection(&store, &EngineStore::selectedIDChanged);
+        QVERIFY(store.setProperty("prompt", "Hello"));
+        QVERIFY(store.setProperty("error", "Oops"));
+        QVERIFY(store.setProperty("attachment", "data:image/png;base64,AA"));
+        QVERIFY(store.setProperty("selectedID", QUuid::createUuid().toString(QUuid::WithoutBraces)));
+        store.setState(stateWithLoaded(QStringLiteral("m.gguf")));
+        QCOMPARE(prompt.count(), 1);
+        QCOMPARE(error.count(), 1);
+        QCOMPARE(attachment.count(), 1);
+        QCOMPARE(state.count(), 1);
+        QCOMPARE(selection.count(), 1);
+        QCOMPARE(store.property("loadedName").toString(), QStringLiteral("m"));
+        QVERIFY(store.property("hasError").toBool());
+        QVERIFY(store.setProperty("error", QVariant()));
+        QVERIFY(!store.error());
+        QVERIFY(store.setProperty("attachment", QVariant::fromValue(nullptr)));
+        QVERIFY(!store.attachment());
+    }
+};
+
+QTEST_GUILESS_MAIN(StoreTest)
+#include "StoreTest.moc"

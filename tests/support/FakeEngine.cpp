@@ -1,0 +1,223 @@
+#include "FakeEngine.h"
+
+#include <QJsonDocument>
+#include <QPointer>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTimer>
+
+QByteArray RecordedRequest::header(const QByteArray &name) const
+{
+    for (const auto &[key, value] : headers) {
+        if (key.compare(name, Qt::CaseInsensitive) == 0)
+            return value;
+    }
+    return {};
+}
+
+QJsonObject RecordedRequest::json() const
+{
+    return QJsonDocument::fromJson(body).object();
+}
+
+FakeResponse FakeResponse::json(int status, const QByteArray &body)
+{
+    FakeResponse response;
+    response.status = status;
+    response.body = body;
+    return response;
+}
+
+FakeResponse FakeResponse::stream(const QList<QByteArray> &lines, int delayBetweenMs)
+{
+    FakeResponse response;
+    response.contentType = "text/event-stream";
+    for (const QByteArray &line : lines)
+        response.parts.append({delayBetweenMs, line});
+    return response;
+}
+
+FakeEngine::FakeEngine(QObject *parent) : QObject(parent), m_server(new QTcpServer(this))
+{
+    connect(m_server, &QTcpServer::newConnection, this, [this] {
+        while (QTcpSocket *socket = m_server->nextPendingConnection()) {
+            m_buffers.insert(socket, {});
+            connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
+            connect(socket, &QTcpSocket::disconnected, this, [this, socket] {
+                m_buffers.remove(socket);
+                socket->deleteLater();
+            });
+        }
+    });
+}
+
+FakeEngine::~FakeEngine()
+{
+    dropAllConnections();
+}
+
+bool FakeEngine::listen(quint16 port)
+{
+    return m_server->listen(QHostAddress::LocalHost, port);
+}
+
+quint16 FakeEngine::port() const
+{
+    return m_server->serverPort();
+}
+
+QUrl FakeEngine::baseURL() const
+{
+    return QUrl(QStringLiteral("http://127.0.0.1:%1").arg(port()));
+}
+
+void FakeEngine::route(const QByteArray &method, const QByteArray &path, const FakeResponse &response)
+{
+    route(method, path, [response](const RecordedRequest &) { return response; });
+}
+
+void FakeEngine::route(const QByteArray &method, const QByteArray &path,
+                       std::function<FakeResponse(const RecordedRequest &)> handler)
+{
+    m_routes.insert(method + ' ' + path, std::move(handler));
+}
+
+void FakeEngine::setState(const QByteArray &stateJson)
+{
+    route("GET", "/api/state", FakeResponse::json(200, stateJson));
+}
+
+QList<RecordedRequest> FakeEngine::requestsTo(const QByteArray &path) const
+{
+    QList<RecordedRequest> matching;
+    for (const RecordedRequest &request : m_requests) {
+        if (request.path == path)
+            matching.append(request);
+    }
+    return matching;
+}
+
+void FakeEngine::dropAllConnections()
+{
+    const auto sockets = m_buffers.keys();
+    for (QTcpSocket *socket : sockets)
+        socket->abort();
+}
+
+QByteArray FakeEngine::stateJson(const QString &loaded, bool vision, const QByteArray &modelsJson,
+                                 const QByteArray &downloadsJson, double decodeTps, qint64 completionTokens,
+                                 const QString &backend)
+{
+    const QByteArray loadedJson = loaded.isEmpty() ? QByteArray("null") : '"' + loaded.toUtf8() + '"';
+    return QByteArray(R"({"version":"test","dir":"/models","loaded":)") + loadedJson
+        + R"(,"backend":")" + backend.toUtf8() + R"(","ctx":4096,"vision":)" + (vision ? "true" : "false")
+        + R"(,"models":)" + modelsJson + R"(,"downloads":)" + downloadsJson
+        + R"(,"last":{"decode_tps":)" + QByteArray::number(decodeTps)
+        + R"(,"prefill_tps":0,"prompt_tokens":0,"completion_tokens":)" + QByteArray::number(completionTokens)
+        + "}}";
+}
+
+void FakeEngine::onReadyRead(QTcpSocket *socket)
+{
+    QByteArray &buffer = m_buffers[socket];
+    buffer += socket->readAll();
+    for (;;) {
+        const qsizetype headerEnd = buffer.indexOf("\r\n\r\n");
+        if (headerEnd < 0)
+            return;
+        const QList<QByteArray> lines = buffer.left(headerEnd).split('\n');
+        RecordedRequest request;
+        const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
+        request.method = requestLine.value(0);
+        request.path = requestLine.value(1);
+        qsizetype contentLength = 0;
+        for (qsizetype index = 1; index < lines.size(); ++index) {
+            const QByteArray line = lines.at(index).trimmed();
+            const qsizetype colon = line.indexOf(':');
+            if (colon <= 0)
+                continue;
+            const QByteArray name = line.left(colon).trimmed();
+            const QByteArray value = line.mid(colon + 1).trimmed();
+            request.headers.append({name, value});
+            if (name.compare("content-length", Qt::CaseInsensitive) == 0)
+                contentLength = value.toLongLong();
+        }
+        const qsizetype total = headerEnd + 4 + contentLength;
+        if (buffer.size() < total)
+            return;
+        request.body = buffer.mid(headerEnd + 4, contentLength);
+        buffer.remove(0, total);
+        m_requests.append(request);
+        emit requestReceived(request);
+        answer(socket, request);
+        if (!m_buffers.contains(socket))
+            return;
+    }
+}
+
+void FakeEngine::answer(QTcpSocket *socket, const RecordedRequest &request)
+{
+    QByteArray path = request.path;
+    if (const qsizetype query = path.indexOf('?'); query >= 0)
+        path.truncate(query);
+    const auto route = m_routes.constFind(request.method + ' ' + path);
+    const FakeResponse response = route != m_routes.cend() ? (*route)(request)
+                                                           : FakeResponse::json(404, R"({"error":"not found"})");
+    if (response.delayMs > 0) {
+        QPointer<QTcpSocket> guarded(socket);
+        QTimer::singleShot(response.delayMs, this, [this, guarded, response] {
+            if (guarded)
+                sendResponse(guarded, response);
+        });
+        return;
+    }
+    sendResponse(socket, response);
+}
+
+void FakeEngine::sendResponse(QTcpSocket *socket, const FakeResponse &response)
+{
+    if (response.neverAnswer)
+        return;
+    if (response.dropConnection) {
+        socket->abort();
+        return;
+    }
+    QByteArray head = "HTTP/1.1 " + QByteArray::number(response.status) + " Status\r\n";
+    head += "Content-Type: " + response.contentType + "\r\n";
+    if (response.parts.isEmpty()) {
+        head += "Content-Length: " + QByteArray::number(response.body.size()) + "\r\n\r\n";
+        socket->write(head + response.body);
+        return;
+    }
+    head += "Transfer-Encoding: chunked\r\n\r\n";
+    socket->write(head);
+    // Parts go out one after another, each after its own delay.
+    QPointer<QTcpSocket> guarded(socket);
+    auto sendPart = std::make_shared<std::function<void(int)>>();
+    *sendPart = [this, guarded, response, sendPart](int index) {
+        if (!guarded)
+            return;
+        if (index >= response.parts.size()) {
+            if (response.dropAfterParts) {
+                guarded->abort();
+                return;
+            }
+            guarded->write("0\r\n\r\n");
+            return;
+        }
+        const QByteArray &data = response.parts.at(index).second;
+        if (!data.isEmpty())
+            guarded->write(QByteArray::number(data.size(), 16) + "\r\n" + data + "\r\n");
+        guarded->flush();
+        const int nextDelay = index + 1 < response.parts.size() ? response.parts.at(index + 1).first : 0;
+        if (nextDelay > 0)
+            QTimer::singleShot(nextDelay, this, [sendPart, index] { (*sendPart)(index + 1); });
+        else
+            (*sendPart)(index + 1);
+    };
+    const int firstDelay = response.parts.first().first;
+    if (firstDelay > 0)
+        QTimer::singleShot(firstDelay, this, [sendPart] { (*sendPart)(0); });
+    else
+        (*sendPart)(0);
+}

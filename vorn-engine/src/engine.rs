@@ -1,0 +1,842 @@
+//! The inference thread. It owns llama.cpp's model, context and projector and
+//! runs one command at a time, so tokio's threads never block on inference.
+
+use crate::ffi;
+use crate::prompt::{reusable_prefix, StopMatcher, StopOutcome};
+use crate::state::{lock, Loaded, RunMetrics, Shared};
+use crate::template::{ChatTemplate, TemplateMessage, MEDIA_MARKER};
+use crate::utf8::Utf8Stream;
+use llama_cpp_2::context::params::LlamaContextParams;
+use llama_cpp_2::context::LlamaContext;
+use llama_cpp_2::llama_backend::LlamaBackend;
+use llama_cpp_2::llama_batch::LlamaBatch;
+use llama_cpp_2::model::params::LlamaModelParams;
+use llama_cpp_2::model::LlamaModel;
+use llama_cpp_2::mtmd::{
+    MtmdBitmap, MtmdContext, MtmdContextParams, MtmdInputChunkType, MtmdInputChunks, MtmdInputText,
+};
+use llama_cpp_2::sampling::LlamaSampler;
+use llama_cpp_2::token::LlamaToken;
+use std::collections::HashMap;
+use std::ffi::CString;
+use std::num::NonZeroU32;
+use std::panic::{catch_unwind, AssertUnwindSafe};
+use std::path::PathBuf;
+use std::sync::atomic::{AtomicBool, Ordering};
+use std::sync::{mpsc, Arc};
+use std::time::Instant;
+use tokio::sync::{mpsc as tmpsc, oneshot};
+
+pub type Reply<T> = oneshot::Sender<Result<T, EngineError>>;
+
+#[derive(Debug, Clone)]
+pub struct EngineError {
+    pub status: u16,
+    pub message: String,
+}
+
+impl EngineError {
+    pub fn new(status: u16, message: impl Into<String>) -> Self {
+        Self { status, message: message.into() }
+    }
+}
+
+pub struct LoadRequest {
+    pub name: String,
+    pub path: PathBuf,
+    pub gpu: bool,
+    pub ctx: u32,
+    pub projector: Option<(String, PathBuf)>,
+}
+
+pub struct Image {
+    pub hash: String,
+    pub bytes: Arc<Vec<u8>>,
+}
+
+pub struct ChatMessage {
+    pub role: String,
+    /// Text with one media marker per image, in order.
+    pub content: String,
+    pub images: Vec<Image>,
+}
+
+pub struct ChatJob {
+    pub messages: Vec<ChatMessage>,
+    pub temperature: f32,
+    pub top_p: f32,
+    pub top_k: i32,
+    pub min_p: f32,
+    pub seed: u32,
+    pub max_tokens: Option<u32>,
+    pub stop: Vec<String>,
+    pub events: tmpsc::UnboundedSender<Event>,
+    pub cancel: Arc<AtomicBool>,
+}
+
+#[derive(Debug)]
+pub enum Event {
+    Started,
+    Delta(String),
+    Done { finish_reason: &'static str, prompt_tokens: i64, completion_tokens: i64 },
+    Error(EngineError),
+}
+
+pub enum Command {
+    Load(LoadRequest, Reply<()>),
+    Unload(oneshot::Sender<()>),
+    Chat(ChatJob),
+    Encode(Image, Reply<()>),
+}
+
+pub fn spawn(shared: Arc<Shared>) -> mpsc::Sender<Command> {
+    let (tx, rx) = mpsc::channel();
+    std::thread::Builder::new()
+        .name("inference".into())
+        .spawn(move || worker(rx, shared))
+        .expect("cannot start the inference thread");
+    tx
+}
+
+fn threads() -> i32 {
+    std::thread::available_parallelism().map(|n| n.get() as i32).unwrap_or(4)
+}
+
+fn worker(rx: mpsc::Receiver<Command>, shared: Arc<Shared>) {
+    let mut backend = match LlamaBackend::init() {
+        Ok(b) => b,
+        Err(e) => {
+            eprintln!("vorn-engine: llama.cpp backend failed to start: {e}");
+            // Keep answering so requests get an error instead of hanging.
+            for cmd in rx {
+                fail(cmd, EngineError::new(500, format!("llama.cpp failed to start: {e}")));
+            }
+            return;
+        }
+    };
+    if std::env::var_os("VORN_ENGINE_LOG").is_none() {
+        backend.void_logs();
+    }
+    let mut pending: Option<Command> = None;
+    loop {
+        let cmd = match pending.take() {
+            Some(c) => c,
+            None => match rx.recv() {
+                Ok(c) => c,
+                Err(_) => return,
+            },
+        };
+        match cmd {
+            Command::Load(req, reply) => pending = load_and_serve(&backend, req, reply, &rx, &shared),
+            Command::Unload(reply) => {
+                let _ = reply.send(());
+            }
+            other => fail(other, EngineError::new(409, "No model is loaded.")),
+        }
+    }
+}
+
+fn fail(cmd: Command, err: EngineError) {
+    match cmd {
+        Command::Load(_, reply) | Command::Encode(_, reply) => {
+            let _ = reply.send(Err(err));
+        }
+        Command::Unload(reply) => {
+            let _ = reply.send(());
+        }
+        Command::Chat(job) => {
+            let _ = job.events.send(Event::Error(err));
+        }
+    }
+}
+
+fn load_and_serve(
+    backend: &LlamaBackend,
+    req: LoadRequest,
+    reply: Reply<()>,
+    rx: &mpsc::Receiver<Command>,
+    shared: &Arc<Shared>,
+) -> Option<Command> {
+    *lock(&shared.loaded) = None;
+    // Our own bounds-checked reader looks at the header before llama.cpp does.
+    let header = match crate::gguf::read_file(&req.path) {
+        Ok(h) => h,
+        Err(e) => {
+            let _ = reply.send(Err(EngineError::new(500, format!("{} is not a usable GGUF file: {e}", req.name))));
+            return None;
+        }
+    };
+    if header.is_projector() {
+        let _ = reply.send(Err(EngineError::new(
+            500,
+            format!("{} is an image projector, not a model; load its model instead.", req.name),
+        )));
+        return None;
+    }
+    let offload = req.gpu && backend.supports_gpu_offload();
+    let params = LlamaModelParams::default().with_n_gpu_layers(if offload { 999 } else { 0 });
+    let loaded = catch_unwind(AssertUnwindSafe(|| LlamaModel::load_from_file(backend, &req.path, &params)));
+    let model = match loaded {
+        Ok(Ok(m)) => m,
+        Ok(Err(e)) => {
+            let arch = header.architecture().unwrap_or("unknown");
+            let _ = reply.send(Err(EngineError::new(
+                500,
+                format!(
+                    "llama.cpp could not load {} (architecture \"{arch}\"): the file may be corrupt, of an unsupported architecture, or too large for the available memory ({e}).",
+                    req.name
+                ),
+            )));
+            return None;
+        }
+        Err(_) => {
+            let _ = reply.send(Err(EngineError::new(500, format!("llama.cpp failed while loading {}.", req.name))));
+            return None;
+        }
+    };
+    let next = serve(backend, &model, req, offload, reply, rx, shared);
+    *lock(&shared.loaded) = None;
+    next
+}
+
+struct Session<'m> {
+    shared: Arc<Shared>,
+    model: &'m LlamaModel,
+    // Dropped before the model, which the caller owns.
+    mtmd: Option<MtmdContext>,
+    ctx: LlamaContext<'m>,
+    n_ctx: u32,
+    n_batch: u32,
+    template: ChatTemplate,
+    /// What the KV cache holds for sequence 0, one key per position.
+    cached: Vec<Key>,
+    /// First message kept when the conversation last overflowed the context,
+    /// so later turns cut at the same place and keep the cache useful.
+    cut_anchor: Option<(String, String)>,
+    bitmaps: LruCache<Arc<MtmdBitmap>>,
+    embeddings: LruCache<Arc<Vec<f32>>>,
+    mrope: bool,
+}
+
+#[derive(Clone, Copy, PartialEq, Eq, Debug)]
+enum Key {
+    Token(i32),
+    Image(u64, u32),
+}
+
+struct LruCache<T> {
+    cap: usize,
+    items: Vec<(String, T)>,
+}
+
+impl<T: Clone> LruCache<T> {
+    fn new(cap: usize) -> Self {
+        Self { cap, items: Vec::new() }
+    }
+    fn get(&mut self, k: &str) -> Option<T> {
+        let i = self.items.iter().position(|(key, _)| key == k)?;
+        let item = self.items.remove(i);
+        let v = item.1.clone();
+        self.items.push(item);
+        Some(v)
+    }
+    fn put(&mut self, k: String, v: T) {
+        self.items.retain(|(key, _)| *key != k);
+        if self.items.len() >= self.cap {
+            self.items.remove(0);
+        }
+        self.items.push((k, v));
+    }
+}
+
+fn serve(
+    backend: &LlamaBackend,
+    model: &LlamaModel,
+    req: LoadRequest,
+    offload: bool,
+    reply: Reply<()>,
+    rx: &mpsc::Receiver<Command>,
+    shared: &Arc<Shared>,
+) -> Option<Command> {
+    let n_ctx = if req.ctx == 0 { model.n_ctx_train().max(512) } else { req.ctx.clamp(64, 1 << 20) };
+    let n_batch = 512u32.min(n_ctx);
+    let params = LlamaContextParams::default()
+        .with_n_ctx(NonZeroU32::new(n_ctx))
+        .with_n_batch(n_batch)
+        .with_n_ubatch(n_batch)
+        .with_n_threads(threads())
+        .with_n_threads_batch(threads());
+    let ctx = match model.new_context(backend, params) {
+        Ok(c) => c,
+        Err(e) => {
+            let _ = reply.send(Err(EngineError::new(
+                500,
+                format!("llama.cpp could not create a context of {n_ctx} tokens for {} ({e}); try a smaller context or free memory.", req.name),
+            )));
+            return None;
+        }
+    };
+
+    let mut mtmd = None;
+    let mut projector_name = None;
+    if let Some((pname, ppath)) = &req.projector {
+        let params = MtmdContextParams {
+            use_gpu: offload,
+            print_timings: false,
+            n_threads: threads(),
+            media_marker: CString::new(MEDIA_MARKER).expect("marker has no NUL"),
+            image_min_tokens: -1,
+            image_max_tokens: -1,
+        };
+        let made = catch_unwind(AssertUnwindSafe(|| {
+            MtmdContext::init_from_file(&ppath.to_string_lossy(), model, &params)
+        }));
+        match made {
+            Ok(Ok(m)) if m.support_vision() => {
+                mtmd = Some(m);
+                projector_name = Some(pname.clone());
+            }
+            _ => eprintln!("vorn-engine: projector {pname} could not be used with {}", req.name),
+        }
+    }
+
+    let template_src = model.chat_template(None).ok().and_then(|t| t.to_string().ok());
+    let vocab = model.vocab();
+    let piece = |t: LlamaToken| String::from_utf8_lossy(&vocab.token_to_piece(t, true, None)).into_owned();
+    let bos = if vocab.bos().0 >= 0 { piece(vocab.bos()) } else { String::new() };
+    let eos = if vocab.eos().0 >= 0 { piece(vocab.eos()) } else { String::new() };
+    let template = ChatTemplate::new(template_src, bos, eos);
+
+    let mrope = mtmd.as_ref().map(|m| m.decode_use_mrope()).unwrap_or(false);
+    let mut session = Session {
+        shared: shared.clone(),
+        model,
+        mtmd,
+        ctx,
+        n_ctx,
+        n_batch,
+        template,
+        cached: Vec::new(),
+        cut_anchor: None,
+        bitmaps: LruCache::new(16),
+        embeddings: LruCache::new(8),
+        mrope,
+    };
+    *lock(&shared.loaded) = Some(Loaded {
+        name: req.name.clone(),
+        backend: if offload { "gpu" } else { "cpu" },
+        ctx: n_ctx,
+        vision: session.mtmd.is_some(),
+        projector: projector_name,
+    });
+    let _ = reply.send(Ok(()));
+
+    loop {
+        let cmd = rx.recv().ok()?;
+        match cmd {
+            Command::Load(..) => return Some(cmd),
+            Command::Unload(reply) => {
+                *lock(&shared.loaded) = None;
+                drop(session);
+                let _ = reply.send(());
+                return None;
+            }
+            Command::Chat(job) => {
+                let events = job.events.clone();
+                let result = catch_unwind(AssertUnwindSafe(|| session.chat(job)));
+                if result.is_err() {
+                    session.cached.clear();
+                    session.ctx.clear_kv_cache();
+                    let _ = events.send(Event::Error(EngineError::new(500, "The engine failed while generating.")));
+                }
+            }
+            Command::Encode(image, reply) => {
+                let result = catch_unwind(AssertUnwindSafe(|| session.encode(&image)))
+                    .unwrap_or_else(|_| Err(EngineError::new(500, "The engine failed while encoding the image.")));
+                let _ = reply.send(result);
+            }
+        }
+    }
+}
+
+fn hash_key(hex: &str) -> u64 {
+    u64::from_str_radix(hex.get(..16).unwrap_or("0"), 16).unwrap_or(0)
+}
+
+enum Prompt {
+    Text(Vec<LlamaToken>),
+    Chunks(MtmdInputChunks),
+}
+
+impl Prompt {
+    fn len(&self) -> usize {
+        match self {
+            Prompt::Text(t) => t.len(),
+            Prompt::Chunks(c) => c.total_tokens(),
+        }
+    }
+}
+
+impl<'m> Session<'m> {
+    fn bitmap(&mut self, image: &Image) -> Result<Arc<MtmdBitmap>, EngineError> {
+        if let Some(b) = self.bitmaps.get(&image.hash) {
+            return Ok(b);
+        }
+        let mtmd = self.mtmd.as_ref().ok_or_else(|| EngineError::new(400, "The loaded model does not accept images."))?;
+        let mut bitmap = MtmdBitmap::from_buffer(mtmd, &image.bytes, false)
+            .map_err(|_| EngineError::new(400, "The image could not be decoded (PNG, JPEG, GIF, BMP and similar formats are supported)."))?;
+        bitmap
+            .set_id(&image.hash)
+            .map_err(|_| EngineError::new(400, "bad image id"))?;
+        let bitmap = Arc::new(bitmap);
+        self.bitmaps.put(image.hash.clone(), bitmap.clone());
+        Ok(bitmap)
+    }
+
+    /// Decodes the image and runs the image encoder now, keeping its output.
+    fn encode(&mut self, image: &Image) -> Result<(), EngineError> {
+        if self.mtmd.is_none() {
+            return Err(EngineError::new(409, "The loaded model has no image support."));
+        }
+        if self.embeddings.get(&image.hash).is_some() {
+            return Ok(());
+        }
+        let bitmap = self.bitmap(image)?;
+        let mtmd = self.mtmd.as_mut().expect("checked above");
+        let chunks = mtmd
+            .tokenize(
+                MtmdInputText { text: MEDIA_MARKER.to_string(), add_special: false, parse_special: true },
+                &[&bitmap],
+            )
+            .map_err(|e| EngineError::new(400, format!("The image could not be prepared: {e}")))?;
+        for i in 0..chunks.len() {
+            let Some(chunk) = chunks.get(i) else { continue };
+            if chunk.chunk_type() != MtmdInputChunkType::Image {
+                continue;
+            }
+            mtmd.encode_chunk(&chunk)
+                .map_err(|e| EngineError::new(500, format!("The image encoder failed: {e}")))?;
+            let n = chunk.n_tokens() * self.model.n_embd() as usize;
+            let Some(raw) = ffi::mtmd_ptr(mtmd) else { return Ok(()) };
+            // SAFETY: after a successful encode the output holds n_tokens rows
+            // of the text model's embedding width.
+            let out = unsafe { llama_cpp_sys_2::mtmd_get_output_embd(raw) };
+            if out.is_null() {
+                return Ok(());
+            }
+            let embd = unsafe { std::slice::from_raw_parts(out, n) }.to_vec();
+            self.embeddings.put(image.hash.clone(), Arc::new(embd));
+        }
+        Ok(())
+    }
+
+    fn tokenize_text(&self, prompt: &str) -> Vec<LlamaToken> {
+        let vocab = self.model.vocab();
+        let bos_text = self.template_bos();
+        let add_special = bos_text.is_empty() || !prompt.starts_with(&bos_text);
+        vocab.tokenize(prompt.as_bytes(), add_special, true)
+    }
+
+    fn template_bos(&self) -> String {
+        let vocab = self.model.vocab();
+        if vocab.bos().0 < 0 {
+            return String::new();
+        }
+        String::from_utf8_lossy(&vocab.token_to_piece(vocab.bos(), true, None)).into_owned()
+    }
+
+    fn build_prompt(&mut self, messages: &[&ChatMessage]) -> Result<(Prompt, String), EngineError> {
+        let tmsgs: Vec<TemplateMessage> = messages
+            .iter()
+            .map(|m| TemplateMessage { role: m.role.clone(), content: m.content.clone() })
+            .collect();
+        let text = self.template.render(&tmsgs).map_err(|e| EngineError::new(500, e))?;
+        let images: Vec<&Image> = messages.iter().flat_map(|m| m.images.iter()).collect();
+        if images.is_empty() {
+            return Ok((Prompt::Text(self.tokenize_text(&text)), text));
+        }
+        let mut bitmaps = Vec::with_capacity(images.len());
+        for img in &images {
+            bitmaps.push(self.bitmap(img)?);
+        }
+        let refs: Vec<&MtmdBitmap> = bitmaps.iter().map(|b| b.as_ref()).collect();
+        let bos_text = self.template_bos();
+        let add_special = bos_text.is_empty() || !text.starts_with(&bos_text);
+        let mtmd = self.mtmd.as_ref().ok_or_else(|| EngineError::new(400, "The loaded model does not accept images."))?;
+        let chunks = mtmd
+            .tokenize(MtmdInputText { text: text.clone(), add_special, parse_special: true }, &refs)
+            .map_err(|e| EngineError::new(400, format!("The images could not be prepared: {e}")))?;
+        Ok((Prompt::Chunks(chunks), text))
+    }
+
+    /// Renders the conversation, dropping its oldest turns while it does not
+    /// fit the context together with room for the reply.
+    fn fit_prompt(&mut self, job: &ChatJob, reserve: usize) -> Result<Prompt, EngineError> {
+        let all: Vec<&ChatMessage> = job.messages.iter().collect();
+        let (system, rest): (Vec<&ChatMessage>, Vec<&ChatMessage>) = all.iter().partition(|m| m.role == "system");
+        let mut start = 0usize;
+        if let Some((role, content)) = &self.cut_anchor {
+            if let Some(i) = rest.iter().position(|m| &m.role == role && &m.content == content) {
+                start = i;
+            }
+        }
+        let limit = self.n_ctx as usize;
+        loop {
+            let msgs: Vec<&ChatMessage> = system.iter().chain(rest[start..].iter()).copied().collect();
+            let (prompt, _) = self.build_prompt(&msgs)?;
+            let n = prompt.len();
+            let fits = n + reserve <= limit;
+            if fits || start + 1 >= rest.len() {
+                if start > 0 {
+                    self.cut_anchor = rest.get(start).map(|m| (m.role.clone(), m.content.clone()));
+                }
+                if fits {
+                    return Ok(prompt);
+                }
+                // Even the newest message alone is too long: keep its tail.
+                return match prompt {
+                    Prompt::Text(tokens) => {
+                        let keep = limit.saturating_sub(reserve).max(1);
+                        Ok(Prompt::Text(tokens[tokens.len().saturating_sub(keep)..].to_vec()))
+                    }
+                    Prompt::Chunks(_) => Err(EngineError::new(400, "The message is too long for the model's context.")),
+                };
+            }
+            // Cut well below the limit so the next few turns keep the same cut.
+            let target = limit * 3 / 4;
+            let over = n + reserve > target;
+            start += 1;
+            while over && start + 1 < rest.len() && rest[start].role != "user" {
+                start += 1;
+            }
+        }
+    }
+
+    fn chat(&mut self, job: ChatJob) {
+        let t_start = Instant::now();
+        if job.messages.iter().any(|m| !m.images.is_empty()) && self.mtmd.is_none() {
+            let _ = job.events.send(Event::Error(EngineError::new(400, "The loaded model does not accept images.")));
+            return;
+        }
+        let max_tokens = job.max_tokens.map(|m| m as usize).unwrap_or(usize::MAX);
+        let reserve = max_tokens.min(self.n_ctx as usize / 4).max(1);
+        let prompt = match self.fit_prompt(&job, reserve) {
+            Ok(p) => p,
+            Err(e) => {
+                let _ = job.events.send(Event::Error(e));
+                return;
+            }
+        };
+        let prompt_tokens = prompt.len() as i64;
+        if prompt_tokens == 0 {
+            let _ = job.events.send(Event::Error(EngineError::new(400, "The conversation is empty.")));
+            return;
+        }
+        if job.events.send(Event::Started).is_err() {
+            return;
+        }
+
+        let t_prefill = Instant::now();
+        let (evaluated, next_pos) = match self.prefill(&prompt, &job.cancel, &job.events) {
+            Ok(r) => r,
+            Err(Some(e)) => {
+                let _ = job.events.send(Event::Error(e));
+                return;
+            }
+            Err(None) => return, // cancelled
+        };
+        let prefill_secs = t_prefill.elapsed().as_secs_f64();
+        let ttft = t_start.elapsed().as_secs_f64();
+
+        // Sampling.
+        let mut sampler = if job.temperature <= 0.0 {
+            LlamaSampler::greedy()
+        } else {
+            let mut chain = Vec::new();
+            if job.top_k > 0 {
+                chain.push(LlamaSampler::top_k(job.top_k));
+            }
+            if job.top_p > 0.0 && job.top_p < 1.0 {
+                chain.push(LlamaSampler::top_p(job.top_p, 1));
+            }
+            if job.min_p > 0.0 {
+                chain.push(LlamaSampler::min_p(job.min_p, 1));
+            }
+            chain.push(LlamaSampler::temp(job.temperature));
+            chain.push(LlamaSampler::dist(job.seed));
+            LlamaSampler::chain_simple(chain)
+        };
+
+        let vocab = self.model.vocab();
+        let mut utf8 = Utf8Stream::default();
+        let mut stops = StopMatcher::new(job.stop.clone());
+        let mut batch = LlamaBatch::new(1, 1);
+        let mut completion = 0i64;
+        let mut finish = "length";
+        let t_decode = Instant::now();
+        let mut pos = next_pos;
+        let mut piece = Vec::with_capacity(32);
+        loop {
+            if job.cancel.load(Ordering::Relaxed) || job.events.is_closed() {
+                finish = "cancelled";
+                break;
+            }
+            if completion as usize >= max_tokens {
+                break;
+            }
+            if pos >= self.n_ctx as usize {
+                break;
+            }
+            let token = sampler.sample(&self.ctx, -1);
+            if vocab.is_eog(token) {
+                finish = "stop";
+                break;
+            }
+            completion += 1;
+            piece.clear();
+            vocab.token_to_piece_into(token, &mut piece, false, None);
+            let text = utf8.push(&piece);
+            if !text.is_empty() {
+                match stops.push(&text) {
+                    StopOutcome::Emit(t) => {
+                        if !t.is_empty() && job.events.send(Event::Delta(t)).is_err() {
+                            finish = "cancelled";
+                            break;
+                        }
+                    }
+                    StopOutcome::Stopped(t) => {
+                        if !t.is_empty() {
+                            let _ = job.events.send(Event::Delta(t));
+                        }
+                        finish = "stop";
+                        // The stop string stays out of the cache's record of
+                        // the reply; the next turn re-renders it anyway.
+                        break;
+                    }
+                }
+            }
+            if completion as usize >= max_tokens || pos + 1 >= self.n_ctx as usize {
+                // No need to evaluate a token we will never continue from.
+                break;
+            }
+            batch.clear();
+            if batch.add(token, pos as i32, &[0], true).is_err() {
+                break;
+            }
+            if let Err(e) = self.ctx.decode(&mut batch) {
+                let _ = job.events.send(Event::Error(EngineError::new(500, format!("Generation failed: {e}"))));
+                self.cached.clear();
+                self.ctx.clear_kv_cache();
+                return;
+            }
+            self.cached.push(Key::Token(token.0));
+            pos += 1;
+        }
+        if finish != "cancelled" {
+            let rest = utf8.finish();
+            let mut tail = String::new();
+            if !rest.is_empty() {
+                match stops.push(&rest) {
+                    StopOutcome::Emit(t) | StopOutcome::Stopped(t) => tail.push_str(&t),
+                }
+            }
+            tail.push_str(&stops.finish());
+            if !tail.is_empty() {
+                let _ = job.events.send(Event::Delta(tail));
+            }
+        }
+        let decode_secs = t_decode.elapsed().as_secs_f64();
+        let metrics = RunMetrics {
+            decode_tps: if decode_secs > 0.0 && completion > 0 { completion as f64 / decode_secs } else { 0.0 },
+            prefill_tps: if prefill_secs > 0.0 && evaluated > 0 { evaluated as f64 / prefill_secs } else { 0.0 },
+            prompt_tokens,
+            completion_tokens: completion,
+            evaluated_tokens: evaluated as i64,
+            cached_tokens: prompt_tokens - evaluated as i64,
+            ttft_ms: ttft * 1000.0,
+        };
+        *lock(&self.shared.last) = metrics;
+        let _ = job.events.send(Event::Done {
+            finish_reason: if finish == "cancelled" { "stop" } else { finish },
+            prompt_tokens,
+            completion_tokens: completion,
+        });
+    }
+
+    /// Drops cached positions from `keep` on; false when the cache cannot do it.
+    fn truncate_cache(&mut self, keep: usize) -> bool {
+        if keep >= self.cached.len() {
+            return true;
+        }
+        let ok = self.ctx.clear_kv_cache_seq(Some(0), Some(keep as u32), None).unwrap_or(false);
+        if ok {
+            self.cached.truncate(keep);
+        } else {
+            self.ctx.clear_kv_cache();
+            self.cached.clear();
+        }
+        ok
+    }
+
+    /// M-RoPE models give images fewer positions than keys, so their cache is
+    /// only trusted up to the first image.
+    fn limit_for_mrope(&self, keep: usize) -> usize {
+        if !self.mrope {
+            return keep;
+        }
+        let first = self.cached.iter().position(|k| matches!(k, Key::Image(..))).unwrap_or(keep);
+        keep.min(first)
+    }
+
+    /// Evaluates the prompt after what the cache already holds. Returns the
+    /// number of positions evaluated and the next position, Err(None) when
+    /// cancelled.
+    fn prefill(
+        &mut self,
+        prompt: &Prompt,
+        cancel: &AtomicBool,
+        events: &tmpsc::UnboundedSender<Event>,
+    ) -> Result<(usize, usize), Option<EngineError>> {
+        match prompt {
+            Prompt::Text(tokens) => {
+                let keys: Vec<Key> = tokens.iter().map(|t| Key::Token(t.0)).collect();
+                let mut keep = self.limit_for_mrope(reusable_prefix(&self.cached, &keys));
+                if !self.truncate_cache(keep) {
+                    keep = 0;
+                }
+                self.decode_tokens(&tokens[keep..], keep, cancel, events)?;
+                Ok((tokens.len() - keep, tokens.len()))
+            }
+            Prompt::Chunks(chunks) => self.prefill_chunks(chunks, cancel, events),
+        }
+    }
+
+    fn decode_tokens(
+        &mut self,
+        tokens: &[LlamaToken],
+        start: usize,
+        cancel: &AtomicBool,
+        events: &tmpsc::UnboundedSender<Event>,
+    ) -> Result<(), Option<EngineError>> {
+        let n_batch = self.n_batch as usize;
+        let mut batch = LlamaBatch::new(n_batch, 1);
+        let mut pos = start;
+        for (ci, part) in tokens.chunks(n_batch).enumerate() {
+            if cancel.load(Ordering::Relaxed) || events.is_closed() {
+                return Err(None);
+            }
+            batch.clear();
+            let last_part = (ci + 1) * n_batch >= tokens.len();
+            for (i, t) in part.iter().enumerate() {
+                let logits = last_part && i + 1 == part.len();
+                batch
+                    .add(*t, (pos + i) as i32, &[0], logits)
+                    .map_err(|e| Some(EngineError::new(500, format!("batch error: {e}"))))?;
+            }
+            if let Err(e) = self.ctx.decode(&mut batch) {
+                self.truncate_cache(pos);
+                return Err(Some(EngineError::new(500, format!("Prompt evaluation failed: {e}"))));
+            }
+            self.cached.extend(part.iter().map(|t| Key::Token(t.0)));
+            pos += part.len();
+        }
+        Ok(())
+    }
+
+    fn prefill_chunks(
+        &mut self,
+        chunks: &MtmdInputChunks,
+        cancel: &AtomicBool,
+        events: &tmpsc::UnboundedSender<Event>,
+    ) -> Result<(usize, usize), Option<EngineError>> {
+        // Keys per chunk; M-RoPE models place images differently, so their
+        // cache is only reused up to the first image.
+        let mut keys = Vec::new();
+        let mut first_image = None;
+        for i in 0..chunks.len() {
+            let Some(c) = chunks.get(i) else { continue };
+            match c.chunk_type() {
+                MtmdInputChunkType::Text => {
+                    keys.extend(c.text_tokens().unwrap_or(&[]).iter().map(|t| Key::Token(t.0)));
+                }
+                _ => {
+                    first_image.get_or_insert(keys.len());
+                    let h = hash_key(&c.id().unwrap_or_default());
+                    keys.extend((0..c.n_tokens() as u32).map(|j| Key::Image(h, j)));
+                }
+            }
+        }
+        let mut keep = self.limit_for_mrope(reusable_prefix(&self.cached, &keys));
+        if self.mrope {
+            keep = keep.min(first_image.unwrap_or(keep));
+        }
+        // Back up to the start of an image that is only partly cached.
+        let mut s = 0;
+        for i in 0..chunks.len() {
+            let Some(c) = chunks.get(i) else { continue };
+            let n = c.n_tokens();
+            if c.chunk_type() != MtmdInputChunkType::Text && s < keep && keep < s + n {
+                keep = s;
+            }
+            s += n;
+        }
+        if !self.truncate_cache(keep) {
+            keep = 0;
+        }
+        let ctx_ptr = ffi::context_ptr(&self.ctx, self.model);
+        let mut s = 0usize;
+        let mut pos = keep as i32;
+        let n_chunks = chunks.len();
+        for i in 0..n_chunks {
+            let Some(c) = chunks.get(i) else { continue };
+            let n = c.n_tokens();
+            let end = s + n;
+            if end <= keep {
+                s = end;
+                continue;
+            }
+            if cancel.load(Ordering::Relaxed) || events.is_closed() {
+                return Err(None);
+            }
+            match c.chunk_type() {
+                MtmdInputChunkType::Text => {
+                    let tokens: Vec<LlamaToken> = c.text_tokens().unwrap_or(&[]).to_vec();
+                    let from = keep.saturating_sub(s);
+                    self.decode_tokens(&tokens[from..], pos as usize, cancel, events)?;
+                    pos += (n - from) as i32;
+                }
+                _ => {
+                    let id = c.id().unwrap_or_default();
+                    let cached_embd = self.embeddings.get(&id);
+                    let mtmd = self.mtmd.as_mut().ok_or_else(|| Some(EngineError::new(400, "no projector")))?;
+                    let raw = (|| Some((ffi::mtmd_ptr(mtmd)?, ctx_ptr?, ffi::chunk_ptr(&c)?)))();
+                    let mut new_pos: i32 = pos;
+                    let rc = match (raw, cached_embd) {
+                        (Some((m, l, ch)), Some(embd)) => unsafe {
+                            // Reuses the encoder output computed by /api/encode.
+                            llama_cpp_sys_2::mtmd_helper_decode_image_chunk(
+                                m, l, ch, embd.as_ptr() as *mut f32, pos, 0, self.n_batch as i32, &mut new_pos,
+                            )
+                        },
+                        (Some((m, l, ch)), None) => unsafe {
+                            llama_cpp_sys_2::mtmd_helper_eval_chunk_single(
+                                m, l, ch, pos, 0, self.n_batch as i32, false, &mut new_pos,
+                            )
+                        },
+                        (None, _) => {
+                            return Err(Some(EngineError::new(500, "This build cannot evaluate images.")));
+                        }
+                    };
+                    if rc != 0 {
+                        self.truncate_cache(s);
+                        return Err(Some(EngineError::new(500, format!("Image evaluation failed ({rc})."))));
+                    }
+                    self.cached.extend_from_slice(&keys[s..end]);
+                    pos = new_pos;
+                }
+            }
+            s = end;
+        }
+        Ok((keys.len() - keep, pos as usize))
+    }
+}

@@ -1,0 +1,193 @@
+//! vorn-engine: the local inference server that the Vorn app launches.
+
+mod download;
+mod engine;
+mod ffi;
+mod gguf;
+mod names;
+mod prompt;
+mod security;
+mod server;
+mod state;
+mod template;
+mod utf8;
+
+use std::path::PathBuf;
+use std::sync::atomic::Ordering;
+use std::sync::{Arc, Mutex};
+
+const USAGE: &str = "usage: vorn-engine app --port <port> --models-dir <path> [--no-open]\n       vorn-engine --version";
+
+struct Args {
+    port: u16,
+    dir: PathBuf,
+}
+
+fn parse_args(args: &[String]) -> Result<Option<Args>, String> {
+    if args.iter().any(|a| a == "--version" || a == "-V") {
+        return Ok(None);
+    }
+    let mut it = args.iter();
+    match it.next().map(String::as_str) {
+        Some("app") => {}
+        Some(other) => return Err(format!("unknown mode {other:?}")),
+        None => return Err("missing mode".into()),
+    }
+    let mut port = None;
+    let mut dir = None;
+    while let Some(a) = it.next() {
+        match a.as_str() {
+            "--port" => {
+                let v = it.next().ok_or("--port needs a value")?;
+                let p: u16 = v.parse().map_err(|_| format!("invalid port {v:?}"))?;
+                if p == 0 {
+                    return Err("invalid port 0".into());
+                }
+                port = Some(p);
+            }
+            "--models-dir" => {
+                let v = it.next().ok_or("--models-dir needs a value")?;
+                if v.is_empty() {
+                    return Err("--models-dir is empty".into());
+                }
+                dir = Some(PathBuf::from(v));
+            }
+            "--no-open" => {}
+            other => return Err(format!("unknown argument {other:?}")),
+        }
+    }
+    Ok(Some(Args {
+        port: port.ok_or("--port is required")?,
+        dir: dir.ok_or("--models-dir is required")?,
+    }))
+}
+
+/// The engine must never outlive the app.
+fn watch_parent() {
+    #[cfg(target_os = "linux")]
+    unsafe {
+        libc::prctl(libc::PR_SET_PDEATHSIG, libc::SIGTERM as libc::c_ulong, 0, 0, 0);
+    }
+    #[cfg(unix)]
+    {
+        let parent = unsafe { libc::getppid() };
+        let check = move || unsafe { libc::getppid() } != parent;
+        if check() {
+            // The app died before the signal was armed.
+            std::process::exit(0);
+        }
+        std::thread::Builder::new()
+            .name("parent-watch".into())
+            .spawn(move || loop {
+                std::thread::sleep(std::time::Duration::from_millis(500));
+                if check() {
+                    unsafe { libc::kill(libc::getpid(), libc::SIGTERM) };
+                    std::thread::sleep(std::time::Duration::from_secs(5));
+                    std::process::exit(0);
+                }
+            })
+            .ok();
+    }
+}
+
+async fn shutdown_signal() {
+    #[cfg(unix)]
+    {
+        use tokio::signal::unix::{signal, SignalKind};
+        let mut term = signal(SignalKind::terminate()).expect("SIGTERM handler");
+        let mut int = signal(SignalKind::interrupt()).expect("SIGINT handler");
+        tokio::select! {
+            _ = term.recv() => {}
+            _ = int.recv() => {}
+        }
+    }
+    #[cfg(not(unix))]
+    {
+        let _ = tokio::signal::ctrl_c().await;
+    }
+}
+
+fn main() {
+    let args: Vec<String> = std::env::args().skip(1).collect();
+    let args = match parse_args(&args) {
+        Ok(Some(a)) => a,
+        Ok(None) => {
+            println!("vorn-engine {}", env!("CARGO_PKG_VERSION"));
+            return;
+        }
+        Err(e) => {
+            eprintln!("vorn-engine: {e}\n{USAGE}");
+            std::process::exit(2);
+        }
+    };
+    watch_parent();
+    let _ = std::fs::create_dir_all(&args.dir);
+
+    let runtime = match tokio::runtime::Builder::new_multi_thread().worker_threads(2).enable_all().build() {
+        Ok(r) => r,
+        Err(e) => {
+            eprintln!("vorn-engine: cannot start runtime: {e}");
+            std::process::exit(1);
+        }
+    };
+    let code = runtime.block_on(run(args));
+    // llama.cpp threads may still be inside a computation; skip global
+    // destructors instead of racing them.
+    unsafe { libc::_exit(code) }
+}
+
+async fn run(args: Args) -> i32 {
+    let listener = match tokio::net::TcpListener::bind(("127.0.0.1", args.port)).await {
+        Ok(l) => l,
+        Err(e) => {
+            eprintln!("vorn-engine: cannot listen on 127.0.0.1:{}: {e}", args.port);
+            return 1;
+        }
+    };
+    let shared = Arc::new(state::Shared::new(args.dir.clone(), args.port));
+    let engine = engine::spawn(shared.clone());
+    let downloads = download::Downloader::new(shared.clone());
+    let app = server::App { shared: shared.clone(), engine: Arc::new(Mutex::new(engine)), downloads: downloads.clone() };
+    let router = server::router(app);
+    let server = axum::serve(listener, router);
+    tokio::select! {
+        r = server => {
+            if let Err(e) = r {
+                eprintln!("vorn-engine: server failed: {e}");
+                return 1;
+            }
+        }
+        _ = shutdown_signal() => {}
+    }
+    shared.shutting_down.store(true, Ordering::Relaxed);
+    downloads.stop_all().await;
+    0
+}
+
+#[cfg(test)]
+mod tests {
+    use super::*;
+
+    fn v(a: &[&str]) -> Vec<String> {
+        a.iter().map(|s| s.to_string()).collect()
+    }
+
+    #[test]
+    fn arguments() {
+        let a = parse_args(&v(&["app", "--port", "4000", "--models-dir", "/m", "--no-open"])).unwrap().unwrap();
+        assert_eq!(a.port, 4000);
+        assert_eq!(a.dir, PathBuf::from("/m"));
+        assert!(parse_args(&v(&["--version"])).unwrap().is_none());
+        for bad in [
+            &["app"][..],
+            &["app", "--port", "x", "--models-dir", "/m"],
+            &["app", "--port", "0", "--models-dir", "/m"],
+            &["app", "--port", "70000", "--models-dir", "/m"],
+            &["serve", "--port", "1", "--models-dir", "/m"],
+            &["app", "--port", "1", "--models-dir", "/m", "--bogus"],
+            &["app", "--port", "1"],
+        ] {
+            assert!(parse_args(&v(bad)).is_err(), "{bad:?} accepted");
+        }
+    }
+}

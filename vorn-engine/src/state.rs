@@ -1,0 +1,140 @@
+//! State shared between the HTTP handlers, the inference thread and downloads.
+
+use crate::gguf;
+use serde::Serialize;
+use std::collections::{BTreeMap, HashMap};
+use std::path::{Path, PathBuf};
+use std::sync::atomic::AtomicBool;
+use std::sync::{Arc, Mutex};
+use std::time::SystemTime;
+
+#[derive(Debug, Clone, Default, Serialize)]
+pub struct RunMetrics {
+    pub decode_tps: f64,
+    pub prefill_tps: f64,
+    pub prompt_tokens: i64,
+    pub completion_tokens: i64,
+    /// Prompt tokens actually evaluated (the rest came from the cache).
+    pub evaluated_tokens: i64,
+    pub cached_tokens: i64,
+    pub ttft_ms: f64,
+}
+
+#[derive(Debug, Clone, Default)]
+pub struct Loaded {
+    pub name: String,
+    pub backend: &'static str,
+    pub ctx: u32,
+    pub vision: bool,
+    pub projector: Option<String>,
+}
+
+#[derive(Debug, Clone, Serialize)]
+pub struct DownloadState {
+    pub name: String,
+    pub bytes: i64,
+    pub total: i64,
+}
+
+pub struct Download {
+    pub bytes: i64,
+    pub total: i64,
+    pub cancel: Arc<AtomicBool>,
+}
+
+#[derive(Clone)]
+pub struct HeaderInfo {
+    pub projector: bool,
+    pub embedding: Option<u64>,
+}
+
+pub struct Shared {
+    pub dir: PathBuf,
+    pub port: u16,
+    pub loaded: Mutex<Option<Loaded>>,
+    pub last: Mutex<RunMetrics>,
+    pub downloads: Mutex<BTreeMap<String, Download>>,
+    header_cache: Mutex<HashMap<PathBuf, (u64, Option<SystemTime>, Option<HeaderInfo>)>>,
+    pub shutting_down: AtomicBool,
+}
+
+#[derive(Debug, Clone, Serialize)]
+pub struct LocalModel {
+    pub name: String,
+    pub size: i64,
+    pub projector: bool,
+}
+
+impl Shared {
+    pub fn new(dir: PathBuf, port: u16) -> Self {
+        Self {
+            dir,
+            port,
+            loaded: Mutex::new(None),
+            last: Mutex::new(RunMetrics::default()),
+            downloads: Mutex::new(BTreeMap::new()),
+            header_cache: Mutex::new(HashMap::new()),
+            shutting_down: AtomicBool::new(false),
+        }
+    }
+
+    /// Header facts of a model file, cached by path, size and modification time.
+    pub fn header_info(&self, path: &Path) -> Option<HeaderInfo> {
+        let meta = std::fs::metadata(path).ok()?;
+        if !meta.is_file() {
+            return None;
+        }
+        let size = meta.len();
+        let mtime = meta.modified().ok();
+        if let Some((s, m, info)) = lock(&self.header_cache).get(path) {
+            if *s == size && *m == mtime {
+                return info.clone();
+            }
+        }
+        let info = gguf::read_file(path).ok().map(|h| HeaderInfo {
+            projector: h.is_projector(),
+            embedding: if h.is_projector() { h.projector_output_dim() } else { h.embedding_length() },
+        });
+        lock(&self.header_cache).insert(path.to_path_buf(), (size, mtime, info.clone()));
+        info
+    }
+
+    /// Every `.gguf` entry of the folder in file-name order.
+    pub fn list_models(&self) -> Vec<LocalModel> {
+        let mut out = Vec::new();
+        let Ok(entries) = std::fs::read_dir(&self.dir) else { return out };
+        for entry in entries.flatten() {
+            let Ok(name) = entry.file_name().into_string() else { continue };
+            if !crate::names::has_gguf_extension(&name) || name.starts_with('.') {
+                continue;
+            }
+            let Ok(ft) = entry.file_type() else { continue };
+            if !(ft.is_file() || ft.is_symlink()) {
+                continue;
+            }
+            let path = entry.path();
+            // Follows links; a dangling link has no size.
+            let size = match std::fs::metadata(&path) {
+                Ok(m) if m.is_file() => m.len() as i64,
+                Ok(_) => continue,
+                Err(_) => 0,
+            };
+            let projector = size > 0 && self.header_info(&path).map(|i| i.projector).unwrap_or(false);
+            out.push(LocalModel { name, size, projector });
+        }
+        out.sort_by(|a, b| a.name.cmp(&b.name));
+        out
+    }
+
+    pub fn download_states(&self) -> Vec<DownloadState> {
+        lock(&self.downloads)
+            .iter()
+            .map(|(name, d)| DownloadState { name: name.clone(), bytes: d.bytes, total: d.total })
+            .collect()
+    }
+}
+
+/// Locks a mutex, carrying on with the data if another thread panicked.
+pub fn lock<T>(m: &Mutex<T>) -> std::sync::MutexGuard<'_, T> {
+    m.lock().unwrap_or_else(|e| e.into_inner())
+}
