@@ -272,7 +272,7 @@ impl Downloader {
 
         let mut hasher = Sha256::new();
         let hashing = facts.sha256.is_some();
-        let mut file = tokio::fs::OpenOptions::new()
+        let file = tokio::fs::OpenOptions::new()
             .create(true)
             .append(true)
             .open(&part)

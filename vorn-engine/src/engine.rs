@@ -17,7 +17,6 @@ use llama_cpp_2::mtmd::{
 };
 use llama_cpp_2::sampling::LlamaSampler;
 use llama_cpp_2::token::LlamaToken;
-use std::collections::HashMap;
 use std::ffi::CString;
 use std::num::NonZeroU32;
 use std::panic::{catch_unwind, AssertUnwindSafe};
@@ -577,7 +576,7 @@ impl<'m> Session<'m> {
         let mut pos = next_pos;
         let mut piece = Vec::with_capacity(32);
         loop {
-            if job.cancel.load(Ordering::Relaxed) || job.events.is_closed() {
+            if job.cancel.load(Ordering::Relaxed) || job.events.is_closed() || self.shared.shutting_down.load(Ordering::Relaxed) {
                 finish = "cancelled";
                 break;
             }
@@ -816,6 +815,7 @@ impl<'m> Session<'m> {
                             // Reuses the encoder output computed by /api/encode.
                             llama_cpp_sys_2::mtmd_helper_decode_image_chunk(
                                 m, l, ch, embd.as_ptr() as *mut f32, pos, 0, self.n_batch as i32, &mut new_pos,
+                                None, std::ptr::null_mut(),
                             )
                         },
                         (Some((m, l, ch)), None) => unsafe {
