@@ -325,3 +325,8 @@ QString EngineStore::engineLocation()
     return QDir(applicationFolder).filePath(QStringLiteral("vorn-engine"));
 #endif
 }
+
+void EngineStore::connectForTesting(const QUrl &baseURL)
+{
+    m_baseURL = baseURL;
+}

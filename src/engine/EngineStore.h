@@ -167,6 +167,8 @@ public:
 
     // Tests point the store at a stand-in engine; the app always uses the one beside it.
     static void setEngineLocationForTesting(const QString &path);
+    // Tests talk to a stand-in server without launching a process.
+    void connectForTesting(const QUrl &baseURL);
     static QString engineLocation();
 
 signals:
