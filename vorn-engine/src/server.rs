@@ -30,6 +30,7 @@ pub struct App {
     pub downloads: download::Downloader,
 }
 
+#[derive(Debug)]
 pub struct ApiError(pub StatusCode, pub String);
 
 impl ApiError {
