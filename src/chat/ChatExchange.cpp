@@ -47,6 +47,7 @@ void ChatExchange::begin()
     QNetworkRequest request(target);
     request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
     request.setTransferTimeout(chatTimeoutMilliseconds);
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
     const QJsonObject body{
         {QStringLiteral("messages"), m_messages},
         {QStringLiteral("stream"), true},

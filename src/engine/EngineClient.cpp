@@ -60,6 +60,8 @@ QNetworkReply *EngineStore::request(const QString &path, const std::optional<QJs
     target.setPath(QLatin1Char('/') + path);
     QNetworkRequest networkRequest(target);
     networkRequest.setTransferTimeout(requestTimeoutMilliseconds);
+    // The engine never redirects; a redirect is answered as the error it is.
+    networkRequest.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
     networkRequest.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
     networkRequest.setRawHeader(QByteArrayLiteral("X-Vorn-App"), QByteArrayLiteral("1"));
 

@@ -1,0 +1,232 @@
+#include "FakeEngine.h"
+#include "TestHome.h"
+#include "engine/EngineStore.h"
+#include "model/PlatformWords.h"
+
+#include <QSignalSpy>
+#include <QTcpServer>
+#include <QtTest>
+
+// The store's JSON calls and the status call, against a stand-in engine.
+class ClientTest : public QObject {
+    Q_OBJECT
+
+private:
+    static EngineReply call(EngineStore &store, const QString &path, const std::optional<QJsonObject> &body = {})
+    {
+        std::optional<EngineReply> result;
+        store.request(path, body, [&](const EngineReply &reply) { result = reply; });
+        if (!QTest::qWaitFor([&] { return result.has_value(); }, 5000))
+            return EngineReply{{}, EngineFailure{EngineFailure::Kind::Transport, "test", 0, "no answer"}};
+        return *result;
+    }
+
+    static bool refreshNow(EngineStore &store)
+    {
+        std::optional<bool> applied;
+        store.refresh([&](bool ok) { applied = ok; });
+        QTest::qWaitFor([&] { return applied.has_value(); }, 5000);
+        return applied.value_or(false);
+    }
+
+private slots:
+    void everyCallCarriesBothHeaders()
+    {
+        TestHome home;
+        FakeEngine engine;
+        QVERIFY(engine.listen());
+        engine.route("POST", "/api/load", FakeResponse::json(200, "{}"));
+        engine.setState(FakeEngine::stateJson());
+        EngineStore store;
+        store.connectForTesting(engine.baseURL());
+
+        QVERIFY(call(store, "api/state").ok());
+        QVERIFY(call(store, "api/load", QJsonObject{{"name", "m.gguf"}}).ok());
+        const auto requests = engine.requests();
+        QCOMPARE(requests.size(), 2);
+        QCOMPARE(requests.at(0).method, QByteArray("GET"));
+        QCOMPARE(requests.at(0).path, QByteArray("/api/state"));
+        QVERIFY(requests.at(0).body.isEmpty());
+        QCOMPARE(requests.at(1).method, QByteArray("POST"));
+        QCOMPARE(requests.at(1).body, QByteArray(R"({"name":"m.gguf"})"));
+        for (const RecordedRequest &request : requests) {
+            QCOMPARE(request.header("Content-Type"), QByteArray("application/json"));
+            QCOMPARE(request.header("X-Vorn-App"), QByteArray("1"));
+        }
+    }
+
+    void successReturnsTheBody()
+    {
+        TestHome home;
+        FakeEngine engine;
+        QVERIFY(engine.listen());
+        engine.route("POST", "/api/unload", FakeResponse::json(204, ""));
+        engine.route("GET", "/echo", FakeResponse::json(299, "body text"));
+        EngineStore store;
+        store.connectForTesting(engine.baseURL());
+        QVERIFY(call(store, "api/unload", QJsonObject{}).ok());
+        const EngineReply reply = call(store, "echo");
+        QVERIFY(reply.ok());
+        QCOMPARE(reply.body, QByteArray("body text"));
+    }
+
+    void engineErrorTextBecomesTheMessage()
+    {
+        TestHome home;
+        FakeEngine engine;
+        QVERIFY(engine.listen());
+        engine.route("POST", "/api/load", FakeResponse::json(500, R"({"error":"model not found","code":7})"));
+        EngineStore store;
+        store.connectForTesting(engine.baseURL());
+        const EngineReply reply = call(store, "api/load", QJsonObject{{"name", "x.gguf"}});
+        QVERIFY(!reply.ok());
+        QCOMPARE(reply.failure->message, QStringLiteral("model not found"));
+        QCOMPARE(reply.failure->domain, QStringLiteral("Vorn"));
+        QCOMPARE(reply.failure->code, 1);
+    }
+
+    void otherErrorBodiesGiveTheGenericMessage_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QByteArray>("body");
+        QTest::newRow("500 empty") << 500 << QByteArray();
+        QTest::newRow("404 number") << 404 << QByteArray(R"({"error":404})");
+        QTest::newRow("400 not json") << 400 << QByteArray("<html>bad</html>");
+        QTest::newRow("409 array") << 409 << QByteArray(R"(["error"])");
+        QTest::newRow("503 no member") << 503 << QByteArray(R"({"message":"busy"})");
+        QTest::newRow("302 redirect") << 302 << QByteArray(R"({"error":"moved"})");
+    }
+
+    void otherErrorBodiesGiveTheGenericMessage()
+    {
+        QFETCH(int, status);
+        QFETCH(QByteArray, body);
+        TestHome home;
+        FakeEngine engine;
+        QVERIFY(engine.listen());
+        engine.route("GET", "/api/state", FakeResponse::json(status, body));
+        EngineStore store;
+        store.connectForTesting(engine.baseURL());
+        const EngineReply reply = call(store, "api/state");
+        QVERIFY(!reply.ok());
+        if (status == 302)
+            QCOMPARE(reply.failure->message, QStringLiteral("moved"));
+        else
+            QCOMPARE(reply.failure->message, QStringLiteral("The engine could not complete this request."));
+    }
+
+    void beforeStartFailsWithoutTraffic()
+    {
+        TestHome home;
+        EngineStore store;
+        const EngineReply reply = call(store, "api/state");
+        QVERIFY(!reply.ok());
+        QCOMPARE(reply.failure->kind, EngineFailure::Kind::Transport);
+        QCOMPARE(reply.failure->message, QStringLiteral("Could not connect to the server."));
+        QVERIFY(!refreshNow(store));
+        QVERIFY(!store.state());
+    }
+
+    void refusedConnectionIsPassedThrough()
+    {
+        TestHome home;
+        QTcpServer closed;
+        QVERIFY(closed.listen(QHostAddress::LocalHost));
+        const quint16 port = closed.serverPort();
+        closed.close();
+        EngineStore store;
+        store.connectForTesting(QUrl(QStringLiteral("http://127.0.0.1:%1").arg(port)));
+        const EngineReply reply = call(store, "api/state");
+        QVERIFY(!reply.ok());
+        QCOMPARE(reply.failure->kind, EngineFailure::Kind::Transport);
+        QVERIFY(!reply.failure->message.isEmpty());
+    }
+
+    void refreshAppliesStateReadyActivityAndNotifies()
+    {
+        TestHome home;
+        FakeEngine engine;
+        QVERIFY(engine.listen());
+        engine.setState(FakeEngine::stateJson());
+        EngineStore store;
+        store.connectForTesting(engine.baseURL());
+        int notices = 0;
+        store.setOnStatusChange([&] { ++notices; });
+        store.setError(QStringLiteral("earlier"));
+
+        QVERIFY(refreshNow(store));
+        QVERIFY(store.state());
+        QVERIFY(store.ready());
+        QCOMPARE(store.activity(), PlatformWords::readyActivity());
+        QCOMPARE(notices, 1);
+        QCOMPARE(*store.error(), QStringLiteral("earlier"));
+
+        engine.setState(FakeEngine::stateJson("m.gguf"));
+        QVERIFY(refreshNow(store));
+        QCOMPARE(store.activity(), QStringLiteral("Model ready"));
+        QCOMPARE(store.loadedName(), QStringLiteral("m"));
+        QCOMPARE(notices, 2);
+    }
+
+    void badStatusChangesNothing_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QByteArray>("body");
+        QTest::newRow("missing members") << 200 << QByteArray(R"({"version":"1","dir":"/m"})");
+        QTest::newRow("not json") << 200 << QByteArray("garbage");
+        QTest::newRow("engine error") << 500 << QByteArray(R"({"error":"busy"})");
+    }
+
+    void badStatusChangesNothing()
+    {
+        QFETCH(int, status);
+        QFETCH(QByteArray, body);
+        TestHome home;
+        FakeEngine engine;
+        QVERIFY(engine.listen());
+        engine.setState(FakeEngine::stateJson("first.gguf"));
+        EngineStore store;
+        store.connectForTesting(engine.baseURL());
+        QVERIFY(refreshNow(store));
+        store.setActivity(QStringLiteral("marker"));
+        int notices = 0;
+        store.setOnStatusChange([&] { ++notices; });
+
+        engine.route("GET", "/api/state", FakeResponse::json(status, body));
+        QVERIFY(!refreshNow(store));
+        QCOMPARE(*store.state()->loaded, QStringLiteral("first.gguf"));
+        QVERIFY(store.ready());
+        QCOMPARE(store.activity(), QStringLiteral("marker"));
+        QVERIFY(!store.error());
+        QCOMPARE(notices, 0);
+    }
+
+    void busyStoreKeepsItsActivity()
+    {
+        TestHome home;
+        FakeEngine engine;
+        QVERIFY(engine.listen());
+        engine.setState(FakeEngine::stateJson("m.gguf"));
+        EngineStore store;
+        store.connectForTesting(engine.baseURL());
+        store.setGenerating(true);
+        store.setActivity(QStringLiteral("Answering"));
+        QVERIFY(refreshNow(store));
+        QVERIFY(store.state());
+        QVERIFY(store.ready());
+        QCOMPARE(store.activity(), QStringLiteral("Answering"));
+        store.setGenerating(false);
+        store.setLoading(true);
+        QVERIFY(refreshNow(store));
+        QCOMPARE(store.activity(), QStringLiteral("Answering"));
+    }
+
+    void readyTextsForBothPlatforms()
+    {
+        QCOMPARE(PlatformWords::readyActivity(PlatformWords::Platform::Mac), QStringLiteral("Ready on this Mac"));
+        QCOMPARE(PlatformWords::readyActivity(PlatformWords::Platform::Other), QStringLiteral("Ready on this computer"));
+    }
+};
+
+QTEST_GUILESS_MAIN(ClientTest)
+#include "ClientTest.moc"

@@ -1,0 +1,257 @@
+#include "FakeEngine.h"
+#include "TestHome.h"
+#include "engine/EngineStore.h"
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QtTest>
+
+// Launching, watching and stopping the engine, with small scripts standing in for it.
+class ProcessTest : public QObject {
+    Q_OBJECT
+
+private:
+    // Writes an executable stand-in engine that records its arguments, then runs body.
+    static QString writeEngine(const QString &folder, const QByteArray &body, bool executable = true)
+    {
+        const QString path = QDir(folder).filePath(QStringLiteral("vorn-engine"));
+        QFile file(path);
+        if (!file.open(QIODevice::WriteOnly))
+            return {};
+        file.write("#!/bin/sh\n"
+                   "for argument in \"$@\"; do printf '%s\\n' \"$argument\"; done >> \"$HOME/launches\"\n"
+                   "echo --- >> \"$HOME/launches\"\n");
+        file.write(body);
+        file.close();
+        QFile::Permissions permissions = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
+        if (executable)
+            permissions |= QFileDevice::ExeOwner;
+        file.setPermissions(permissions);
+        EngineStore::setEngineLocationForTesting(path);
+        return path;
+    }
+
+    static QStringList launches(const TestHome &home)
+    {
+        QFile file(QDir(home.path()).filePath(QStringLiteral("launches")));
+        if (!file.open(QIODevice::ReadOnly))
+            return {};
+        return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    }
+
+    static int launchCount(const TestHome &home) { return static_cast<int>(launches(home).count(QStringLiteral("---"))); }
+
+private slots:
+    void cleanup() { EngineStore::setEngineLocationForTesting({}); }
+
+    void launchesWithSixArgumentsOnALoopbackPort()
+    {
+        TestHome home;
+        writeEngine(home.path(), "exec sleep 30\n");
+        EngineStore store;
+        store.start();
+        QVERIFY(store.process());
+        QVERIFY(store.pollTask());
+        QTRY_COMPARE(launchCount(home), 1);
+        const QStringList arguments = launches(home);
+        QCOMPARE(arguments.size(), 7);
+        QCOMPARE(arguments.at(0), QStringLiteral("app"));
+        QCOMPARE(arguments.at(1), QStringLiteral("--port"));
+        const int port = arguments.at(2).toInt();
+        QVERIFY(port >= 20000 && port <= 49000);
+        QCOMPARE(arguments.at(2), QString::number(port));
+        QCOMPARE(arguments.at(3), QStringLiteral("--models-dir"));
+        QCOMPARE(arguments.at(4), home.modelsFolder());
+        QCOMPARE(arguments.at(5), QStringLiteral("--no-open"));
+        QCOMPARE(store.baseURL()->toString(), QStringLiteral("http://127.0.0.1:%1").arg(port));
+        QVERIFY(QFileInfo(home.modelsFolder()).isDir());
+        store.shutdown();
+    }
+
+    void portsStayInRange()
+    {
+        TestHome home;
+        writeEngine(home.path(), "exit 0\n");
+        for (int round = 0; round < 40; ++round) {
+            EngineStore store;
+            store.start();
+            const int port = store.baseURL()->port();
+            QVERIFY2(port >= 20000 && port <= 49000, qPrintable(QString::number(port)));
+            store.shutdown();
+        }
+    }
+
+    void startingTwiceLaunchesOnce()
+    {
+        TestHome home;
+        writeEngine(home.path(), "exec sleep 30\n");
+        EngineStore store;
+        store.start();
+        QProcess *first = store.process();
+        store.start();
+        QCOMPARE(store.process(), first);
+        QTest::qWait(300);
+        QCOMPARE(launchCount(home), 1);
+        store.shutdown();
+    }
+
+    void engineWithoutExecutePermissionIsMissing()
+    {
+        TestHome home;
+        writeEngine(home.path(), "exec sleep 30\n", false);
+        EngineStore store;
+        const QString activity = store.activity();
+        store.start();
+        QVERIFY(!store.process());
+        QVERIFY(!store.pollTask());
+        QVERIFY(!store.baseURL());
+        QCOMPARE(*store.error(), QStringLiteral("The bundled Vorn engine is missing. Please reinstall the app."));
+        QCOMPARE(store.activity(), activity);
+        QTest::qWait(200);
+        QCOMPARE(launchCount(home), 0);
+    }
+
+    void absentEngineIsMissing()
+    {
+        TestHome home;
+        EngineStore::setEngineLocationForTesting(QDir(home.path()).filePath("nowhere/vorn-engine"));
+        EngineStore store;
+        store.start();
+        QVERIFY(!store.process());
+        QCOMPARE(*store.error(), QStringLiteral("The bundled Vorn engine is missing. Please reinstall the app."));
+    }
+
+    void unlaunchableEngineReportsTheFailure()
+    {
+        TestHome home;
+        const QString path = QDir(home.path()).filePath(QStringLiteral("vorn-engine"));
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(QByteArray("\x7f" "ELF not really", 15));
+        file.close();
+        file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+        EngineStore::setEngineLocationForTesting(path);
+        EngineStore store;
+        store.start();
+        QVERIFY(!store.process());
+        QVERIFY(!store.pollTask());
+        QVERIFY(store.error());
+        QVERIFY(!store.error()->isEmpty());
+        QCOMPARE(store.activity(), QStringLiteral("Could not start engine"));
+    }
+
+    void engineExitingOnItsOwnIsReported()
+    {
+        TestHome home;
+        writeEngine(home.path(), "sleep 0.3\nexit 1\n");
+        EngineStore store;
+        int notices = 0;
+        store.setOnStatusChange([&] { ++notices; });
+        store.start();
+        QTRY_VERIFY_WITH_TIMEOUT(store.error().has_value(), 5000);
+        QCOMPARE(*store.error(), QStringLiteral("The local engine stopped (1). Relaunch Vorn to reconnect."));
+        QCOMPARE(store.activity(), QStringLiteral("Engine stopped"));
+        QVERIFY(!store.ready());
+        QVERIFY(notices >= 1);
+        // Not relaunched, and a second start does nothing while the dead process is kept.
+        QVERIFY(store.process());
+        store.start();
+        QTest::qWait(300);
+        QCOMPARE(launchCount(home), 1);
+        store.shutdown();
+    }
+
+    void engineKilledBySignalReportsTheSignal()
+    {
+        TestHome home;
+        writeEngine(home.path(), "sleep 0.3\nkill -9 $$\n");
+        EngineStore store;
+        store.start();
+        QTRY_VERIFY_WITH_TIMEOUT(store.error().has_value(), 5000);
+        QCOMPARE(*store.error(), QStringLiteral("The local engine stopped (9). Relaunch Vorn to reconnect."));
+        store.shutdown();
+    }
+
+    void shutdownIsNotReportedAsAFailure()
+    {
+        TestHome home;
+        writeEngine(home.path(), "exec sleep 30\n");
+        FakeEngine engine;
+        EngineStore store;
+        int notices = 0;
+        store.setOnStatusChange([&] { ++notices; });
+        store.start();
+        QVERIFY(engine.listen(static_cast<quint16>(store.baseURL()->port())));
+        engine.setState(FakeEngine::stateJson());
+        QTRY_VERIFY_WITH_TIMEOUT(store.ready(), 5000);
+        const int noticesBefore = notices;
+        const QString activity = store.activity();
+        QProcess *process = store.process();
+        QSignalSpy finished(process, &QProcess::finished);
+        store.shutdown();
+        QVERIFY(!store.process());
+        QVERIFY(finished.wait(5000));
+        QTRY_VERIFY(!store.ready());
+        QTRY_COMPARE(notices, noticesBefore + 1);
+        QVERIFY(!store.error());
+        QCOMPARE(store.activity(), activity);
+        // The poll task has ended: no more status calls.
+        QTest::qWait(100);
+        const int calls = engine.countOf("/api/state");
+        QTest::qWait(2500);
+        QCOMPARE(engine.countOf("/api/state"), calls);
+    }
+
+    void shutdownSavesTheHistory()
+    {
+        TestHome home;
+        writeEngine(home.path(), "exec sleep 30\n");
+        EngineStore store;
+        store.start();
+        store.shutdown();
+        QVERIFY(QFileInfo::exists(home.historyFile()));
+    }
+
+    void silentEngineGivesUpAfterFiftyTriesThenIsPickedUpLate()
+    {
+        TestHome home;
+        writeEngine(home.path(), "exec sleep 60\n");
+        EngineStore store;
+        store.start();
+        const quint16 port = static_cast<quint16>(store.baseURL()->port());
+        QTRY_VERIFY_WITH_TIMEOUT(store.error().has_value(), 30000);
+        QCOMPARE(*store.error(), QStringLiteral("The local engine did not respond. Relaunch Vorn to try again."));
+        QVERIFY(!store.ready());
+        QCOMPARE(store.activity(), QString::fromUtf8("Starting local engine\u2026"));
+
+        FakeEngine engine;
+        QVERIFY(engine.listen(port));
+        engine.setState(FakeEngine::stateJson());
+        QTRY_VERIFY_WITH_TIMEOUT(store.ready(), 6000);
+        QCOMPARE(*store.error(), QStringLiteral("The local engine did not respond. Relaunch Vorn to try again."));
+        store.shutdown();
+    }
+
+    void startupWaitMakesAtMostFiftyCalls()
+    {
+        TestHome home;
+        writeEngine(home.path(), "exec sleep 60\n");
+        EngineStore store;
+        store.start();
+        FakeEngine engine;
+        QVERIFY(engine.listen(static_cast<quint16>(store.baseURL()->port())));
+        engine.route("GET", "/api/state", FakeResponse::json(500, R"({"error":"warming up"})"));
+        int callsWhenGivingUp = -1;
+        connect(&store, &EngineStore::errorChanged, this, [&] { callsWhenGivingUp = engine.countOf("/api/state"); });
+        QTRY_VERIFY_WITH_TIMEOUT(store.error().has_value(), 30000);
+        QCOMPARE(callsWhenGivingUp, 50);
+        QCOMPARE(*store.error(), QStringLiteral("The local engine did not respond. Relaunch Vorn to try again."));
+        // Then the poll loop goes on every two seconds.
+        QTRY_VERIFY_WITH_TIMEOUT(engine.countOf("/api/state") >= 51, 3000);
+        store.shutdown();
+    }
+};
+
+QTEST_GUILESS_MAIN(ProcessTest)
+#include "ProcessTest.moc"
