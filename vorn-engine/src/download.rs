@@ -167,6 +167,12 @@ impl Downloader {
         }
     }
 
+    /// The bearer token goes to the hub itself, never to a redirect target.
+    fn authorization(&self, url: &Url) -> Option<String> {
+        let token = self.token.as_ref()?;
+        same_origin(url, &self.hub).then(|| format!("Bearer {token}"))
+    }
+
     /// Sends one request, following redirects by hand so that each hop is
     /// checked and the token never leaves the hub.
     async fn fetch(&self, url: Url, offset: u64) -> Result<(reqwest::Response, Announced), String> {
@@ -177,10 +183,8 @@ impl Downloader {
             if offset > 0 {
                 req = req.header(RANGE, format!("bytes={offset}-"));
             }
-            if let Some(token) = &self.token {
-                if same_origin(&url, &self.hub) {
-                    req = req.header(AUTHORIZATION, format!("Bearer {token}"));
-                }
+            if let Some(auth) = self.authorization(&url) {
+                req = req.header(AUTHORIZATION, auth);
             }
             let resp = req.send().await.map_err(|e| format!("request failed: {e}"))?;
             if same_origin(&url, &self.hub) {
@@ -262,12 +266,9 @@ impl Downloader {
                     .and_then(|v| v.to_str().ok())
                     .and_then(|v| v.trim().parse::<u64>().ok())
             };
+            // The hub's announcement wins; a server sending less fails the
+            // size check below and leaves a resumable partial file.
             total = total.or(from_response);
-            if let (Some(a), Some(b)) = (facts.size, from_response) {
-                if a != b {
-                    return Err(format!("the hub announced {a} bytes but the server sends {b}"));
-                }
-            }
         }
 
         let mut hasher = Sha256::new();
@@ -396,6 +397,24 @@ mod tests {
         ] {
             assert!(d.resolve(bad).is_err(), "{bad} accepted");
         }
+    }
+
+    #[test]
+    fn token_only_for_the_hub() {
+        let mut d = downloader(None);
+        d.token = Some("t".into());
+        let hub = Url::parse("https://huggingface.co/a/resolve/main/m.gguf").unwrap();
+        assert_eq!(d.authorization(&hub).as_deref(), Some("Bearer t"));
+        for other in [
+            "https://cdn-lfs.huggingface.co/x",
+            "https://cas-bridge.xethub.hf.co/x",
+            "http://huggingface.co/x",
+            "https://huggingface.co:444/x",
+        ] {
+            assert_eq!(d.authorization(&Url::parse(other).unwrap()), None, "{other}");
+        }
+        d.token = None;
+        assert_eq!(d.authorization(&hub), None);
     }
 
     #[test]

@@ -97,8 +97,19 @@ pub fn spawn(shared: Arc<Shared>) -> mpsc::Sender<Command> {
     tx
 }
 
-fn threads() -> i32 {
+fn cores() -> i32 {
     std::thread::available_parallelism().map(|n| n.get() as i32).unwrap_or(4)
+}
+
+/// Threads for a model. Tiny models finish each matrix product faster than
+/// threads can synchronise, and on a busy machine spinning threads make it
+/// far worse, so they get roughly one thread per 25M parameters.
+fn threads_for(model: &LlamaModel) -> i32 {
+    if let Some(n) = std::env::var("VORN_ENGINE_THREADS").ok().and_then(|v| v.parse::<i32>().ok()) {
+        return n.clamp(1, 512);
+    }
+    let by_size = (model.n_params() / 25_000_000).max(1);
+    (by_size.min(cores() as u64)) as i32
 }
 
 fn worker(rx: mpsc::Receiver<Command>, shared: Arc<Shared>) {
@@ -263,8 +274,8 @@ fn serve(
         .with_n_ctx(NonZeroU32::new(n_ctx))
         .with_n_batch(n_batch)
         .with_n_ubatch(n_batch)
-        .with_n_threads(threads())
-        .with_n_threads_batch(threads());
+        .with_n_threads(threads_for(model))
+        .with_n_threads_batch(threads_for(model));
     let ctx = match model.new_context(backend, params) {
         Ok(c) => c,
         Err(e) => {
@@ -282,7 +293,7 @@ fn serve(
         let params = MtmdContextParams {
             use_gpu: offload,
             print_timings: false,
-            n_threads: threads(),
+            n_threads: cores(),
             media_marker: CString::new(MEDIA_MARKER).expect("marker has no NUL"),
             image_min_tokens: -1,
             image_max_tokens: -1,

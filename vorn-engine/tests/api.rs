@@ -302,7 +302,9 @@ fn request_guards() {
 fn client_disconnect_stops_generation() {
     let e = Engine::start(&stories_dir("disconnect"));
     assert_eq!(e.load("stories260K.gguf").status, 200);
-    let body = json!({"messages": [user("Once upon a time")], "stream": true, "temperature": 1.0, "seed": 1}).to_string();
+    // Greedy decoding of this prompt runs to the end of the context (4096)
+    // when left alone.
+    let body = json!({"messages": [user("Once upon a time")], "stream": true, "temperature": 0}).to_string();
     let mut s = std::net::TcpStream::connect(("127.0.0.1", e.port)).unwrap();
     write!(
         s,
@@ -315,11 +317,19 @@ fn client_disconnect_stops_generation() {
     let n = s.read(&mut buf).unwrap();
     assert!(n > 0);
     drop(s);
-    // The next request is served promptly and the aborted run stopped early.
-    let t = Instant::now();
+    // The aborted run ends and records its figures.
+    let deadline = Instant::now() + Duration::from_secs(120);
+    let last = loop {
+        let last = e.state()["last"].clone();
+        if last["prompt_tokens"].as_i64().unwrap() > 0 {
+            break last;
+        }
+        assert!(Instant::now() < deadline, "generation did not stop");
+        std::thread::sleep(Duration::from_millis(20));
+    };
+    assert!(last["completion_tokens"].as_i64().unwrap() < 2000, "{last}");
     let v = e.chat(&json!({"messages": [user("Hi")], "temperature": 0, "max_tokens": 2})).json();
     assert!(v["choices"][0]["message"]["content"].is_string());
-    assert!(t.elapsed() < Duration::from_secs(60));
 }
 
 #[test]
