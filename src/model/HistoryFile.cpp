@@ -41,12 +41,70 @@ std::optional<QList<Conversation>> load(const QString &file)
     return decode(input.readAll());
 }
 
+namespace {
+
+// JSON string escaping written out by hand: saving a long history through
+// QJsonDocument costs several times more, and saves run on the main thread.
+void appendJsonString(QByteArray &out, const QString &text)
+{
+    static const char hex[] = "0123456789abcdef";
+    const QByteArray utf8 = text.toUtf8();
+    out.append('"');
+    qsizetype runStart = 0;
+    for (qsizetype index = 0; index < utf8.size(); ++index) {
+        const auto byte = static_cast<unsigned char>(utf8.at(index));
+        if (byte >= 0x20 && byte != '"' && byte != '\\')
+            continue;
+        out.append(utf8.constData() + runStart, index - runStart);
+        runStart = index + 1;
+        switch (byte) {
+        case '"': out.append("\\\""); break;
+        case '\\': out.append("\\\\"); break;
+        case '\n': out.append("\\n"); break;
+        case '\r': out.append("\\r"); break;
+        case '\t': out.append("\\t"); break;
+        default:
+            out.append("\\u00");
+            out.append(hex[byte >> 4]);
+            out.append(hex[byte & 0xf]);
+        }
+    }
+    out.append(utf8.constData() + runStart, utf8.size() - runStart);
+    out.append('"');
+}
+
+} // namespace
+
 QByteArray encode(const QList<Conversation> &conversations)
 {
-    QJsonArray array;
-    for (const Conversation &conversation : conversations)
-        array.append(conversation.toJson());
-    return QJsonDocument(array).toJson(QJsonDocument::Compact);
+    QByteArray out;
+    out.reserve(1 << 16);
+    out.append('[');
+    for (qsizetype conversationIndex = 0; conversationIndex < conversations.size(); ++conversationIndex) {
+        const Conversation &conversation = conversations.at(conversationIndex);
+        if (conversationIndex > 0)
+            out.append(',');
+        out.append("{\"id\":\"").append(uuidText(conversation.id).toLatin1()).append("\",\"title\":");
+        appendJsonString(out, conversation.title);
+        out.append(",\"messages\":[");
+        for (qsizetype messageIndex = 0; messageIndex < conversation.messages.size(); ++messageIndex) {
+            const ChatMessage &message = conversation.messages.at(messageIndex);
+            if (messageIndex > 0)
+                out.append(',');
+            out.append("{\"id\":\"").append(uuidText(message.id).toLatin1()).append("\",\"role\":");
+            appendJsonString(out, message.role);
+            out.append(",\"text\":");
+            appendJsonString(out, message.text);
+            if (message.image) {
+                out.append(",\"image\":");
+                appendJsonString(out, *message.image);
+            }
+            out.append('}');
+        }
+        out.append("]}");
+    }
+    out.append(']');
+    return out;
 }
 
 bool save(const QString &file, const QList<Conversation> &conversations)

@@ -130,6 +130,26 @@ private slots:
         QCOMPARE(bytes.count("\"image\""), 1);
     }
 
+    void awkwardTextsSurviveSaving()
+    {
+        const QString awkward = QString::fromUtf8("quote \" backslash \\ lines\n\r\ttab \x01\x1f del\x7f \u00e9 \U0001F600 </script>");
+        Conversation conversation;
+        conversation.title = awkward;
+        conversation.messages.append(ChatMessage{QUuid::createUuid(), awkward, awkward, awkward});
+        const QByteArray encoded = HistoryFile::encode({conversation});
+        QJsonParseError error;
+        const QJsonDocument document = QJsonDocument::fromJson(encoded, &error);
+        QCOMPARE(error.error, QJsonParseError::NoError);
+        QCOMPARE(document.array().first().toObject().value("title").toString(), awkward);
+        const auto decoded = HistoryFile::decode(encoded);
+        QVERIFY(decoded);
+        QCOMPARE(decoded->first().title, awkward);
+        QCOMPARE(decoded->first().messages.first().text, awkward);
+        QCOMPARE(decoded->first().messages.first().role, awkward);
+        QCOMPARE(*decoded->first().messages.first().image, awkward);
+        QCOMPARE(HistoryFile::encode({}), QByteArray("[]"));
+    }
+
     void savedFileIs0600()
     {
         TestHome home;
