@@ -126,6 +126,9 @@ fn worker(rx: mpsc::Receiver<Command>, shared: Arc<Shared>) {
     };
     if std::env::var_os("VORN_ENGINE_LOG").is_none() {
         backend.void_logs();
+        unsafe extern "C" fn quiet(_: llama_cpp_sys_2::ggml_log_level, _: *const std::os::raw::c_char, _: *mut std::os::raw::c_void) {}
+        // SAFETY: a callback that ignores its arguments, valid for the whole run.
+        unsafe { llama_cpp_sys_2::mtmd_helper_log_set(Some(quiet), std::ptr::null_mut()) };
     }
     let mut pending: Option<Command> = None;
     loop {
@@ -226,6 +229,8 @@ struct Session<'m> {
     bitmaps: LruCache<Arc<MtmdBitmap>>,
     embeddings: LruCache<Arc<Vec<f32>>>,
     mrope: bool,
+    /// Images of the current request whose encoder output came from /api/encode.
+    reused_images: i64,
 }
 
 #[derive(Clone, Copy, PartialEq, Eq, Debug)]
@@ -331,6 +336,7 @@ fn serve(
         bitmaps: LruCache::new(16),
         embeddings: LruCache::new(8),
         mrope,
+        reused_images: 0,
     };
     *lock(&shared.loaded) = Some(Loaded {
         name: req.name.clone(),
@@ -524,6 +530,7 @@ impl<'m> Session<'m> {
 
     fn chat(&mut self, job: ChatJob) {
         let t_start = Instant::now();
+        self.reused_images = 0;
         if job.messages.iter().any(|m| !m.images.is_empty()) && self.mtmd.is_none() {
             let _ = job.events.send(Event::Error(EngineError::new(400, "The loaded model does not accept images.")));
             return;
@@ -553,7 +560,16 @@ impl<'m> Session<'m> {
                 let _ = job.events.send(Event::Error(e));
                 return;
             }
-            Err(None) => return, // cancelled
+            Err(None) => {
+                // Cancelled while reading the prompt; still record the run so
+                // the figures never describe an older one.
+                *lock(&self.shared.last) = RunMetrics {
+                    prompt_tokens,
+                    ttft_ms: t_start.elapsed().as_secs_f64() * 1000.0,
+                    ..RunMetrics::default()
+                };
+                return;
+            }
         };
         let prefill_secs = t_prefill.elapsed().as_secs_f64();
         let ttft = t_start.elapsed().as_secs_f64();
@@ -664,6 +680,7 @@ impl<'m> Session<'m> {
             evaluated_tokens: evaluated as i64,
             cached_tokens: prompt_tokens - evaluated as i64,
             ttft_ms: ttft * 1000.0,
+            reused_images: self.reused_images,
         };
         *lock(&self.shared.last) = metrics;
         let _ = job.events.send(Event::Done {
@@ -824,6 +841,7 @@ impl<'m> Session<'m> {
                     let rc = match (raw, cached_embd) {
                         (Some((m, l, ch)), Some(embd)) => unsafe {
                             // Reuses the encoder output computed by /api/encode.
+                            self.reused_images += 1;
                             llama_cpp_sys_2::mtmd_helper_decode_image_chunk(
                                 m, l, ch, embd.as_ptr() as *mut f32, pos, 0, self.n_batch as i32, &mut new_pos,
                                 None, std::ptr::null_mut(),

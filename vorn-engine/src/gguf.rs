@@ -205,6 +205,7 @@ pub fn parse<R: Read + Seek>(inner: R, len: u64) -> Result<Header, GgufError> {
     r.need(min)?;
 
     let mut header = Header { version, ..Default::default() };
+    debug_assert!(header.version >= 2);
     for _ in 0..n_kv {
         let key = r
             .string(MAX_KEPT_STRING)?

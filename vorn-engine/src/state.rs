@@ -18,6 +18,8 @@ pub struct RunMetrics {
     pub evaluated_tokens: i64,
     pub cached_tokens: i64,
     pub ttft_ms: f64,
+    /// Images whose encoding was done ahead of time by /api/encode.
+    pub reused_images: i64,
 }
 
 #[derive(Debug, Clone, Default)]

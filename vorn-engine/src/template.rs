@@ -60,10 +60,6 @@ impl ChatTemplate {
         Self { source, bos, eos }
     }
 
-    pub fn has_own_template(&self) -> bool {
-        self.source.is_some()
-    }
-
     /// Renders the conversation followed by the opening of the assistant's turn.
     pub fn render(&self, messages: &[TemplateMessage]) -> Result<String, String> {
         match &self.source {

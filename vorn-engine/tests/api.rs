@@ -35,7 +35,7 @@ fn state_lists_models_in_name_order() {
     assert_eq!(
         s["last"],
         json!({"decode_tps": 0.0, "prefill_tps": 0.0, "prompt_tokens": 0, "completion_tokens": 0,
-               "evaluated_tokens": 0, "cached_tokens": 0, "ttft_ms": 0.0})
+               "evaluated_tokens": 0, "cached_tokens": 0, "ttft_ms": 0.0, "reused_images": 0})
     );
     assert_eq!(
         s["models"],
@@ -324,7 +324,7 @@ fn client_disconnect_stops_generation() {
         if last["prompt_tokens"].as_i64().unwrap() > 0 {
             break last;
         }
-        assert!(Instant::now() < deadline, "generation did not stop");
+        assert!(Instant::now() < deadline, "generation did not stop: {last}");
         std::thread::sleep(Duration::from_millis(20));
     };
     assert!(last["completion_tokens"].as_i64().unwrap() < 2000, "{last}");

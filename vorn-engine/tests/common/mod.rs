@@ -230,3 +230,5 @@ pub fn stories_dir(tag: &str) -> PathBuf {
 pub fn user(text: &str) -> serde_json::Value {
     serde_json::json!({"role": "user", "content": text})
 }
+
+pub mod gen;

@@ -1,0 +1,267 @@
+//! Writes tiny random-weight GGUF models at test time, borrowing the
+//! tokenizer of a vocabulary-only file.
+
+use std::io::Write;
+use std::path::Path;
+
+struct Cursor<'a> {
+    b: &'a [u8],
+    p: usize,
+}
+
+impl Cursor<'_> {
+    fn u32(&mut self) -> u32 {
+        let v = u32::from_le_bytes(self.b[self.p..self.p + 4].try_into().unwrap());
+        self.p += 4;
+        v
+    }
+    fn u64(&mut self) -> u64 {
+        let v = u64::from_le_bytes(self.b[self.p..self.p + 8].try_into().unwrap());
+        self.p += 8;
+        v
+    }
+    fn string(&mut self) -> String {
+        let n = self.u64() as usize;
+        let s = String::from_utf8_lossy(&self.b[self.p..self.p + n]).into_owned();
+        self.p += n;
+        s
+    }
+    fn skip_value(&mut self, ty: u32) -> u64 {
+        match ty {
+            0 | 1 | 7 => self.p += 1,
+            2 | 3 => self.p += 2,
+            4 | 5 | 6 => self.p += 4,
+            10 | 11 | 12 => self.p += 8,
+            8 => {
+                self.string();
+            }
+            9 => {
+                let et = self.u32();
+                let n = self.u64();
+                for _ in 0..n {
+                    self.skip_value(et);
+                }
+                return n;
+            }
+            _ => panic!("unknown type {ty}"),
+        }
+        0
+    }
+}
+
+/// Raw `tokenizer.*` entries of a vocabulary file and its token count.
+fn tokenizer_entries(vocab: &Path) -> (Vec<Vec<u8>>, u64) {
+    let b = std::fs::read(vocab).unwrap();
+    let mut c = Cursor { b: &b, p: 8 };
+    let _n_tensors = c.u64();
+    let n_kv = c.u64();
+    let mut out = Vec::new();
+    let mut n_vocab = 0;
+    for _ in 0..n_kv {
+        let start = c.p;
+        let key = c.string();
+        let ty = c.u32();
+        let n = c.skip_value(ty);
+        if key == "tokenizer.ggml.tokens" {
+            n_vocab = n;
+        }
+        if key.starts_with("tokenizer.") {
+            out.push(b[start..c.p].to_vec());
+        }
+    }
+    (out, n_vocab)
+}
+
+fn kv_str(out: &mut Vec<u8>, k: &str, v: &str) {
+    put_str(out, k);
+    out.extend_from_slice(&8u32.to_le_bytes());
+    put_str(out, v);
+}
+
+fn kv_u32(out: &mut Vec<u8>, k: &str, v: u32) {
+    put_str(out, k);
+    out.extend_from_slice(&4u32.to_le_bytes());
+    out.extend_from_slice(&v.to_le_bytes());
+}
+
+fn kv_f32(out: &mut Vec<u8>, k: &str, v: f32) {
+    put_str(out, k);
+    out.extend_from_slice(&6u32.to_le_bytes());
+    out.extend_from_slice(&v.to_le_bytes());
+}
+
+fn put_str(out: &mut Vec<u8>, s: &str) {
+    out.extend_from_slice(&(s.len() as u64).to_le_bytes());
+    out.extend_from_slice(s.as_bytes());
+}
+
+pub struct Spec<'a> {
+    pub arch: &'a str,
+    pub n_embd: u64,
+    pub n_layer: u64,
+    pub n_head: u64,
+    pub n_ff: u64,
+    pub seed: u64,
+}
+
+/// Writes a llama- or gemma3-shaped model with random F32 weights.
+pub fn write_model(out_path: &Path, vocab: &Path, spec: &Spec) {
+    let (tok_entries, n_vocab) = tokenizer_entries(vocab);
+    let a = spec.arch;
+    let e = spec.n_embd;
+    let head = e / spec.n_head;
+    let gemma = a == "gemma3";
+
+    let mut tensors: Vec<(String, Vec<u64>)> = vec![
+        ("token_embd.weight".into(), vec![e, n_vocab]),
+        ("output_norm.weight".into(), vec![e]),
+    ];
+    if !gemma {
+        tensors.push(("output.weight".into(), vec![e, n_vocab]));
+    }
+    for i in 0..spec.n_layer {
+        let b = |n: &str| format!("blk.{i}.{n}.weight");
+        tensors.push((b("attn_norm"), vec![e]));
+        tensors.push((b("attn_q"), vec![e, e]));
+        tensors.push((b("attn_k"), vec![e, e]));
+        tensors.push((b("attn_v"), vec![e, e]));
+        tensors.push((b("attn_output"), vec![e, e]));
+        tensors.push((b("ffn_norm"), vec![e]));
+        tensors.push((b("ffn_gate"), vec![e, spec.n_ff]));
+        tensors.push((b("ffn_up"), vec![e, spec.n_ff]));
+        tensors.push((b("ffn_down"), vec![spec.n_ff, e]));
+        if gemma {
+            tensors.push((b("post_attention_norm"), vec![e]));
+            tensors.push((b("attn_q_norm"), vec![head]));
+            tensors.push((b("attn_k_norm"), vec![head]));
+            tensors.push((b("post_ffw_norm"), vec![e]));
+        }
+    }
+
+    let mut kv = Vec::new();
+    let mut n_kv = 0u64;
+    kv_str(&mut kv, "general.architecture", a);
+    kv_str(&mut kv, "general.name", "vorn test model");
+    kv_u32(&mut kv, "general.alignment", 32);
+    kv_u32(&mut kv, &format!("{a}.context_length"), 4096);
+    kv_u32(&mut kv, &format!("{a}.embedding_length"), e as u32);
+    kv_u32(&mut kv, &format!("{a}.block_count"), spec.n_layer as u32);
+    kv_u32(&mut kv, &format!("{a}.feed_forward_length"), spec.n_ff as u32);
+    kv_u32(&mut kv, &format!("{a}.attention.head_count"), spec.n_head as u32);
+    kv_u32(&mut kv, &format!("{a}.attention.head_count_kv"), spec.n_head as u32);
+    kv_f32(&mut kv, &format!("{a}.attention.layer_norm_rms_epsilon"), 1e-6);
+    kv_u32(&mut kv, &format!("{a}.rope.dimension_count"), head as u32);
+    kv_f32(&mut kv, &format!("{a}.rope.freq_base"), 10000.0);
+    n_kv += 12;
+    if gemma {
+        kv_u32(&mut kv, &format!("{a}.attention.key_length"), head as u32);
+        kv_u32(&mut kv, &format!("{a}.attention.value_length"), head as u32);
+        n_kv += 2;
+    }
+    for t in &tok_entries {
+        kv.extend_from_slice(t);
+        n_kv += 1;
+    }
+
+    let mut header = b"GGUF".to_vec();
+    header.extend_from_slice(&3u32.to_le_bytes());
+    header.extend_from_slice(&(tensors.len() as u64).to_le_bytes());
+    header.extend_from_slice(&n_kv.to_le_bytes());
+    header.extend_from_slice(&kv);
+    let mut offset = 0u64;
+    let mut offsets = Vec::new();
+    for (name, dims) in &tensors {
+        put_str(&mut header, name);
+        header.extend_from_slice(&(dims.len() as u32).to_le_bytes());
+        for d in dims {
+            header.extend_from_slice(&d.to_le_bytes());
+        }
+        header.extend_from_slice(&0u32.to_le_bytes()); // F32
+        header.extend_from_slice(&offset.to_le_bytes());
+        offsets.push(offset);
+        let bytes = dims.iter().product::<u64>() * 4;
+        offset += bytes.div_ceil(32) * 32;
+    }
+    while header.len() % 32 != 0 {
+        header.push(0);
+    }
+
+    let mut f = std::io::BufWriter::new(std::fs::File::create(out_path).unwrap());
+    f.write_all(&header).unwrap();
+    let mut x = spec.seed | 1;
+    let mut written = 0u64;
+    for ((name, dims), off) in tensors.iter().zip(&offsets) {
+        while written < *off {
+            f.write_all(&[0]).unwrap();
+            written += 1;
+        }
+        let n = dims.iter().product::<u64>();
+        let is_norm = name.contains("norm");
+        let mut buf = Vec::with_capacity(n as usize * 4);
+        for _ in 0..n {
+            let v = if is_norm {
+                1.0f32
+            } else {
+                x ^= x << 13;
+                x ^= x >> 7;
+                x ^= x << 17;
+                ((x >> 40) as f32 / (1u64 << 24) as f32 - 0.5) * 0.2
+            };
+            buf.extend_from_slice(&v.to_le_bytes());
+        }
+        f.write_all(&buf).unwrap();
+        written += n * 4;
+    }
+    f.flush().unwrap();
+}
+
+/// A minimal PNG (stored deflate blocks) of the given RGB size.
+pub fn png(w: u32, h: u32, seed: u8) -> Vec<u8> {
+    fn crc32(data: &[u8]) -> u32 {
+        let mut c = 0xffff_ffffu32;
+        for &b in data {
+            c ^= b as u32;
+            for _ in 0..8 {
+                c = if c & 1 != 0 { 0xedb8_8320 ^ (c >> 1) } else { c >> 1 };
+            }
+        }
+        !c
+    }
+    fn chunk(out: &mut Vec<u8>, kind: &[u8], data: &[u8]) {
+        out.extend_from_slice(&(data.len() as u32).to_be_bytes());
+        let mut body = kind.to_vec();
+        body.extend_from_slice(data);
+        out.extend_from_slice(&body);
+        out.extend_from_slice(&crc32(&body).to_be_bytes());
+    }
+    let mut raw = Vec::new();
+    for y in 0..h {
+        raw.push(0);
+        for x in 0..w {
+            raw.extend_from_slice(&[(x * 8) as u8 ^ seed, (y * 8) as u8, seed.wrapping_mul(3)]);
+        }
+    }
+    let mut z = vec![0x78, 0x01];
+    let blocks: Vec<&[u8]> = raw.chunks(65535).collect();
+    for (i, b) in blocks.iter().enumerate() {
+        z.push(if i + 1 == blocks.len() { 1 } else { 0 });
+        z.extend_from_slice(&(b.len() as u16).to_le_bytes());
+        z.extend_from_slice(&(!(b.len() as u16)).to_le_bytes());
+        z.extend_from_slice(b);
+    }
+    let (mut a, mut b) = (1u32, 0u32);
+    for &byte in &raw {
+        a = (a + byte as u32) % 65521;
+        b = (b + a) % 65521;
+    }
+    z.extend_from_slice(&((b << 16) | a).to_be_bytes());
+    let mut out = b"\x89PNG\r\n\x1a\n".to_vec();
+    let mut ihdr = Vec::new();
+    ihdr.extend_from_slice(&w.to_be_bytes());
+    ihdr.extend_from_slice(&h.to_be_bytes());
+    ihdr.extend_from_slice(&[8, 2, 0, 0, 0]);
+    chunk(&mut out, b"IHDR", &ihdr);
+    chunk(&mut out, b"IDAT", &z);
+    chunk(&mut out, b"IEND", &[]);
+    out
+}

@@ -1,0 +1,119 @@
+//! Tests with random-weight models generated from real vocabularies: the
+//! model's own chat template, and image input through the tiny projector.
+
+mod common;
+
+use base64::Engine as _;
+use common::gen::{png, write_model, Spec};
+use common::*;
+use serde_json::{json, Value};
+
+fn data_url(bytes: &[u8]) -> String {
+    format!("data:image/png;base64,{}", base64::engine::general_purpose::STANDARD.encode(bytes))
+}
+
+#[test]
+fn model_with_its_own_chat_template() {
+    let dir = temp_dir("phi3");
+    write_model(
+        &dir.join("tiny-phi3.gguf"),
+        &shared_models().join("vocab/ggml-vocab-phi-3.gguf"),
+        &Spec { arch: "llama", n_embd: 64, n_layer: 2, n_head: 4, n_ff: 128, seed: 11 },
+    );
+    let e = Engine::start(&dir);
+    let r = e.load("tiny-phi3.gguf");
+    assert_eq!(r.status, 200, "{}", r.text());
+    let mut messages = vec![user("Hello there")];
+    let r = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 8}));
+    assert_eq!(r.status, 200, "{}", r.text());
+    let v = r.json();
+    let reply = v["choices"][0]["message"]["content"].as_str().unwrap().to_string();
+    // The phi-3 template wraps the turn in <|user|> ... <|end|> <|assistant|>,
+    // which are single special tokens: a handful of tokens in all.
+    let prompt = v["usage"]["prompt_tokens"].as_i64().unwrap();
+    assert!(prompt >= 4 && prompt <= 12, "{v}");
+    messages.push(json!({"role": "assistant", "content": reply}));
+    messages.push(user("And then?"));
+    let r = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 8, "stream": true}));
+    assert_eq!(r.status, 200, "{}", r.text());
+    assert_eq!(r.events().last().unwrap(), "[DONE]");
+    let last = e.state()["last"].clone();
+    assert!(last["cached_tokens"].as_i64().unwrap() >= prompt - 1, "{last}");
+}
+
+#[test]
+fn image_chat_with_projector() {
+    let dir = temp_dir("vision");
+    write_model(
+        &dir.join("tinygemma3.gguf"),
+        &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
+        &Spec { arch: "gemma3", n_embd: 128, n_layer: 2, n_head: 4, n_ff: 256, seed: 5 },
+    );
+    std::os::unix::fs::symlink(shared_models().join("mmproj/mmproj-tinygemma3.gguf"), dir.join("mmproj-tinygemma3.gguf")).unwrap();
+    std::os::unix::fs::symlink(shared_models().join("stories260K.gguf"), dir.join("stories260K.gguf")).unwrap();
+    let e = Engine::start(&dir);
+
+    let img = data_url(&png(32, 32, 1));
+    // No model: no vision.
+    assert_eq!(e.api("POST", "/api/encode", Some(&json!({"url": img}).to_string())).status, 409);
+    // A model whose width does not match gets no projector.
+    assert_eq!(e.load("stories260K.gguf").status, 200);
+    assert_eq!(e.state()["vision"], false);
+    assert_eq!(e.api("POST", "/api/encode", Some(&json!({"url": img}).to_string())).status, 409);
+
+    let r = e.load("tinygemma3.gguf");
+    assert_eq!(r.status, 200, "{}", r.text());
+    let s = e.state();
+    assert_eq!(s["vision"], true, "{s}");
+    assert_eq!(s["projector"], "mmproj-tinygemma3.gguf");
+
+    for bad in ["data:image/png;base64,AAAA", "data:image/png;base64,@@", "https://example.com/x.png", "data:text/plain,hi"] {
+        let r = e.api("POST", "/api/encode", Some(&json!({"url": bad}).to_string()));
+        assert_eq!(r.status, 400, "{bad}: {}", r.text());
+    }
+    let r = e.api("POST", "/api/encode", Some(&json!({"url": img}).to_string()));
+    assert_eq!(r.status, 200, "{}", r.text());
+
+    let content = json!([
+        {"type": "image_url", "image_url": {"url": img}},
+        {"type": "text", "text": "What is in the picture?"}
+    ]);
+    let mut messages = vec![json!({"role": "user", "content": content})];
+    let r = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 6, "stream": true}));
+    assert_eq!(r.status, 200, "{}", r.text());
+    let ev = r.events();
+    assert_eq!(ev.last().unwrap(), "[DONE]");
+    let fin: Value = serde_json::from_str(&ev[ev.len() - 2]).unwrap();
+    let with_image = fin["usage"]["prompt_tokens"].as_i64().unwrap();
+    // The encoder output from /api/encode was used.
+    assert_eq!(e.state()["last"]["reused_images"], 1);
+
+    // A different image in a fresh conversation is encoded on the spot.
+    let other = data_url(&png(40, 24, 9));
+    let r = e.chat(&json!({"messages": [{"role": "user", "content": [
+        {"type": "image_url", "image_url": {"url": other}}, {"type": "text", "text": "And this?"}
+    ]}], "temperature": 0, "max_tokens": 2}));
+    assert_eq!(r.status, 200, "{}", r.text());
+    assert_eq!(e.state()["last"]["reused_images"], 0);
+
+    // The same question without the image is shorter by the image's tokens.
+    let r = e.chat(&json!({"messages": [user("What is in the picture?")], "temperature": 0, "max_tokens": 2}));
+    let without = r.json()["usage"]["prompt_tokens"].as_i64().unwrap();
+    assert!(with_image > without + 4, "{with_image} vs {without}");
+
+    // A follow-up reuses the cached image positions.
+    let first = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 4})).json();
+    messages.push(json!({"role": "assistant", "content": first["choices"][0]["message"]["content"]}));
+    messages.push(user("Tell me more."));
+    let r = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 4}));
+    assert_eq!(r.status, 200, "{}", r.text());
+    let last = e.state()["last"].clone();
+    assert!(last["cached_tokens"].as_i64().unwrap() >= with_image - 1, "{last}");
+
+    // A JPEG-looking but broken image is a clear 400.
+    let r = e.chat(&json!({"messages": [{"role": "user", "content": [
+        {"type": "image_url", "image_url": {"url": "data:image/jpeg;base64,/9j/4AAQSkZJRgABAQ=="}},
+        {"type": "text", "text": "?"}
+    ]}]}));
+    assert_eq!(r.status, 400, "{}", r.text());
+}
