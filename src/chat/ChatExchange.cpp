@@ -179,7 +179,8 @@ void ChatExchange::fail(const QString &message)
 {
     detachReply();
     if (m_store) {
-        if (!isCancelled())
+        // A dead engine breaks the stream too; its own message says more than the socket's.
+        if (!isCancelled() && !m_store->engineStopped())
             m_store->setError(message);
         if (m_reply.isEmpty())
             m_store->updateAssistant(m_assistantID, isCancelled() ? QStringLiteral("Stopped.")

@@ -64,6 +64,7 @@ void EngineStore::handleProcessFinished(QProcess *process)
 {
     setReady(false);
     if (m_process) {
+        m_engineStopped = true;
         setError(QStringLiteral("The local engine stopped (") + QString::number(process->exitCode())
                  + QStringLiteral("). Relaunch Vorn to reconnect."));
         setActivity(QStringLiteral("Engine stopped"));

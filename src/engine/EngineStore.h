@@ -125,6 +125,8 @@ public:
     QString historyFile() const { return m_historyFile; }
     std::optional<QUrl> baseURL() const { return m_baseURL; }
     QProcess *process() const { return m_process; }
+    // The engine ended on its own (not through shutdown); its message is already shown.
+    bool engineStopped() const { return m_engineStopped; }
     CancellableTask *pollTask() const { return m_pollTask; }
     CancellableTask *generationTask() const { return m_generationTask; }
 
@@ -214,6 +216,7 @@ private:
     int m_tokenLimit = 512;
 
     QProcess *m_process = nullptr;
+    bool m_engineStopped = false;
     QPointer<CancellableTask> m_pollTask;
     QPointer<CancellableTask> m_generationTask;
     std::optional<QUrl> m_baseURL;

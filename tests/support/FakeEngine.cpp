@@ -37,6 +37,31 @@ FakeResponse FakeResponse::stream(const QList<QByteArray> &lines, int delayBetwe
     return response;
 }
 
+FakeResponse FakeResponse::file(const QByteArray &contents, const RecordedRequest &request, int pieceSize, int delayMs)
+{
+    FakeResponse response;
+    response.contentType = "application/octet-stream";
+    qsizetype start = 0;
+    const QByteArray range = request.header("Range");
+    if (range.startsWith("bytes=") && range.endsWith('-')) {
+        start = range.mid(6, range.size() - 7).toLongLong();
+        if (start >= contents.size()) {
+            response.status = 416;
+            return response;
+        }
+        response.status = 206;
+        response.headers.append({"Content-Range", "bytes " + QByteArray::number(start) + '-'
+                                                      + QByteArray::number(contents.size() - 1) + '/'
+                                                      + QByteArray::number(contents.size())});
+    }
+    response.headers.append({"Content-Length", QByteArray::number(contents.size() - start)});
+    for (qsizetype offset = start; offset < contents.size(); offset += pieceSize)
+        response.parts.append({delayMs, contents.mid(offset, pieceSize)});
+    if (response.parts.isEmpty())
+        response.parts.append({0, QByteArray()});
+    return response;
+}
+
 FakeEngine::FakeEngine(QObject *parent) : QObject(parent), m_server(new QTcpServer(this))
 {
     connect(m_server, &QTcpServer::newConnection, this, [this] {
@@ -184,17 +209,22 @@ void FakeEngine::sendResponse(QTcpSocket *socket, const FakeResponse &response)
     }
     QByteArray head = "HTTP/1.1 " + QByteArray::number(response.status) + " Status\r\n";
     head += "Content-Type: " + response.contentType + "\r\n";
+    bool rawParts = false;
+    for (const auto &[name, value] : response.headers) {
+        head += name + ": " + value + "\r\n";
+        rawParts = rawParts || name.compare("Content-Length", Qt::CaseInsensitive) == 0;
+    }
     if (response.parts.isEmpty()) {
         head += "Content-Length: " + QByteArray::number(response.body.size()) + "\r\n\r\n";
         socket->write(head + response.body);
         return;
     }
-    head += "Transfer-Encoding: chunked\r\n\r\n";
+    head += rawParts ? QByteArray("\r\n") : QByteArray("Transfer-Encoding: chunked\r\n\r\n");
     socket->write(head);
     // Parts go out one after another, each after its own delay.
     QPointer<QTcpSocket> guarded(socket);
     auto sendPart = std::make_shared<std::function<void(int)>>();
-    *sendPart = [this, guarded, response, sendPart](int index) {
+    *sendPart = [this, guarded, response, sendPart, rawParts](int index) {
         if (!guarded)
             return;
         if (index >= response.parts.size()) {
@@ -202,11 +232,14 @@ void FakeEngine::sendResponse(QTcpSocket *socket, const FakeResponse &response)
                 guarded->abort();
                 return;
             }
-            guarded->write("0\r\n\r\n");
+            if (!rawParts)
+                guarded->write("0\r\n\r\n");
             return;
         }
         const QByteArray &data = response.parts.at(index).second;
-        if (!data.isEmpty())
+        if (rawParts)
+            guarded->write(data);
+        else if (!data.isEmpty())
             guarded->write(QByteArray::number(data.size(), 16) + "\r\n" + data + "\r\n");
         guarded->flush();
         const int nextDelay = index + 1 < response.parts.size() ? response.parts.at(index + 1).first : 0;

@@ -34,9 +34,15 @@ struct FakeResponse {
     bool dropConnection = false;     // close the connection instead of answering
     bool dropAfterParts = false;     // close mid-stream after the parts, without the final chunk
     bool neverAnswer = false;        // keep the connection open and say nothing
+    // Extra response headers. With a Content-Length among them, parts go out raw
+    // instead of chunked, as a file server sends a body of known size.
+    QList<QPair<QByteArray, QByteArray>> headers;
 
     static FakeResponse json(int status, const QByteArray &body);
     static FakeResponse stream(const QList<QByteArray> &lines, int delayBetweenMs = 0);
+    // A file served like a download host: honours "Range: bytes=N-", sends the body in
+    // pieces of pieceSize bytes with delayMs between them.
+    static FakeResponse file(const QByteArray &contents, const RecordedRequest &request, int pieceSize, int delayMs);
 };
 
 // A scriptable HTTP/1.1 server on 127.0.0.1 that stands in for vorn-engine in tests.

@@ -299,7 +299,9 @@ impl Downloader {
         let mut got = offset;
         self.set_progress(name, got, total.unwrap_or(0));
         if let Some(mut resp) = resp {
-            let mut out = tokio::io::BufWriter::with_capacity(1 << 20, file);
+            // A small buffer: whatever it holds is lost if the engine is killed, and the
+            // resume starts from what reached the disk.
+            let mut out = tokio::io::BufWriter::with_capacity(1 << 18, file);
             loop {
                 if cancel.load(Ordering::Relaxed) {
                     out.flush().await.map_err(|e| e.to_string())?;
