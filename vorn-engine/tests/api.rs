@@ -370,3 +370,43 @@ fn command_line_errors() {
     assert!(!out.status.success());
     assert!(String::from_utf8_lossy(&out.stderr).contains(&port));
 }
+
+#[test]
+fn engine_exits_when_its_parent_dies() {
+    let dir = temp_dir("orphan");
+    let port = free_port();
+    // A shell stands in for the app: it starts the engine and is then killed.
+    let mut shell = std::process::Command::new("sh")
+        .arg("-c")
+        .arg(format!(
+            "\"$0\" app --port {port} --models-dir \"$1\" --no-open & echo $!; wait"
+        ))
+        .arg(env!("CARGO_BIN_EXE_vorn-engine"))
+        .arg(&dir)
+        .stdout(std::process::Stdio::piped())
+        .spawn()
+        .unwrap();
+    let mut line = String::new();
+    std::io::BufRead::read_line(&mut std::io::BufReader::new(shell.stdout.take().unwrap()), &mut line).unwrap();
+    let pid: i32 = line.trim().parse().unwrap();
+    let alive = |pid: i32| unsafe { libc::kill(pid, 0) } == 0 && !is_zombie(pid);
+    let deadline = Instant::now() + Duration::from_secs(20);
+    while request(port, "GET", "/api/state", &[("Host", &format!("127.0.0.1:{port}")), ("X-Vorn-App", "1")], None).is_err() {
+        assert!(Instant::now() < deadline, "engine did not start");
+        std::thread::sleep(Duration::from_millis(50));
+    }
+    assert!(alive(pid));
+    shell.kill().unwrap();
+    shell.wait().unwrap();
+    let deadline = Instant::now() + Duration::from_secs(10);
+    while alive(pid) {
+        assert!(Instant::now() < deadline, "engine outlived its parent");
+        std::thread::sleep(Duration::from_millis(50));
+    }
+}
+
+fn is_zombie(pid: i32) -> bool {
+    std::fs::read_to_string(format!("/proc/{pid}/stat"))
+        .map(|s| s.rsplit(')').next().unwrap_or("").trim_start().starts_with('Z'))
+        .unwrap_or(true)
+}

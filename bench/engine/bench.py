@@ -1,0 +1,174 @@
+#!/usr/bin/env python3
+"""Engine benchmark: decode and prefill speed, and how the time to first
+token of a follow-up turn grows with the conversation.
+
+Starts the real vorn-engine on a free port with a temporary models folder
+holding a link to the tiny test model, then reports figures as JSON lines
+and a short summary. Standard library only.
+"""
+
+import argparse
+import json
+import os
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import urllib.request
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+REPO = os.path.abspath(os.path.join(HERE, "..", ".."))
+
+
+def default_binary():
+    target = os.environ.get("CARGO_TARGET_DIR", os.path.expanduser("~/.cache/vorn/cargo-target"))
+    for cand in (os.path.join(target, "release", "vorn-engine"),
+                 os.path.join(REPO, "vorn-engine", "target", "release", "vorn-engine")):
+        if os.path.exists(cand):
+            return cand
+    return None
+
+
+def free_port():
+    s = socket.socket()
+    s.bind(("127.0.0.1", 0))
+    port = s.getsockname()[1]
+    s.close()
+    return port
+
+
+class Engine:
+    def __init__(self, binary, models_dir):
+        self.port = free_port()
+        self.proc = subprocess.Popen(
+            [binary, "app", "--port", str(self.port), "--models-dir", models_dir, "--no-open"],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.base = "http://127.0.0.1:%d" % self.port
+        deadline = time.time() + 20
+        while time.time() < deadline:
+            try:
+                self.state()
+                return
+            except OSError:
+                time.sleep(0.05)
+        raise SystemExit("engine did not start")
+
+    def call(self, path, body=None, timeout=600):
+        data = None if body is None else json.dumps(body).encode()
+        req = urllib.request.Request(self.base + path, data=data, headers={
+            "Content-Type": "application/json", "X-Vorn-App": "1"})
+        with urllib.request.urlopen(req, timeout=timeout) as r:
+            return json.load(r)
+
+    def state(self):
+        return self.call("/api/state")
+
+    def stream(self, body):
+        """Returns (seconds to the first content delta, seconds in all)."""
+        body = dict(body, stream=True)
+        req = urllib.request.Request(self.base + "/v1/chat/completions", data=json.dumps(body).encode(),
+                                     headers={"Content-Type": "application/json"})
+        t0 = time.perf_counter()
+        first = None
+        text = []
+        with urllib.request.urlopen(req, timeout=600) as r:
+            for raw in r:
+                line = raw.decode().strip()
+                if not line.startswith("data: "):
+                    continue
+                payload = line[6:]
+                if payload == "[DONE]":
+                    break
+                ev = json.loads(payload)
+                content = ev.get("choices", [{}])[0].get("delta", {}).get("content")
+                if content:
+                    if first is None:
+                        first = time.perf_counter() - t0
+                    text.append(content)
+        total = time.perf_counter() - t0
+        return (first if first is not None else total), total, "".join(text)
+
+    def stop(self):
+        self.proc.terminate()
+        self.proc.wait(timeout=20)
+
+
+def median(xs):
+    xs = sorted(xs)
+    return xs[len(xs) // 2]
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__)
+    ap.add_argument("--engine", default=default_binary(), help="path of the vorn-engine binary")
+    ap.add_argument("--model", default=os.path.join(REPO, "..", "shared", "models", "stories260K.gguf"))
+    ap.add_argument("--ctx", type=int, default=4096)
+    ap.add_argument("--decode-tokens", type=int, default=256)
+    ap.add_argument("--turns", type=int, default=10)
+    ap.add_argument("--repeat", type=int, default=3)
+    args = ap.parse_args()
+    if not args.engine or not os.path.exists(args.engine):
+        raise SystemExit("vorn-engine binary not found; build it or pass --engine")
+
+    tmp = tempfile.mkdtemp(prefix="vorn-bench-")
+    name = os.path.basename(args.model)
+    os.symlink(os.path.abspath(args.model), os.path.join(tmp, name))
+    engine = Engine(args.engine, tmp)
+    results = {}
+    try:
+        engine.call("/api/load", {"name": name, "gpu": True, "ctx": args.ctx})
+        st = engine.state()
+        results["backend"] = st.get("backend")
+
+        # Decode: greedy, a fixed number of tokens, fresh prompt each time.
+        decode, prefill = [], []
+        for i in range(args.repeat):
+            engine.call("/v1/chat/completions", {
+                "messages": [{"role": "user", "content": "Once upon a time, story %d" % i}],
+                "temperature": 0, "max_tokens": args.decode_tokens})
+            decode.append(engine.state()["last"]["decode_tps"])
+        # Prefill: a long prompt that shares nothing with the cache.
+        long_text = " ".join("the little girl went to the park with her dog" for _ in range(120))
+        for i in range(args.repeat):
+            engine.call("/v1/chat/completions", {
+                "messages": [{"role": "user", "content": "%d %s" % (i, long_text)}],
+                "temperature": 0, "max_tokens": 1})
+            last = engine.state()["last"]
+            prefill.append(last["prefill_tps"])
+        results["decode_tps"] = median(decode)
+        results["prefill_tps"] = median(prefill)
+        results["prefill_prompt_tokens"] = last["prompt_tokens"]
+
+        # Follow-up turns: time to first token of turn N against turn 1.
+        ttft = []
+        server_ttft = []
+        evaluated = []
+        messages = [{"role": "system", "content": "You tell short stories."}]
+        for turn in range(1, args.turns + 1):
+            messages.append({"role": "user", "content": "Turn %d: tell me what the cat did next in the garden." % turn})
+            first, _, text = engine.stream({"messages": messages, "temperature": 0, "max_tokens": 48})
+            last = engine.state()["last"]
+            ttft.append(first)
+            server_ttft.append(last["ttft_ms"])
+            evaluated.append(last.get("evaluated_tokens"))
+            messages.append({"role": "assistant", "content": text})
+        results["ttft_turn1_ms"] = ttft[0] * 1000
+        results["ttft_turn%d_ms" % args.turns] = ttft[-1] * 1000
+        results["ttft_ratio_turn%d_over_turn1" % args.turns] = ttft[-1] / ttft[0] if ttft[0] > 0 else None
+        results["server_ttft_ms_per_turn"] = [round(x, 3) for x in server_ttft]
+        results["evaluated_prompt_tokens_per_turn"] = evaluated
+        results["final_prompt_tokens"] = engine.state()["last"]["prompt_tokens"]
+    finally:
+        engine.stop()
+        shutil.rmtree(tmp, ignore_errors=True)
+
+    print(json.dumps(results))
+    print("decode %.1f tok/s, prefill %.1f tok/s, turn-%d/turn-1 time to first token %.2f"
+          % (results["decode_tps"], results["prefill_tps"], args.turns,
+             results["ttft_ratio_turn%d_over_turn1" % args.turns] or float("nan")), file=sys.stderr)
+
+
+if __name__ == "__main__":
+    main()
