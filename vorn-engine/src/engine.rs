@@ -595,7 +595,9 @@ impl<'m> Session<'m> {
 
         let vocab = self.model.vocab();
         let mut utf8 = Utf8Stream::default();
-        let mut stops = StopMatcher::new(job.stop.clone());
+        let mut stop_list = job.stop.clone();
+        stop_list.extend(self.template.implicit_stops());
+        let mut stops = StopMatcher::new(stop_list);
         let mut batch = LlamaBatch::new(1, 1);
         let mut completion = 0i64;
         let mut finish = "length";

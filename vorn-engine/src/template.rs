@@ -60,6 +60,15 @@ impl ChatTemplate {
         Self { source, bos, eos }
     }
 
+    /// Text markers that end a turn in the generic format; a model that was
+    /// not trained on it may spell them out instead of stopping.
+    pub fn implicit_stops(&self) -> Vec<String> {
+        match self.source {
+            Some(_) => Vec::new(),
+            None => vec!["<|im_end|>".into(), "<|im_start|>".into()],
+        }
+    }
+
     /// Renders the conversation followed by the opening of the assistant's turn.
     pub fn render(&self, messages: &[TemplateMessage]) -> Result<String, String> {
         match &self.source {
@@ -121,6 +130,14 @@ mod tests {
             t.render(&msgs()).unwrap(),
             "<|im_start|>system\nBe brief.<|im_end|>\n<|im_start|>user\nHi<|im_end|>\n<|im_start|>assistant\n"
         );
+    }
+
+    #[test]
+    fn generic_format_stops_at_its_markers() {
+        let t = ChatTemplate::new(None, String::new(), String::new());
+        assert!(t.implicit_stops().contains(&"<|im_end|>".to_string()));
+        let t = ChatTemplate::new(Some("{{ messages }}".into()), String::new(), String::new());
+        assert!(t.implicit_stops().is_empty());
     }
 
     #[test]

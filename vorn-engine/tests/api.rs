@@ -151,6 +151,16 @@ fn streaming_and_plain_replies() {
     assert!(last["prefill_tps"].as_f64().unwrap() >= 0.0);
     assert!(last["completion_tokens"].as_i64().unwrap() <= 3);
 
+    // A stop string ends the reply before it.
+    let full = e.chat(&json!({"messages": [user("Once upon a time")], "temperature": 0, "max_tokens": 24})).json();
+    let full_text = full["choices"][0]["message"]["content"].as_str().unwrap().to_string();
+    let word: String = full_text.split_whitespace().nth(2).unwrap_or("the").chars().filter(|c| c.is_alphabetic()).collect();
+    assert!(!word.is_empty());
+    let v = e.chat(&json!({"messages": [user("Once upon a time")], "temperature": 0, "max_tokens": 24, "stop": [word]})).json();
+    let cut = v["choices"][0]["message"]["content"].as_str().unwrap();
+    assert_eq!(v["choices"][0]["finish_reason"], "stop");
+    assert_eq!(cut, &full_text[..full_text.find(&word).unwrap()]);
+
     // Sampling with temperature still produces text.
     let v = e.chat(&json!({"messages": [user("The dog")], "temperature": 0.9, "top_p": 0.9, "top_k": 40, "seed": 7, "max_tokens": 8})).json();
     assert!(v["choices"][0]["message"]["content"].is_string());

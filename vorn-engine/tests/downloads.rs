@@ -323,3 +323,33 @@ fn pull_refusals() {
     assert_eq!(e.api("POST", "/api/pull", Some(r#"{"name": 1}"#)).status, 400);
     assert_eq!(e.api("POST", "/api/pull", Some("{}")).status, 400);
 }
+
+#[test]
+fn sigterm_during_download_keeps_the_partial_file() {
+    let hub = Hub::start();
+    let data = random_bytes(4 << 20, 4);
+    hub.add(
+        "/org/repo/resolve/main/slow.gguf",
+        File { data: data.clone(), announce_size: Some(data.len() as u64), slow: true, ..Default::default() },
+    );
+    let dir = temp_dir("term");
+    let mut e = Engine::start_with_env(&dir, &[("HF_ENDPOINT", &hub.endpoint())]);
+    assert_eq!(pull(&e, "slow.gguf", &hub_url("slow.gguf")).status, 200);
+    let deadline = Instant::now() + Duration::from_secs(30);
+    loop {
+        let d = e.state()["downloads"].clone();
+        if d[0]["bytes"].as_i64().unwrap_or(0) > 0 {
+            break;
+        }
+        assert!(Instant::now() < deadline, "no progress");
+        std::thread::sleep(Duration::from_millis(20));
+    }
+    unsafe { libc::kill(e.child.id() as i32, libc::SIGTERM) };
+    let status = e.child.wait().unwrap();
+    assert_eq!(status.code(), Some(0));
+    assert!(!dir.join("slow.gguf").exists());
+    let part = std::fs::metadata(dir.join("slow.gguf.part")).unwrap().len();
+    assert!(part > 0 && part < data.len() as u64);
+    // The partial data is the file's own beginning.
+    assert_eq!(std::fs::read(dir.join("slow.gguf.part")).unwrap(), data[..part as usize]);
+}
