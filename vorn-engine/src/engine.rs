@@ -490,23 +490,28 @@ impl<'m> Session<'m> {
     fn fit_prompt(&mut self, job: &ChatJob, reserve: usize) -> Result<Prompt, EngineError> {
         let all: Vec<&ChatMessage> = job.messages.iter().collect();
         let (system, rest): (Vec<&ChatMessage>, Vec<&ChatMessage>) = all.iter().partition(|m| m.role == "system");
+        let anchor = self
+            .cut_anchor
+            .as_ref()
+            .and_then(|(role, content)| rest.iter().position(|m| &m.role == role && &m.content == content));
         let mut start = 0usize;
-        if let Some((role, content)) = &self.cut_anchor {
-            if let Some(i) = rest.iter().position(|m| &m.role == role && &m.content == content) {
-                start = i;
-            }
-        }
         let limit = self.n_ctx as usize;
+        // A fresh cut goes well below the limit so the next turns can keep it
+        // (and the cache); a conversation that fits is never cut.
+        let target = limit * 3 / 4;
+        let mut bound = limit;
         loop {
             let msgs: Vec<&ChatMessage> = system.iter().chain(rest[start..].iter()).copied().collect();
             let (prompt, _) = self.build_prompt(&msgs)?;
             let n = prompt.len();
-            let fits = n + reserve <= limit;
-            if fits || start + 1 >= rest.len() {
-                if start > 0 {
-                    self.cut_anchor = rest.get(start).map(|m| (m.role.clone(), m.content.clone()));
-                }
-                if fits {
+            let last_resort = start + 1 >= rest.len();
+            if n + reserve <= bound || last_resort {
+                self.cut_anchor = if start > 0 {
+                    rest.get(start).map(|m| (m.role.clone(), m.content.clone()))
+                } else {
+                    None
+                };
+                if n + reserve <= limit {
                     return Ok(prompt);
                 }
                 // Even the newest message alone is too long: keep its tail.
@@ -518,11 +523,15 @@ impl<'m> Session<'m> {
                     Prompt::Chunks(_) => Err(EngineError::new(400, "The message is too long for the model's context.")),
                 };
             }
-            // Cut well below the limit so the next few turns keep the same cut.
-            let target = limit * 3 / 4;
-            let over = n + reserve > target;
+            // Cut where the previous overflow cut, so the cache stays useful.
+            if let Some(a) = anchor.filter(|a| *a > start && a + 1 < rest.len()) {
+                start = a;
+                bound = limit;
+                continue;
+            }
+            bound = target;
             start += 1;
-            while over && start + 1 < rest.len() && rest[start].role != "user" {
+            while start + 1 < rest.len() && rest[start].role != "user" {
                 start += 1;
             }
         }

@@ -420,3 +420,27 @@ fn is_zombie(pid: i32) -> bool {
         .map(|s| s.rsplit(')').next().unwrap_or("").trim_start().starts_with('Z'))
         .unwrap_or(true)
 }
+
+#[test]
+fn overflowing_conversation_keeps_a_stable_cut() {
+    let e = Engine::start(&stories_dir("stable-cut"));
+    let r = e.api("POST", "/api/load", Some(r#"{"name":"stories260K.gguf","gpu":false,"ctx":512}"#));
+    assert_eq!(r.status, 200, "{}", r.text());
+    let mut messages = vec![json!({"role": "system", "content": "Be kind."})];
+    let mut cached_after_overflow = Vec::new();
+    for i in 0..24 {
+        messages.push(user(&format!("Turn {i}: the girl went to the park and played.")));
+        let v = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 12})).json();
+        let reply = v["choices"][0]["message"]["content"].as_str().unwrap().to_string();
+        messages.push(json!({"role": "assistant", "content": reply}));
+        let last = e.state()["last"].clone();
+        let prompt = last["prompt_tokens"].as_i64().unwrap();
+        assert!(prompt + 12 <= 512, "{last}");
+        if i >= 12 {
+            cached_after_overflow.push(last["cached_tokens"].as_i64().unwrap());
+        }
+    }
+    // Once cut, most later turns still find their start in the cache.
+    let reused = cached_after_overflow.iter().filter(|c| **c > 100).count();
+    assert!(reused * 2 >= cached_after_overflow.len(), "{cached_after_overflow:?}");
+}
