@@ -31,6 +31,22 @@ pub fn stem(name: &str) -> &str {
     }
 }
 
+/// How well a projector's name matches a model's: names sharing the model's
+/// stem (once "mmproj" is set aside) score highest, then the longest common
+/// beginning.
+pub fn projector_affinity(model: &str, projector: &str) -> usize {
+    let model_stem = stem(model).to_ascii_lowercase();
+    let pstem = stem(projector).to_ascii_lowercase();
+    let core = pstem.replace("mmproj-", "").replace("-mmproj", "").replace("mmproj", "");
+    let core = core.trim_matches(|c| c == '-' || c == '_' || c == '.');
+    let shared = model_stem.chars().zip(core.chars()).take_while(|(a, b)| a == b).count();
+    if !core.is_empty() && (model_stem.starts_with(core) || core.starts_with(&model_stem)) {
+        10_000 + shared
+    } else {
+        shared
+    }
+}
+
 #[cfg(test)]
 mod tests {
     use super::*;
@@ -57,6 +73,20 @@ mod tests {
         assert!(!is_download_name(".gguf"));
         assert!(!is_download_name("model.gguf.part"));
         assert!(!is_download_name("sub/model.gguf"));
+    }
+
+    #[test]
+    fn projector_pairing_prefers_the_model_stem() {
+        let m = "gemma-3-4b-it-Q4_K_M.gguf";
+        let a = projector_affinity(m, "mmproj-gemma-3-4b-it-f16.gguf");
+        let b = projector_affinity(m, "mmproj-gemma-3-12b-it-f16.gguf");
+        let c = projector_affinity(m, "other-mmproj.gguf");
+        assert!(a > b && b > c, "{a} {b} {c}");
+        let exact = projector_affinity("tinygemma3.gguf", "mmproj-tinygemma3.gguf");
+        let near = projector_affinity("tinygemma3.gguf", "mmproj-tinygemma.gguf");
+        assert!(exact >= 10_000 && near >= 10_000);
+        assert!(projector_affinity("tinygemma3.gguf", "tinygemma3-mmproj.gguf") >= 10_000);
+        assert!(projector_affinity("llava.gguf", "mmproj.gguf") < 10_000);
     }
 
     #[test]

@@ -170,7 +170,6 @@ fn pick_projector(app: &App, model_name: &str) -> Option<(String, std::path::Pat
     let shared = &app.shared;
     let model_path = shared.dir.join(model_name);
     let model_embd = shared.header_info(&model_path)?.embedding;
-    let model_stem = names::stem(model_name).to_ascii_lowercase();
     let mut best: Option<(usize, String)> = None;
     for m in shared.list_models() {
         if !m.projector {
@@ -181,15 +180,7 @@ fn pick_projector(app: &App, model_name: &str) -> Option<(String, std::path::Pat
         if info.embedding.is_none() || info.embedding != model_embd {
             continue;
         }
-        let pstem = names::stem(&m.name).to_ascii_lowercase();
-        let core = pstem.replace("mmproj-", "").replace("-mmproj", "").replace("mmproj", "");
-        let core = core.trim_matches(|c| c == '-' || c == '_' || c == '.');
-        let shared_len = model_stem.chars().zip(core.chars()).take_while(|(a, b)| a == b).count();
-        let score = if !core.is_empty() && (model_stem.starts_with(core) || core.starts_with(&model_stem)) {
-            10_000 + shared_len
-        } else {
-            shared_len
-        };
+        let score = names::projector_affinity(model_name, &m.name);
         if best.as_ref().is_none_or(|(s, _)| score > *s) {
             best = Some((score, m.name.clone()));
         }
