@@ -1,4 +1,5 @@
 #include "TestHome.h"
+#include "TestModels.h"
 #include "engine/EngineStore.h"
 #include "model/HistoryFile.h"
 #include "model/PlatformWords.h"
@@ -16,32 +17,20 @@
 class EngineEndToEndTest : public QObject {
     Q_OBJECT
 
-private:
-    static QString sharedModel(const QString &name)
-    {
-        return QDir(qEnvironmentVariable("VORN_SHARED_DIR")).filePath(QStringLiteral("models/") + name);
-    }
-
-    static void linkModel(const TestHome &home, const QString &name)
-    {
-        QDir().mkpath(home.modelsFolder());
-        QVERIFY(QFile::link(sharedModel(name), QDir(home.modelsFolder()).filePath(name)));
-    }
-
 private slots:
     void initTestCase()
     {
         const QString engine = qEnvironmentVariable("VORN_ENGINE_PATH");
         if (!QFileInfo(engine).isExecutable())
             QFAIL("vorn-engine is not built next to the app");
-        QVERIFY(QFileInfo::exists(sharedModel(QStringLiteral("stories260K.gguf"))));
+        QVERIFY(QFileInfo::exists(TestModels::path(QStringLiteral("stories260K.gguf"))));
         EngineStore::setEngineLocationForTesting(engine);
     }
 
     void chatWithTheTinyModel()
     {
         TestHome home;
-        linkModel(home, QStringLiteral("stories260K.gguf"));
+        QVERIFY(TestModels::linkInto(home.modelsFolder(), QStringLiteral("stories260K.gguf")));
         EngineStore store;
         store.start();
         QTRY_VERIFY_WITH_TIMEOUT(store.ready(), 15000);

@@ -1,5 +1,6 @@
 #include "FakeEngine.h"
 #include "TestHome.h"
+#include "TestModels.h"
 #include "chat/MessageListModel.h"
 #include "engine/EngineStore.h"
 #include "model/HistoryFile.h"
@@ -19,17 +20,6 @@ class FaultsTest : public QObject {
     Q_OBJECT
 
 private:
-    static QString sharedModel(const QString &name)
-    {
-        return QDir(qEnvironmentVariable("VORN_SHARED_DIR")).filePath(QStringLiteral("models/") + name);
-    }
-
-    static void linkModel(const TestHome &home, const QString &name)
-    {
-        QDir().mkpath(home.modelsFolder());
-        QVERIFY(QFile::link(sharedModel(name), QDir(home.modelsFolder()).filePath(name)));
-    }
-
     static void kill(EngineStore &store)
     {
         QVERIFY(store.process());
@@ -59,7 +49,7 @@ private slots:
     void engineKilledDuringAReply()
     {
         TestHome home;
-        linkModel(home, QStringLiteral("stories260K.gguf"));
+        QVERIFY(TestModels::linkInto(home.modelsFolder(), QStringLiteral("stories260K.gguf")));
         EngineStore store;
         store.start();
         QTRY_VERIFY_WITH_TIMEOUT(store.ready(), 15000);
@@ -101,7 +91,7 @@ private slots:
         QVERIFY(broken.open(QIODevice::WriteOnly));
         broken.write(QByteArray("GGUF") + QByteArray(4096, '\xff'));
         broken.close();
-        linkModel(home, QStringLiteral("stories260K.gguf"));
+        QVERIFY(TestModels::linkInto(home.modelsFolder(), QStringLiteral("stories260K.gguf")));
         EngineStore store;
         store.start();
         QTRY_VERIFY_WITH_TIMEOUT(store.ready(), 15000);
@@ -127,7 +117,7 @@ private slots:
     void downloadResumesAfterTheEngineIsKilled()
     {
         TestHome home;
-        QFile source(sharedModel(QStringLiteral("stories260K.gguf")));
+        QFile source(TestModels::path(QStringLiteral("stories260K.gguf")));
         QVERIFY(source.open(QIODevice::ReadOnly));
         const QByteArray contents = source.readAll();
 
