@@ -149,6 +149,94 @@ fn worker(rx: mpsc::Receiver<Command>, shared: Arc<Shared>) {
     }
 }
 
+pub const PROBE_FLAG: &str = "--probe-gguf";
+
+/// Child-process side of the probe: load the file with llama.cpp on the CPU
+/// and run one token through it. Exit 0 when that works, 3 when llama.cpp
+/// refuses it with an error.
+pub fn probe_main(path: &std::path::Path) -> i32 {
+    let Ok(mut backend) = LlamaBackend::init() else { return 4 };
+    backend.void_logs();
+    let params = LlamaModelParams::default().with_n_gpu_layers(0);
+    let Ok(model) = LlamaModel::load_from_file(&backend, path, &params) else { return 3 };
+    let _ = model.chat_template(None);
+    let vocab = model.vocab();
+    // Everything the engine later asks of the vocabulary, once per token:
+    // a corrupt table makes llama.cpp throw, which would abort the engine.
+    let sample = "<|im_start|>user\nHello, world! 123 é 🌍<|im_end|>\n<|im_start|>assistant\n";
+    let _ = vocab.tokenize(sample.as_bytes(), true, true);
+    let _ = vocab.tokenize(sample.as_bytes(), false, false);
+    let mut piece = Vec::with_capacity(64);
+    for t in 0..vocab.n_tokens() {
+        let t = LlamaToken(t);
+        let _ = vocab.is_eog(t);
+        piece.clear();
+        vocab.token_to_piece_into(t, &mut piece, false, None);
+        piece.clear();
+        vocab.token_to_piece_into(t, &mut piece, true, None);
+    }
+    let ctx_params = LlamaContextParams::default()
+        .with_n_ctx(NonZeroU32::new(64))
+        .with_n_batch(64)
+        .with_n_ubatch(64)
+        .with_n_threads(cores())
+        .with_n_threads_batch(cores());
+    let Ok(mut ctx) = model.new_context(&backend, ctx_params) else { return 3 };
+    let first = if vocab.bos().0 >= 0 && vocab.bos().0 < vocab.n_tokens() { vocab.bos() } else { LlamaToken(0) };
+    let mut batch = LlamaBatch::new(1, 1);
+    if batch.add(first, 0, &[0], true).is_err() || ctx.decode(&mut batch).is_err() {
+        return 3;
+    }
+    0
+}
+
+/// Files that passed the probe, by path, size and modification time.
+static PROBED: std::sync::Mutex<Vec<(PathBuf, u64, Option<std::time::SystemTime>)>> = std::sync::Mutex::new(Vec::new());
+
+/// llama.cpp aborts the whole process on some malformed files (failed
+/// assertions rather than errors), so it first reads an unknown file in a
+/// child process.
+fn probe(path: &std::path::Path) -> Result<(), String> {
+    let meta = std::fs::metadata(path).map_err(|e| e.to_string())?;
+    let key = (path.to_path_buf(), meta.len(), meta.modified().ok());
+    if lock(&PROBED).contains(&key) {
+        return Ok(());
+    }
+    let exe = std::env::current_exe().map_err(|e| e.to_string())?;
+    let mut child = std::process::Command::new(exe)
+        .arg(PROBE_FLAG)
+        .arg(path)
+        .stdin(std::process::Stdio::null())
+        .stdout(std::process::Stdio::null())
+        .stderr(std::process::Stdio::null())
+        .spawn()
+        .map_err(|e| format!("cannot check the file: {e}"))?;
+    let deadline = Instant::now() + std::time::Duration::from_secs(300);
+    let status = loop {
+        match child.try_wait() {
+            Ok(Some(s)) => break s,
+            Ok(None) if Instant::now() < deadline => std::thread::sleep(std::time::Duration::from_millis(5)),
+            _ => {
+                let _ = child.kill();
+                let _ = child.wait();
+                return Err("reading the file took too long".into());
+            }
+        }
+    };
+    match status.code() {
+        Some(0) => {
+            let mut probed = lock(&PROBED);
+            if probed.len() > 256 {
+                probed.clear();
+            }
+            probed.push(key);
+            Ok(())
+        }
+        Some(3) => Err("llama.cpp cannot read it".into()),
+        _ => Err("llama.cpp failed on its contents (malformed metadata or vocabulary)".into()),
+    }
+}
+
 fn fail(cmd: Command, err: EngineError) {
     match cmd {
         Command::Load(_, reply) | Command::Encode(_, reply) => {
@@ -183,6 +271,14 @@ fn load_and_serve(
         let _ = reply.send(Err(EngineError::new(
             500,
             format!("{} is an image projector, not a model; load its model instead.", req.name),
+        )));
+        return None;
+    }
+    if let Err(why) = probe(&req.path) {
+        let arch = header.architecture().unwrap_or("unknown");
+        let _ = reply.send(Err(EngineError::new(
+            500,
+            format!("{} (architecture \"{arch}\") cannot be loaded: {why}.", req.name),
         )));
         return None;
     }

@@ -117,3 +117,22 @@ fn image_chat_with_projector() {
     ]}]}));
     assert_eq!(r.status, 400, "{}", r.text());
 }
+
+#[test]
+fn files_that_make_llama_cpp_abort_are_refused() {
+    let dir = temp_dir("abort");
+    let vocab = shared_models().join("vocab/ggml-vocab-llama-spm.gguf");
+    // llama.cpp asserts (and would abort the process) on these layer counts.
+    write_model(&dir.join("no-layers.gguf"), &vocab, &Spec { arch: "llama", n_embd: 32, n_layer: 0, n_head: 4, n_ff: 64, seed: 1 });
+    write_model(&dir.join("too-many-layers.gguf"), &vocab, &Spec { arch: "llama", n_embd: 8, n_layer: 600, n_head: 2, n_ff: 8, seed: 1 });
+    std::os::unix::fs::symlink(shared_models().join("stories260K.gguf"), dir.join("stories260K.gguf")).unwrap();
+    let e = Engine::start(&dir);
+    for name in ["no-layers.gguf", "too-many-layers.gguf"] {
+        let r = e.load(name);
+        assert_eq!(r.status, 500, "{name}: {}", r.text());
+        assert!(r.error().contains(name), "{}", r.error());
+    }
+    assert_eq!(e.load("stories260K.gguf").status, 200);
+    let r = e.chat(&json!({"messages": [user("Hi")], "max_tokens": 2}));
+    assert_eq!(r.status, 200, "{}", r.text());
+}
