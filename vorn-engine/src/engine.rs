@@ -154,7 +154,7 @@ pub const PROBE_FLAG: &str = "--probe-gguf";
 /// Child-process side of the probe: load the file with llama.cpp on the CPU
 /// and run one token through it. Exit 0 when that works, 3 when llama.cpp
 /// refuses it with an error.
-pub fn probe_main(path: &std::path::Path) -> i32 {
+pub fn probe_main(path: &std::path::Path, projector: Option<&std::path::Path>) -> i32 {
     let Ok(mut backend) = LlamaBackend::init() else { return 4 };
     backend.void_logs();
     let params = LlamaModelParams::default().with_n_gpu_layers(0);
@@ -187,25 +187,59 @@ pub fn probe_main(path: &std::path::Path) -> i32 {
     if batch.add(first, 0, &[0], true).is_err() || ctx.decode(&mut batch).is_err() {
         return 3;
     }
+    if let Some(proj) = projector {
+        // The projector must load with this model and encode a small image.
+        let params = MtmdContextParams {
+            use_gpu: false,
+            print_timings: false,
+            n_threads: cores(),
+            media_marker: CString::new(MEDIA_MARKER).expect("marker has no NUL"),
+            image_min_tokens: -1,
+            image_max_tokens: -1,
+        };
+        let Ok(mut mtmd) = MtmdContext::init_from_file(&proj.to_string_lossy(), &model, &params) else { return 3 };
+        if !mtmd.support_vision() {
+            return 3;
+        }
+        let pixels: Vec<u8> = (0..16 * 16 * 3).map(|i| (i * 37 % 251) as u8).collect();
+        let Ok(bitmap) = MtmdBitmap::from_image_data(16, 16, &pixels) else { return 3 };
+        let text = MtmdInputText { text: MEDIA_MARKER.to_string(), add_special: false, parse_special: true };
+        let Ok(chunks) = mtmd.tokenize(text, &[&bitmap]) else { return 3 };
+        for i in 0..chunks.len() {
+            if let Some(c) = chunks.get(i) {
+                if c.chunk_type() != MtmdInputChunkType::Text && mtmd.encode_chunk(&c).is_err() {
+                    return 3;
+                }
+            }
+        }
+    }
     0
 }
 
 /// Files that passed the probe, by path, size and modification time.
-static PROBED: std::sync::Mutex<Vec<(PathBuf, u64, Option<std::time::SystemTime>)>> = std::sync::Mutex::new(Vec::new());
+type ProbeKey = (PathBuf, u64, Option<std::time::SystemTime>);
+static PROBED: std::sync::Mutex<Vec<(ProbeKey, Option<ProbeKey>)>> = std::sync::Mutex::new(Vec::new());
+
+fn probe_key(path: &std::path::Path) -> Result<ProbeKey, String> {
+    let meta = std::fs::metadata(path).map_err(|e| e.to_string())?;
+    Ok((path.to_path_buf(), meta.len(), meta.modified().ok()))
+}
 
 /// llama.cpp aborts the whole process on some malformed files (failed
 /// assertions rather than errors), so it first reads an unknown file in a
 /// child process.
-fn probe(path: &std::path::Path) -> Result<(), String> {
-    let meta = std::fs::metadata(path).map_err(|e| e.to_string())?;
-    let key = (path.to_path_buf(), meta.len(), meta.modified().ok());
+fn probe(path: &std::path::Path, projector: Option<&std::path::Path>) -> Result<(), String> {
+    let key = (probe_key(path)?, projector.map(probe_key).transpose()?);
     if lock(&PROBED).contains(&key) {
         return Ok(());
     }
     let exe = std::env::current_exe().map_err(|e| e.to_string())?;
-    let mut child = std::process::Command::new(exe)
-        .arg(PROBE_FLAG)
-        .arg(path)
+    let mut cmd = std::process::Command::new(exe);
+    cmd.arg(PROBE_FLAG).arg(path);
+    if let Some(p) = projector {
+        cmd.arg(p);
+    }
+    let mut child = cmd
         .stdin(std::process::Stdio::null())
         .stdout(std::process::Stdio::null())
         .stderr(std::process::Stdio::null())
@@ -274,7 +308,7 @@ fn load_and_serve(
         )));
         return None;
     }
-    if let Err(why) = probe(&req.path) {
+    if let Err(why) = probe(&req.path, None) {
         let arch = header.architecture().unwrap_or("unknown");
         let _ = reply.send(Err(EngineError::new(
             500,
@@ -390,7 +424,14 @@ fn serve(
 
     let mut mtmd = None;
     let mut projector_name = None;
-    if let Some((pname, ppath)) = &req.projector {
+    let projector = req.projector.as_ref().filter(|(pname, ppath)| match probe(&req.path, Some(ppath)) {
+        Ok(()) => true,
+        Err(why) => {
+            eprintln!("vorn-engine: projector {pname} left out: {why}");
+            false
+        }
+    });
+    if let Some((pname, ppath)) = projector {
         let params = MtmdContextParams {
             use_gpu: offload,
             print_timings: false,

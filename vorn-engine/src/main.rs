@@ -109,10 +109,11 @@ async fn shutdown_signal() {
 
 fn main() {
     let args: Vec<String> = std::env::args().skip(1).collect();
-    if args.len() == 2 && args[0] == engine::PROBE_FLAG {
+    if (2..=3).contains(&args.len()) && args[0] == engine::PROBE_FLAG {
         // Runs in a child process so that a file which makes llama.cpp
         // abort takes down only the probe, never the engine.
-        std::process::exit(engine::probe_main(std::path::Path::new(&args[1])));
+        let projector = args.get(2).map(std::path::Path::new);
+        std::process::exit(engine::probe_main(std::path::Path::new(&args[1]), projector));
     }
     let args = match parse_args(&args) {
         Ok(Some(a)) => a,

@@ -379,6 +379,7 @@ fn command_line_errors() {
         .unwrap();
     assert!(!out.status.success());
     assert!(String::from_utf8_lossy(&out.stderr).contains(&port));
+    let _ = std::fs::remove_dir_all(&dir);
 }
 
 #[test]
@@ -413,6 +414,7 @@ fn engine_exits_when_its_parent_dies() {
         assert!(Instant::now() < deadline, "engine outlived its parent");
         std::thread::sleep(Duration::from_millis(50));
     }
+    let _ = std::fs::remove_dir_all(&dir);
 }
 
 fn is_zombie(pid: i32) -> bool {

@@ -122,6 +122,14 @@ impl Drop for Engine {
     fn drop(&mut self) {
         let _ = self.child.kill();
         let _ = self.child.wait();
+        let own = self
+            .dir
+            .file_name()
+            .and_then(|n| n.to_str())
+            .is_some_and(|n| n.starts_with("vorn-engine-test-"));
+        if own {
+            let _ = std::fs::remove_dir_all(&self.dir);
+        }
     }
 }
 
