@@ -95,6 +95,56 @@ class Engine:
         self.proc.wait(timeout=20)
 
 
+def png_bytes(w, h, seed):
+    """A small uncompressed PNG, so the benchmark needs no image files."""
+    import struct
+    import zlib
+    raw = b"".join(b"\x00" + bytes(((x * 7 + y * 3 + seed) % 256) for x in range(w) for _ in range(3)) for y in range(h))
+
+    def chunk(kind, data):
+        return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data) & 0xffffffff)
+    return (b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", w, h, 8, 2, 0, 0, 0))
+            + chunk(b"IDAT", zlib.compress(raw)) + chunk(b"IEND", b""))
+
+
+def image_bench(engine, tmp, args):
+    """Time to first token of a follow-up question about an image that was
+    sent to /api/encode while the user typed, against a follow-up question
+    of the same length without image, in the same conversation."""
+    import base64
+    for path in (args.image_model, args.projector):
+        os.symlink(os.path.abspath(path), os.path.join(tmp, os.path.basename(path)))
+    engine.call("/api/load", {"name": os.path.basename(args.image_model), "gpu": True, "ctx": args.ctx})
+    if not engine.state().get("vision"):
+        return {"image_error": "the projector was not paired with the model"}
+    plain, with_image, reused, cached, evaluated = [], [], [], [], []
+    for i in range(args.repeat):
+        url = "data:image/png;base64," + base64.b64encode(png_bytes(64, 64, i)).decode()
+        messages = [{"role": "user", "content": "Conversation %d: tell me about your day." % i}]
+        _, _, text = engine.stream({"messages": messages, "temperature": 0, "max_tokens": 16})
+        messages += [{"role": "assistant", "content": text},
+                     {"role": "user", "content": "Question A: what is in the picture?"}]
+        first, _, text = engine.stream({"messages": messages, "temperature": 0, "max_tokens": 16})
+        plain.append(first)
+        evaluated.append(engine.state()["last"].get("evaluated_tokens"))
+        messages.append({"role": "assistant", "content": text})
+        engine.call("/api/encode", {"url": url})
+        messages.append({"role": "user", "content": [
+            {"type": "image_url", "image_url": {"url": url}},
+            {"type": "text", "text": "Question B: what is in the picture?"}]})
+        first, _, _ = engine.stream({"messages": messages, "temperature": 0, "max_tokens": 16})
+        with_image.append(first)
+        last = engine.state()["last"]
+        reused.append(last.get("reused_images"))
+        cached.append(last.get("cached_tokens"))
+        evaluated.append(last.get("evaluated_tokens"))
+    return {"ttft_plain_followup_ms": median(plain) * 1000,
+            "ttft_preencoded_image_followup_ms": median(with_image) * 1000,
+            "image_ttft_ratio": median(with_image) / median(plain),
+            "image_cached_tokens": cached, "image_reused_encodings": reused,
+            "evaluated_tokens_plain_then_image": evaluated}
+
+
 def median(xs):
     xs = sorted(xs)
     return xs[len(xs) // 2]
@@ -108,6 +158,8 @@ def main():
     ap.add_argument("--decode-tokens", type=int, default=256)
     ap.add_argument("--turns", type=int, default=10)
     ap.add_argument("--repeat", type=int, default=3)
+    ap.add_argument("--image-model", help="a vision model; with --projector also measures image questions")
+    ap.add_argument("--projector", help="the image projector that goes with --image-model")
     args = ap.parse_args()
     if not args.engine or not os.path.exists(args.engine):
         raise SystemExit("vorn-engine binary not found; build it or pass --engine")
@@ -160,6 +212,8 @@ def main():
         results["server_ttft_ms_per_turn"] = [round(x, 3) for x in server_ttft]
         results["evaluated_prompt_tokens_per_turn"] = evaluated
         results["final_prompt_tokens"] = engine.state()["last"]["prompt_tokens"]
+        if args.image_model and args.projector:
+            results.update(image_bench(engine, tmp, args))
     finally:
         engine.stop()
         shutil.rmtree(tmp, ignore_errors=True)

@@ -48,11 +48,13 @@ pub struct LoadRequest {
     pub projector: Option<(String, PathBuf)>,
 }
 
+#[derive(Clone)]
 pub struct Image {
     pub hash: String,
     pub bytes: Arc<Vec<u8>>,
 }
 
+#[derive(Clone)]
 pub struct ChatMessage {
     pub role: String,
     /// Text with one media marker per image, in order.
@@ -361,6 +363,10 @@ struct Session<'m> {
     mrope: bool,
     /// Images of the current request whose encoder output came from /api/encode.
     reused_images: i64,
+    /// The last conversation and its reply, to guess where an image that
+    /// arrives through /api/encode will be placed.
+    history: Vec<ChatMessage>,
+    history_reply: String,
 }
 
 #[derive(Clone, Copy, PartialEq, Eq, Debug)]
@@ -474,6 +480,8 @@ fn serve(
         embeddings: LruCache::new(8),
         mrope,
         reused_images: 0,
+        history: Vec::new(),
+        history_reply: String::new(),
     };
     *lock(&shared.loaded) = Some(Loaded {
         name: req.name.clone(),
@@ -551,9 +559,14 @@ impl<'m> Session<'m> {
         if self.mtmd.is_none() {
             return Err(EngineError::new(409, "The loaded model has no image support."));
         }
-        if self.embeddings.get(&image.hash).is_some() {
-            return Ok(());
+        if self.embeddings.get(&image.hash).is_none() {
+            self.encode_now(image)?;
         }
+        self.speculate(image);
+        Ok(())
+    }
+
+    fn encode_now(&mut self, image: &Image) -> Result<(), EngineError> {
         let bitmap = self.bitmap(image)?;
         let mtmd = self.mtmd.as_mut().expect("checked above");
         let chunks = mtmd
@@ -569,7 +582,9 @@ impl<'m> Session<'m> {
             }
             mtmd.encode_chunk(&chunk)
                 .map_err(|e| EngineError::new(500, format!("The image encoder failed: {e}")))?;
-            let n = chunk.n_tokens() * self.model.n_embd() as usize;
+            // The width mtmd's own helper uses when decoding embeddings.
+            let width = unsafe { llama_cpp_sys_2::llama_model_n_embd_inp(ffi::model_ptr(self.model)) };
+            let n = chunk.n_tokens() * width.max(0) as usize;
             let Some(raw) = ffi::mtmd_ptr(mtmd) else { return Ok(()) };
             // SAFETY: after a successful encode the output holds n_tokens rows
             // of the text model's embedding width.
@@ -605,11 +620,16 @@ impl<'m> Session<'m> {
             .collect();
         let text = self.template.render(&tmsgs).map_err(|e| EngineError::new(500, e))?;
         let images: Vec<&Image> = messages.iter().flat_map(|m| m.images.iter()).collect();
+        let prompt = self.tokenize_prompt(&text, &images)?;
+        Ok((prompt, text))
+    }
+
+    fn tokenize_prompt(&mut self, text: &str, images: &[&Image]) -> Result<Prompt, EngineError> {
         if images.is_empty() {
-            return Ok((Prompt::Text(self.tokenize_text(&text)), text));
+            return Ok(Prompt::Text(self.tokenize_text(text)));
         }
         let mut bitmaps = Vec::with_capacity(images.len());
-        for img in &images {
+        for img in images {
             bitmaps.push(self.bitmap(img)?);
         }
         let refs: Vec<&MtmdBitmap> = bitmaps.iter().map(|b| b.as_ref()).collect();
@@ -617,9 +637,34 @@ impl<'m> Session<'m> {
         let add_special = bos_text.is_empty() || !text.starts_with(&bos_text);
         let mtmd = self.mtmd.as_ref().ok_or_else(|| EngineError::new(400, "The loaded model does not accept images."))?;
         let chunks = mtmd
-            .tokenize(MtmdInputText { text: text.clone(), add_special, parse_special: true }, &refs)
+            .tokenize(MtmdInputText { text: text.to_string(), add_special, parse_special: true }, &refs)
             .map_err(|e| EngineError::new(400, format!("The images could not be prepared: {e}")))?;
-        Ok((Prompt::Chunks(chunks), text))
+        Ok(Prompt::Chunks(chunks))
+    }
+
+    /// An image sent ahead of its question most likely opens the next user
+    /// message of the last conversation (or of a new one). Evaluating the
+    /// prompt up to and including the image now lets the question itself
+    /// start from the cache. A wrong guess only costs cache contents.
+    fn speculate(&mut self, image: &Image) {
+        let mut msgs = self.history.clone();
+        if !msgs.is_empty() {
+            msgs.push(ChatMessage { role: "assistant".into(), content: self.history_reply.clone(), images: Vec::new() });
+        }
+        msgs.push(ChatMessage { role: "user".into(), content: format!("{MEDIA_MARKER}\n?"), images: vec![image.clone()] });
+        let tmsgs: Vec<TemplateMessage> =
+            msgs.iter().map(|m| TemplateMessage { role: m.role.clone(), content: m.content.clone() }).collect();
+        let Ok(text) = self.template.render(&tmsgs) else { return };
+        let Some(at) = text.rfind(MEDIA_MARKER) else { return };
+        let prefix = &text[..at + MEDIA_MARKER.len()];
+        let images: Vec<&Image> = msgs.iter().flat_map(|m| m.images.iter()).collect();
+        let Ok(Prompt::Chunks(chunks)) = self.tokenize_prompt(prefix, &images) else { return };
+        if chunks.total_tokens() + (self.n_ctx as usize) / 4 > self.n_ctx as usize {
+            return;
+        }
+        let (events, _keep_open) = tmpsc::unbounded_channel();
+        let never = AtomicBool::new(false);
+        let _ = self.prefill_chunks(&chunks, &never, &events, true);
     }
 
     /// Renders the conversation, dropping its oldest turns while it does not
@@ -741,6 +786,7 @@ impl<'m> Session<'m> {
 
         let vocab = self.model.vocab();
         let mut utf8 = Utf8Stream::default();
+        let mut reply = String::new();
         let mut stop_list = job.stop.clone();
         stop_list.extend(self.template.implicit_stops());
         let mut stops = StopMatcher::new(stop_list);
@@ -773,12 +819,14 @@ impl<'m> Session<'m> {
             if !text.is_empty() {
                 match stops.push(&text) {
                     StopOutcome::Emit(t) => {
+                        reply.push_str(&t);
                         if !t.is_empty() && job.events.send(Event::Delta(t)).is_err() {
                             finish = "cancelled";
                             break;
                         }
                     }
                     StopOutcome::Stopped(t) => {
+                        reply.push_str(&t);
                         if !t.is_empty() {
                             let _ = job.events.send(Event::Delta(t));
                         }
@@ -815,6 +863,7 @@ impl<'m> Session<'m> {
                 }
             }
             tail.push_str(&stops.finish());
+            reply.push_str(&tail);
             if !tail.is_empty() {
                 let _ = job.events.send(Event::Delta(tail));
             }
@@ -831,6 +880,8 @@ impl<'m> Session<'m> {
             reused_images: self.reused_images,
         };
         *lock(&self.shared.last) = metrics;
+        self.history = job.messages.clone();
+        self.history_reply = reply;
         let _ = job.events.send(Event::Done {
             finish_reason: if finish == "cancelled" { "stop" } else { finish },
             prompt_tokens,
@@ -882,7 +933,7 @@ impl<'m> Session<'m> {
                 self.decode_tokens(&tokens[keep..], keep, cancel, events)?;
                 Ok((tokens.len() - keep, tokens.len()))
             }
-            Prompt::Chunks(chunks) => self.prefill_chunks(chunks, cancel, events),
+            Prompt::Chunks(chunks) => self.prefill_chunks(chunks, cancel, events, false),
         }
     }
 
@@ -923,6 +974,7 @@ impl<'m> Session<'m> {
         chunks: &MtmdInputChunks,
         cancel: &AtomicBool,
         events: &tmpsc::UnboundedSender<Event>,
+        speculative: bool,
     ) -> Result<(usize, usize), Option<EngineError>> {
         // Keys per chunk; M-RoPE models place images differently, so their
         // cache is only reused up to the first image.
@@ -940,6 +992,9 @@ impl<'m> Session<'m> {
                     keys.extend((0..c.n_tokens() as u32).map(|j| Key::Image(h, j)));
                 }
             }
+        }
+        if speculative && (self.mrope || crate::prompt::common_prefix(&self.cached, &keys) == keys.len()) {
+            return Ok((0, keys.len()));
         }
         let mut keep = self.limit_for_mrope(reusable_prefix(&self.cached, &keys));
         if self.mrope {
@@ -959,6 +1014,19 @@ impl<'m> Session<'m> {
             keep = 0;
         }
         let ctx_ptr = ffi::context_ptr(&self.ctx, self.model);
+        let raw_ok = ctx_ptr.is_some() && self.mtmd.as_ref().and_then(ffi::mtmd_ptr).is_some();
+        if !raw_ok {
+            // Without the raw handles, evaluate everything through the safe
+            // wrapper: correct, only without cache reuse for this prompt.
+            self.ctx.clear_kv_cache();
+            self.cached.clear();
+            let mtmd = self.mtmd.as_mut().ok_or_else(|| Some(EngineError::new(400, "no projector")))?;
+            let end = chunks
+                .eval_chunks(mtmd, &mut self.ctx, 0, 0, self.n_batch as i32, true)
+                .map_err(|e| Some(EngineError::new(500, format!("Prompt evaluation failed: {e}"))))?;
+            self.cached = keys.clone();
+            return Ok((keys.len(), end as usize));
+        }
         let mut s = 0usize;
         let mut pos = keep as i32;
         let n_chunks = chunks.len();
@@ -984,7 +1052,7 @@ impl<'m> Session<'m> {
                     let id = c.id().unwrap_or_default();
                     let cached_embd = self.embeddings.get(&id);
                     let mtmd = self.mtmd.as_mut().ok_or_else(|| Some(EngineError::new(400, "no projector")))?;
-                    let raw = (|| Some((ffi::mtmd_ptr(mtmd)?, ctx_ptr?, ffi::chunk_ptr(&c)?)))();
+                    let raw = (|| Some((ffi::mtmd_ptr(mtmd)?, ctx_ptr?, ffi::chunk_ptr(chunks, i)?)))();
                     let mut new_pos: i32 = pos;
                     let rc = match (raw, cached_embd) {
                         (Some((m, l, ch)), Some(embd)) => unsafe {

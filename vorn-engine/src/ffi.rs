@@ -8,11 +8,13 @@
 
 use llama_cpp_2::context::LlamaContext;
 use llama_cpp_2::model::LlamaModel;
-use llama_cpp_2::mtmd::{MtmdContext, MtmdInputChunk};
+use llama_cpp_2::mtmd::{MtmdContext, MtmdInputChunks};
 use llama_cpp_sys_2 as sys;
 use std::mem::size_of;
 
-/// Pointer-sized words of a value, for scanning a wrapper's fields.
+/// Pointer-sized words of a value, for scanning a wrapper's fields. Only
+/// used on wrappers whose fields are all pointer-sized, so no word holds
+/// padding.
 fn words<T>(value: &T) -> Vec<usize> {
     let n = size_of::<T>() / size_of::<usize>();
     let base = value as *const T as *const usize;
@@ -33,6 +35,10 @@ pub fn model_ptr(model: &LlamaModel) -> *mut sys::llama_model {
 }
 
 pub fn context_ptr(ctx: &LlamaContext<'_>, model: &LlamaModel) -> Option<*mut sys::llama_context> {
+    // Pointer, then a Vec's three words: no padding anywhere.
+    if size_of::<LlamaContext<'_>>() != 4 * size_of::<usize>() {
+        return None;
+    }
     let want = model_ptr(model) as *const sys::llama_model;
     let candidates: Vec<usize> = words(ctx).into_iter().filter(|w| plausible_pointer(*w)).collect();
     // With no backend samplers the context pointer is the only heap pointer.
@@ -53,13 +59,23 @@ pub fn mtmd_ptr(mtmd: &MtmdContext) -> Option<*mut sys::mtmd_context> {
     plausible_pointer(w).then_some(w as *mut sys::mtmd_context)
 }
 
-pub fn chunk_ptr(chunk: &MtmdInputChunk<'_>) -> Option<*const sys::mtmd_input_chunk> {
-    let candidates: Vec<usize> = words(chunk).into_iter().filter(|w| plausible_pointer(*w)).collect();
-    if candidates.len() != 1 {
+/// The raw chunk `index` of a chunk list; checked against the safe wrapper.
+pub fn chunk_ptr(chunks: &MtmdInputChunks, index: usize) -> Option<*const sys::mtmd_input_chunk> {
+    if size_of::<MtmdInputChunks>() != size_of::<usize>() {
         return None;
     }
-    let p = candidates[0] as *const sys::mtmd_input_chunk;
-    // SAFETY: the only pointer-like field of a live chunk; check it agrees.
-    let n = unsafe { sys::mtmd_input_chunk_get_n_tokens(p) };
-    (n == chunk.n_tokens()).then_some(p)
+    let w = words(chunks)[0];
+    if !plausible_pointer(w) {
+        return None;
+    }
+    let list = w as *const sys::mtmd_input_chunks;
+    // SAFETY: `list` is the wrapper's only field; the index is checked first.
+    unsafe {
+        if index >= sys::mtmd_input_chunks_size(list) {
+            return None;
+        }
+        let p = sys::mtmd_input_chunks_get(list, index);
+        let safe = chunks.get(index)?;
+        (!p.is_null() && sys::mtmd_input_chunk_get_n_tokens(p) == safe.n_tokens()).then_some(p)
+    }
 }

@@ -85,7 +85,20 @@ fn image_chat_with_projector() {
     assert_eq!(ev.last().unwrap(), "[DONE]");
     let fin: Value = serde_json::from_str(&ev[ev.len() - 2]).unwrap();
     let with_image = fin["usage"]["prompt_tokens"].as_i64().unwrap();
-    // The encoder output from /api/encode was used.
+    // /api/encode already placed the image where a new conversation puts
+    // it, so only the question after it was evaluated.
+    let last = e.state()["last"].clone();
+    assert!(last["evaluated_tokens"].as_i64().unwrap() < 30, "{last}");
+    assert!(last["cached_tokens"].as_i64().unwrap() > with_image - 30, "{last}");
+
+    // Pre-encoded, then asked in another conversation than the one it was
+    // guessed for: the stored encoder output is decoded in place.
+    let second = data_url(&png(32, 32, 5));
+    assert_eq!(e.api("POST", "/api/encode", Some(&json!({"url": second}).to_string())).status, 200);
+    let r = e.chat(&json!({"messages": [user("A different conversation."), {"role": "assistant", "content": "Yes."},
+        {"role": "user", "content": [{"type": "image_url", "image_url": {"url": second}}, {"type": "text", "text": "Look."}]}],
+        "temperature": 0, "max_tokens": 2}));
+    assert_eq!(r.status, 200, "{}", r.text());
     assert_eq!(e.state()["last"]["reused_images"], 1);
 
     // A different image in a fresh conversation is encoded on the spot.
