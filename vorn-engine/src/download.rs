@@ -7,7 +7,9 @@
 use crate::names;
 use crate::server::ApiError;
 use crate::state::{lock, Download, Shared};
-use reqwest::header::{HeaderMap, AUTHORIZATION, CONTENT_LENGTH, CONTENT_RANGE, ETAG, LOCATION, RANGE};
+use reqwest::header::{
+    HeaderMap, AUTHORIZATION, CONTENT_LENGTH, CONTENT_RANGE, ETAG, LOCATION, RANGE,
+};
 use reqwest::{StatusCode, Url};
 use sha2::{Digest, Sha256};
 use std::path::{Path, PathBuf};
@@ -42,7 +44,11 @@ fn header<'a>(h: &'a HeaderMap, name: &str) -> Option<&'a str> {
 
 /// An ETag that is a bare SHA-256 (as the hub gives for large files).
 pub fn sha_from_etag(etag: &str) -> Option<String> {
-    let t = etag.trim().trim_start_matches("W/").trim_matches('"').to_ascii_lowercase();
+    let t = etag
+        .trim()
+        .trim_start_matches("W/")
+        .trim_matches('"')
+        .to_ascii_lowercase();
     (t.len() == 64 && t.bytes().all(|b| b.is_ascii_hexdigit())).then_some(t)
 }
 
@@ -64,7 +70,9 @@ pub fn content_range(v: &str) -> Option<(u64, u64)> {
 }
 
 fn same_origin(a: &Url, b: &Url) -> bool {
-    a.scheme() == b.scheme() && a.host_str() == b.host_str() && a.port_or_known_default() == b.port_or_known_default()
+    a.scheme() == b.scheme()
+        && a.host_str() == b.host_str()
+        && a.port_or_known_default() == b.port_or_known_default()
 }
 
 impl Downloader {
@@ -75,7 +83,9 @@ impl Downloader {
             .and_then(|s| Url::parse(s.trim().trim_end_matches('/')).ok())
             .filter(|u| matches!(u.scheme(), "http" | "https") && u.host_str().is_some())
             .unwrap_or_else(|| Url::parse(HUB).expect("hub address"));
-        let token = std::env::var("HF_TOKEN").ok().filter(|t| !t.trim().is_empty());
+        let token = std::env::var("HF_TOKEN")
+            .ok()
+            .filter(|t| !t.trim().is_empty());
         let client = reqwest::Client::builder()
             .redirect(reqwest::redirect::Policy::none())
             .connect_timeout(Duration::from_secs(30))
@@ -83,17 +93,27 @@ impl Downloader {
             .user_agent(concat!("vorn-engine/", env!("CARGO_PKG_VERSION")))
             .build()
             .expect("http client");
-        Self { shared, client, hub, token, tasks: Default::default() }
+        Self {
+            shared,
+            client,
+            hub,
+            token,
+            tasks: Default::default(),
+        }
     }
 
     /// Checks a link and maps it onto the configured hub address.
     pub fn resolve(&self, link: &str) -> Result<Url, String> {
-        let url = Url::parse(link).map_err(|_| "The download link is not a valid URL.".to_string())?;
+        let url =
+            Url::parse(link).map_err(|_| "The download link is not a valid URL.".to_string())?;
         let official = Url::parse(HUB).expect("hub address");
         if same_origin(&url, &self.hub) {
             return Ok(url);
         }
-        if url.scheme() == "https" && url.host_str() == Some("huggingface.co") && url.port().is_none() {
+        if url.scheme() == "https"
+            && url.host_str() == Some("huggingface.co")
+            && url.port().is_none()
+        {
             if same_origin(&self.hub, &official) {
                 return Ok(url);
             }
@@ -104,14 +124,18 @@ impl Downloader {
                 mapped.push('?');
                 mapped.push_str(q);
             }
-            return Url::parse(&mapped).map_err(|_| "The download link is not a valid URL.".to_string());
+            return Url::parse(&mapped)
+                .map_err(|_| "The download link is not a valid URL.".to_string());
         }
         Err("Only https links to the Hugging Face hub can be downloaded.".into())
     }
 
     pub fn start(&self, name: &str, link: &str) -> Result<(), ApiError> {
         if !names::is_download_name(name) {
-            return Err(ApiError::new(400, "The name must be a plain file name ending in .gguf."));
+            return Err(ApiError::new(
+                400,
+                "The name must be a plain file name ending in .gguf.",
+            ));
         }
         let url = self.resolve(link).map_err(|e| ApiError::new(400, e))?;
         if self.shared.shutting_down.load(Ordering::Relaxed) {
@@ -119,17 +143,32 @@ impl Downloader {
         }
         let target = self.shared.dir.join(name);
         if std::fs::symlink_metadata(&target).is_ok() {
-            return Err(ApiError::new(409, format!("A model named {name} is already in the folder.")));
+            return Err(ApiError::new(
+                409,
+                format!("A model named {name} is already in the folder."),
+            ));
         }
         let cancel = Arc::new(AtomicBool::new(false));
         {
             let mut downloads = lock(&self.shared.downloads);
             if downloads.contains_key(name) {
-                return Err(ApiError::new(409, format!("{name} is already downloading.")));
+                return Err(ApiError::new(
+                    409,
+                    format!("{name} is already downloading."),
+                ));
             }
             let part = part_path(&self.shared.dir, name);
-            let bytes = std::fs::metadata(&part).map(|m| m.len() as i64).unwrap_or(0);
-            downloads.insert(name.to_string(), Download { bytes, total: 0, cancel: cancel.clone() });
+            let bytes = std::fs::metadata(&part)
+                .map(|m| m.len() as i64)
+                .unwrap_or(0);
+            downloads.insert(
+                name.to_string(),
+                Download {
+                    bytes,
+                    total: 0,
+                    cancel: cancel.clone(),
+                },
+            );
         }
         let this = self.clone();
         let name = name.to_string();
@@ -186,7 +225,10 @@ impl Downloader {
             if let Some(auth) = self.authorization(&url) {
                 req = req.header(AUTHORIZATION, auth);
             }
-            let resp = req.send().await.map_err(|e| format!("request failed: {e}"))?;
+            let resp = req
+                .send()
+                .await
+                .map_err(|e| format!("request failed: {e}"))?;
             if same_origin(&url, &self.hub) {
                 let a = announced(resp.headers());
                 facts.size = facts.size.or(a.size);
@@ -198,10 +240,15 @@ impl Downloader {
                     .get(LOCATION)
                     .and_then(|v| v.to_str().ok())
                     .ok_or("redirect without a location")?;
-                let next = url.join(loc).map_err(|_| "redirect to an invalid address".to_string())?;
+                let next = url
+                    .join(loc)
+                    .map_err(|_| "redirect to an invalid address".to_string())?;
                 // Plain http is only acceptable back to a configured http hub.
                 if next.scheme() != "https" && !same_origin(&next, &self.hub) {
-                    return Err(format!("refused redirect to a non-https address ({})", next.scheme()));
+                    return Err(format!(
+                        "refused redirect to a non-https address ({})",
+                        next.scheme()
+                    ));
                 }
                 url = next;
                 continue;
@@ -215,7 +262,10 @@ impl Downloader {
         let dir = self.shared.dir.clone();
         let part = part_path(&dir, name);
         let target = dir.join(name);
-        let mut offset = tokio::fs::metadata(&part).await.map(|m| m.len()).unwrap_or(0);
+        let mut offset = tokio::fs::metadata(&part)
+            .await
+            .map(|m| m.len())
+            .unwrap_or(0);
         let mut attempts = 0;
         let (resp, facts) = loop {
             attempts += 1;
@@ -250,7 +300,9 @@ impl Downloader {
                     break (Some(resp), facts);
                 }
                 s if s == StatusCode::UNAUTHORIZED || s == StatusCode::FORBIDDEN => {
-                    return Err(format!("the hub refused access ({s}); a gated model needs HF_TOKEN"));
+                    return Err(format!(
+                        "the hub refused access ({s}); a gated model needs HF_TOKEN"
+                    ));
                 }
                 s => return Err(format!("the server answered {s}")),
             }
@@ -259,7 +311,11 @@ impl Downloader {
         let mut total = facts.size;
         if let Some(resp) = &resp {
             let from_response = if resp.status() == StatusCode::PARTIAL_CONTENT {
-                resp.headers().get(CONTENT_RANGE).and_then(|v| v.to_str().ok()).and_then(content_range).map(|(_, t)| t)
+                resp.headers()
+                    .get(CONTENT_RANGE)
+                    .and_then(|v| v.to_str().ok())
+                    .and_then(content_range)
+                    .map(|(_, t)| t)
             } else {
                 resp.headers()
                     .get(CONTENT_LENGTH)
@@ -280,9 +336,13 @@ impl Downloader {
             .await
             .map_err(|e| format!("cannot write {}: {e}", part.display()))?;
         if offset == 0 {
-            file.set_len(0).await.map_err(|e| format!("cannot truncate: {e}"))?;
+            file.set_len(0)
+                .await
+                .map_err(|e| format!("cannot truncate: {e}"))?;
         } else if hashing {
-            let mut f = tokio::fs::File::open(&part).await.map_err(|e| e.to_string())?;
+            let mut f = tokio::fs::File::open(&part)
+                .await
+                .map_err(|e| e.to_string())?;
             let mut buf = vec![0u8; 1 << 20];
             let mut left = offset;
             while left > 0 {
@@ -318,7 +378,9 @@ impl Downloader {
                 if hashing {
                     hasher.update(&chunk);
                 }
-                out.write_all(&chunk).await.map_err(|e| format!("write failed: {e}"))?;
+                out.write_all(&chunk)
+                    .await
+                    .map_err(|e| format!("write failed: {e}"))?;
                 got += chunk.len() as u64;
                 if let Some(t) = total {
                     if got > t {
@@ -334,7 +396,9 @@ impl Downloader {
 
         if let Some(t) = total {
             if got != t {
-                return Err(format!("size mismatch: expected {t} bytes, got {got}; the partial file is kept"));
+                return Err(format!(
+                    "size mismatch: expected {t} bytes, got {got}; the partial file is kept"
+                ));
             }
         }
         if let Some(expected) = facts.sha256 {
@@ -342,13 +406,20 @@ impl Downloader {
             if actual != expected {
                 // Corrupt data cannot be resumed.
                 let _ = tokio::fs::remove_file(&part).await;
-                return Err(format!("SHA-256 mismatch: expected {expected}, got {actual}"));
+                return Err(format!(
+                    "SHA-256 mismatch: expected {expected}, got {actual}"
+                ));
             }
         }
         if tokio::fs::symlink_metadata(&target).await.is_ok() {
-            return Err(format!("{} appeared while downloading; keeping it", target.display()));
+            return Err(format!(
+                "{} appeared while downloading; keeping it",
+                target.display()
+            ));
         }
-        tokio::fs::rename(&part, &target).await.map_err(|e| format!("cannot move into place: {e}"))?;
+        tokio::fs::rename(&part, &target)
+            .await
+            .map_err(|e| format!("cannot move into place: {e}"))?;
         Ok(())
     }
 }
@@ -365,7 +436,10 @@ mod tests {
     fn etags() {
         let sha = "a".repeat(64);
         assert_eq!(sha_from_etag(&format!("\"{sha}\"")), Some(sha.clone()));
-        assert_eq!(sha_from_etag(&format!("W/\"{}\"", sha.to_uppercase())), Some(sha.clone()));
+        assert_eq!(
+            sha_from_etag(&format!("W/\"{}\"", sha.to_uppercase())),
+            Some(sha.clone())
+        );
         assert_eq!(sha_from_etag("\"abc\""), None);
         assert_eq!(sha_from_etag(&"g".repeat(64)), None);
     }
@@ -387,7 +461,9 @@ mod tests {
     #[test]
     fn link_rules() {
         let d = downloader(None);
-        assert!(d.resolve("https://huggingface.co/a/b/resolve/main/m.gguf").is_ok());
+        assert!(d
+            .resolve("https://huggingface.co/a/b/resolve/main/m.gguf")
+            .is_ok());
         for bad in [
             "http://huggingface.co/a/m.gguf",
             "https://evil.com/m.gguf",
@@ -413,7 +489,11 @@ mod tests {
             "http://huggingface.co/x",
             "https://huggingface.co:444/x",
         ] {
-            assert_eq!(d.authorization(&Url::parse(other).unwrap()), None, "{other}");
+            assert_eq!(
+                d.authorization(&Url::parse(other).unwrap()),
+                None,
+                "{other}"
+            );
         }
         d.token = None;
         assert_eq!(d.authorization(&hub), None);
@@ -422,8 +502,13 @@ mod tests {
     #[test]
     fn mirror_rewrites_hub_links() {
         let d = downloader(Some("http://127.0.0.1:9999"));
-        let u = d.resolve("https://huggingface.co/a/resolve/main/m.gguf?download=true").unwrap();
-        assert_eq!(u.as_str(), "http://127.0.0.1:9999/a/resolve/main/m.gguf?download=true");
+        let u = d
+            .resolve("https://huggingface.co/a/resolve/main/m.gguf?download=true")
+            .unwrap();
+        assert_eq!(
+            u.as_str(),
+            "http://127.0.0.1:9999/a/resolve/main/m.gguf?download=true"
+        );
         assert!(d.resolve("http://127.0.0.1:9999/m.gguf").is_ok());
         assert!(d.resolve("http://127.0.0.1:9998/m.gguf").is_err());
         assert!(d.resolve("http://huggingface.co/m.gguf").is_err());

@@ -36,7 +36,10 @@ pub struct EngineError {
 
 impl EngineError {
     pub fn new(status: u16, message: impl Into<String>) -> Self {
-        Self { status, message: message.into() }
+        Self {
+            status,
+            message: message.into(),
+        }
     }
 }
 
@@ -79,7 +82,11 @@ pub struct ChatJob {
 pub enum Event {
     Started,
     Delta(String),
-    Done { finish_reason: &'static str, prompt_tokens: i64, completion_tokens: i64 },
+    Done {
+        finish_reason: &'static str,
+        prompt_tokens: i64,
+        completion_tokens: i64,
+    },
     Error(EngineError),
 }
 
@@ -100,14 +107,19 @@ pub fn spawn(shared: Arc<Shared>) -> mpsc::Sender<Command> {
 }
 
 fn cores() -> i32 {
-    std::thread::available_parallelism().map(|n| n.get() as i32).unwrap_or(4)
+    std::thread::available_parallelism()
+        .map(|n| n.get() as i32)
+        .unwrap_or(4)
 }
 
 /// Threads for a model. Tiny models finish each matrix product faster than
 /// threads can synchronise, and on a busy machine spinning threads make it
 /// far worse, so they get roughly one thread per 25M parameters.
 fn threads_for(model: &LlamaModel) -> i32 {
-    if let Some(n) = std::env::var("VORN_ENGINE_THREADS").ok().and_then(|v| v.parse::<i32>().ok()) {
+    if let Some(n) = std::env::var("VORN_ENGINE_THREADS")
+        .ok()
+        .and_then(|v| v.parse::<i32>().ok())
+    {
         return n.clamp(1, 512);
     }
     let by_size = (model.n_params() / 25_000_000).max(1);
@@ -121,14 +133,22 @@ fn worker(rx: mpsc::Receiver<Command>, shared: Arc<Shared>) {
             eprintln!("vorn-engine: llama.cpp backend failed to start: {e}");
             // Keep answering so requests get an error instead of hanging.
             for cmd in rx {
-                fail(cmd, EngineError::new(500, format!("llama.cpp failed to start: {e}")));
+                fail(
+                    cmd,
+                    EngineError::new(500, format!("llama.cpp failed to start: {e}")),
+                );
             }
             return;
         }
     };
     if std::env::var_os("VORN_ENGINE_LOG").is_none() {
         backend.void_logs();
-        unsafe extern "C" fn quiet(_: llama_cpp_sys_2::ggml_log_level, _: *const std::os::raw::c_char, _: *mut std::os::raw::c_void) {}
+        unsafe extern "C" fn quiet(
+            _: llama_cpp_sys_2::ggml_log_level,
+            _: *const std::os::raw::c_char,
+            _: *mut std::os::raw::c_void,
+        ) {
+        }
         // SAFETY: a callback that ignores its arguments, valid for the whole run.
         unsafe { llama_cpp_sys_2::mtmd_helper_log_set(Some(quiet), std::ptr::null_mut()) };
     }
@@ -142,7 +162,9 @@ fn worker(rx: mpsc::Receiver<Command>, shared: Arc<Shared>) {
             },
         };
         match cmd {
-            Command::Load(req, reply) => pending = load_and_serve(&backend, req, reply, &rx, &shared),
+            Command::Load(req, reply) => {
+                pending = load_and_serve(&backend, req, reply, &rx, &shared)
+            }
             Command::Unload(reply) => {
                 let _ = reply.send(());
             }
@@ -157,10 +179,14 @@ pub const PROBE_FLAG: &str = "--probe-gguf";
 /// and run one token through it. Exit 0 when that works, 3 when llama.cpp
 /// refuses it with an error.
 pub fn probe_main(path: &std::path::Path, projector: Option<&std::path::Path>) -> i32 {
-    let Ok(mut backend) = LlamaBackend::init() else { return 4 };
+    let Ok(mut backend) = LlamaBackend::init() else {
+        return 4;
+    };
     backend.void_logs();
     let params = LlamaModelParams::default().with_n_gpu_layers(0);
-    let Ok(model) = LlamaModel::load_from_file(&backend, path, &params) else { return 3 };
+    let Ok(model) = LlamaModel::load_from_file(&backend, path, &params) else {
+        return 3;
+    };
     let _ = model.chat_template(None);
     let vocab = model.vocab();
     // Everything the engine later asks of the vocabulary, once per token:
@@ -183,8 +209,14 @@ pub fn probe_main(path: &std::path::Path, projector: Option<&std::path::Path>) -
         .with_n_ubatch(64)
         .with_n_threads(cores())
         .with_n_threads_batch(cores());
-    let Ok(mut ctx) = model.new_context(&backend, ctx_params) else { return 3 };
-    let first = if vocab.bos().0 >= 0 && vocab.bos().0 < vocab.n_tokens() { vocab.bos() } else { LlamaToken(0) };
+    let Ok(mut ctx) = model.new_context(&backend, ctx_params) else {
+        return 3;
+    };
+    let first = if vocab.bos().0 >= 0 && vocab.bos().0 < vocab.n_tokens() {
+        vocab.bos()
+    } else {
+        LlamaToken(0)
+    };
     let mut batch = LlamaBatch::new(1, 1);
     if batch.add(first, 0, &[0], true).is_err() || ctx.decode(&mut batch).is_err() {
         return 3;
@@ -199,14 +231,25 @@ pub fn probe_main(path: &std::path::Path, projector: Option<&std::path::Path>) -
             image_min_tokens: -1,
             image_max_tokens: -1,
         };
-        let Ok(mut mtmd) = MtmdContext::init_from_file(&proj.to_string_lossy(), &model, &params) else { return 3 };
+        let Ok(mut mtmd) = MtmdContext::init_from_file(&proj.to_string_lossy(), &model, &params)
+        else {
+            return 3;
+        };
         if !mtmd.support_vision() {
             return 3;
         }
         let pixels: Vec<u8> = (0..16 * 16 * 3).map(|i| (i * 37 % 251) as u8).collect();
-        let Ok(bitmap) = MtmdBitmap::from_image_data(16, 16, &pixels) else { return 3 };
-        let text = MtmdInputText { text: MEDIA_MARKER.to_string(), add_special: false, parse_special: true };
-        let Ok(chunks) = mtmd.tokenize(text, &[&bitmap]) else { return 3 };
+        let Ok(bitmap) = MtmdBitmap::from_image_data(16, 16, &pixels) else {
+            return 3;
+        };
+        let text = MtmdInputText {
+            text: MEDIA_MARKER.to_string(),
+            add_special: false,
+            parse_special: true,
+        };
+        let Ok(chunks) = mtmd.tokenize(text, &[&bitmap]) else {
+            return 3;
+        };
         for i in 0..chunks.len() {
             if let Some(c) = chunks.get(i) {
                 if c.chunk_type() != MtmdInputChunkType::Text && mtmd.encode_chunk(&c).is_err() {
@@ -220,7 +263,8 @@ pub fn probe_main(path: &std::path::Path, projector: Option<&std::path::Path>) -
 
 /// Files that passed the probe, by path, size and modification time.
 type ProbeKey = (PathBuf, u64, Option<std::time::SystemTime>);
-static PROBED: std::sync::Mutex<Vec<(ProbeKey, Option<ProbeKey>)>> = std::sync::Mutex::new(Vec::new());
+static PROBED: std::sync::Mutex<Vec<(ProbeKey, Option<ProbeKey>)>> =
+    std::sync::Mutex::new(Vec::new());
 
 fn probe_key(path: &std::path::Path) -> Result<ProbeKey, String> {
     let meta = std::fs::metadata(path).map_err(|e| e.to_string())?;
@@ -251,7 +295,9 @@ fn probe(path: &std::path::Path, projector: Option<&std::path::Path>) -> Result<
     let status = loop {
         match child.try_wait() {
             Ok(Some(s)) => break s,
-            Ok(None) if Instant::now() < deadline => std::thread::sleep(std::time::Duration::from_millis(5)),
+            Ok(None) if Instant::now() < deadline => {
+                std::thread::sleep(std::time::Duration::from_millis(5))
+            }
             _ => {
                 let _ = child.kill();
                 let _ = child.wait();
@@ -299,14 +345,20 @@ fn load_and_serve(
     let header = match crate::gguf::read_file(&req.path) {
         Ok(h) => h,
         Err(e) => {
-            let _ = reply.send(Err(EngineError::new(500, format!("{} is not a usable GGUF file: {e}", req.name))));
+            let _ = reply.send(Err(EngineError::new(
+                500,
+                format!("{} is not a usable GGUF file: {e}", req.name),
+            )));
             return None;
         }
     };
     if header.is_projector() {
         let _ = reply.send(Err(EngineError::new(
             500,
-            format!("{} is an image projector, not a model; load its model instead.", req.name),
+            format!(
+                "{} is an image projector, not a model; load its model instead.",
+                req.name
+            ),
         )));
         return None;
     }
@@ -314,13 +366,18 @@ fn load_and_serve(
         let arch = header.architecture().unwrap_or("unknown");
         let _ = reply.send(Err(EngineError::new(
             500,
-            format!("{} (architecture \"{arch}\") cannot be loaded: {why}.", req.name),
+            format!(
+                "{} (architecture \"{arch}\") cannot be loaded: {why}.",
+                req.name
+            ),
         )));
         return None;
     }
     let offload = req.gpu && backend.supports_gpu_offload();
     let params = LlamaModelParams::default().with_n_gpu_layers(if offload { 999 } else { 0 });
-    let loaded = catch_unwind(AssertUnwindSafe(|| LlamaModel::load_from_file(backend, &req.path, &params)));
+    let loaded = catch_unwind(AssertUnwindSafe(|| {
+        LlamaModel::load_from_file(backend, &req.path, &params)
+    }));
     let model = match loaded {
         Ok(Ok(m)) => m,
         Ok(Err(e)) => {
@@ -335,7 +392,10 @@ fn load_and_serve(
             return None;
         }
         Err(_) => {
-            let _ = reply.send(Err(EngineError::new(500, format!("llama.cpp failed while loading {}.", req.name))));
+            let _ = reply.send(Err(EngineError::new(
+                500,
+                format!("llama.cpp failed while loading {}.", req.name),
+            )));
             return None;
         }
     };
@@ -382,7 +442,10 @@ struct LruCache<T> {
 
 impl<T: Clone> LruCache<T> {
     fn new(cap: usize) -> Self {
-        Self { cap, items: Vec::new() }
+        Self {
+            cap,
+            items: Vec::new(),
+        }
     }
     fn get(&mut self, k: &str) -> Option<T> {
         let i = self.items.iter().position(|(key, _)| key == k)?;
@@ -409,7 +472,11 @@ fn serve(
     rx: &mpsc::Receiver<Command>,
     shared: &Arc<Shared>,
 ) -> Option<Command> {
-    let n_ctx = if req.ctx == 0 { model.n_ctx_train().max(512) } else { req.ctx.clamp(64, 1 << 20) };
+    let n_ctx = if req.ctx == 0 {
+        model.n_ctx_train().max(512)
+    } else {
+        req.ctx.clamp(64, 1 << 20)
+    };
     let n_batch = 512u32.min(n_ctx);
     let params = LlamaContextParams::default()
         .with_n_ctx(NonZeroU32::new(n_ctx))
@@ -430,13 +497,16 @@ fn serve(
 
     let mut mtmd = None;
     let mut projector_name = None;
-    let projector = req.projector.as_ref().filter(|(pname, ppath)| match probe(&req.path, Some(ppath)) {
-        Ok(()) => true,
-        Err(why) => {
-            eprintln!("vorn-engine: projector {pname} left out: {why}");
-            false
-        }
-    });
+    let projector =
+        req.projector
+            .as_ref()
+            .filter(|(pname, ppath)| match probe(&req.path, Some(ppath)) {
+                Ok(()) => true,
+                Err(why) => {
+                    eprintln!("vorn-engine: projector {pname} left out: {why}");
+                    false
+                }
+            });
     if let Some((pname, ppath)) = projector {
         let params = MtmdContextParams {
             use_gpu: offload,
@@ -454,15 +524,30 @@ fn serve(
                 mtmd = Some(m);
                 projector_name = Some(pname.clone());
             }
-            _ => eprintln!("vorn-engine: projector {pname} could not be used with {}", req.name),
+            _ => eprintln!(
+                "vorn-engine: projector {pname} could not be used with {}",
+                req.name
+            ),
         }
     }
 
-    let template_src = model.chat_template(None).ok().and_then(|t| t.to_string().ok());
+    let template_src = model
+        .chat_template(None)
+        .ok()
+        .and_then(|t| t.to_string().ok());
     let vocab = model.vocab();
-    let piece = |t: LlamaToken| String::from_utf8_lossy(&vocab.token_to_piece(t, true, None)).into_owned();
-    let bos = if vocab.bos().0 >= 0 { piece(vocab.bos()) } else { String::new() };
-    let eos = if vocab.eos().0 >= 0 { piece(vocab.eos()) } else { String::new() };
+    let piece =
+        |t: LlamaToken| String::from_utf8_lossy(&vocab.token_to_piece(t, true, None)).into_owned();
+    let bos = if vocab.bos().0 >= 0 {
+        piece(vocab.bos())
+    } else {
+        String::new()
+    };
+    let eos = if vocab.eos().0 >= 0 {
+        piece(vocab.eos())
+    } else {
+        String::new()
+    };
     let template = ChatTemplate::new(template_src, bos, eos);
 
     let mrope = mtmd.as_ref().map(|m| m.decode_use_mrope()).unwrap_or(false);
@@ -508,12 +593,20 @@ fn serve(
                 if result.is_err() {
                     session.cached.clear();
                     session.ctx.clear_kv_cache();
-                    let _ = events.send(Event::Error(EngineError::new(500, "The engine failed while generating.")));
+                    let _ = events.send(Event::Error(EngineError::new(
+                        500,
+                        "The engine failed while generating.",
+                    )));
                 }
             }
             Command::Encode(image, reply) => {
                 let result = catch_unwind(AssertUnwindSafe(|| session.encode(&image)))
-                    .unwrap_or_else(|_| Err(EngineError::new(500, "The engine failed while encoding the image.")));
+                    .unwrap_or_else(|_| {
+                        Err(EngineError::new(
+                            500,
+                            "The engine failed while encoding the image.",
+                        ))
+                    });
                 let _ = reply.send(result);
             }
         }
@@ -543,7 +636,10 @@ impl<'m> Session<'m> {
         if let Some(b) = self.bitmaps.get(&image.hash) {
             return Ok(b);
         }
-        let mtmd = self.mtmd.as_ref().ok_or_else(|| EngineError::new(400, "The loaded model does not accept images."))?;
+        let mtmd = self
+            .mtmd
+            .as_ref()
+            .ok_or_else(|| EngineError::new(400, "The loaded model does not accept images."))?;
         let mut bitmap = MtmdBitmap::from_buffer(mtmd, &image.bytes, false)
             .map_err(|_| EngineError::new(400, "The image could not be decoded (PNG, JPEG, GIF, BMP and similar formats are supported)."))?;
         bitmap
@@ -557,7 +653,10 @@ impl<'m> Session<'m> {
     /// Decodes the image and runs the image encoder now, keeping its output.
     fn encode(&mut self, image: &Image) -> Result<(), EngineError> {
         if self.mtmd.is_none() {
-            return Err(EngineError::new(409, "The loaded model has no image support."));
+            return Err(EngineError::new(
+                409,
+                "The loaded model has no image support.",
+            ));
         }
         if self.embeddings.get(&image.hash).is_none() {
             self.encode_now(image)?;
@@ -571,7 +670,11 @@ impl<'m> Session<'m> {
         let mtmd = self.mtmd.as_mut().expect("checked above");
         let chunks = mtmd
             .tokenize(
-                MtmdInputText { text: MEDIA_MARKER.to_string(), add_special: false, parse_special: true },
+                MtmdInputText {
+                    text: MEDIA_MARKER.to_string(),
+                    add_special: false,
+                    parse_special: true,
+                },
                 &[&bitmap],
             )
             .map_err(|e| EngineError::new(400, format!("The image could not be prepared: {e}")))?;
@@ -583,9 +686,12 @@ impl<'m> Session<'m> {
             mtmd.encode_chunk(&chunk)
                 .map_err(|e| EngineError::new(500, format!("The image encoder failed: {e}")))?;
             // The width mtmd's own helper uses when decoding embeddings.
-            let width = unsafe { llama_cpp_sys_2::llama_model_n_embd_inp(ffi::model_ptr(self.model)) };
+            let width =
+                unsafe { llama_cpp_sys_2::llama_model_n_embd_inp(ffi::model_ptr(self.model)) };
             let n = chunk.n_tokens() * width.max(0) as usize;
-            let Some(raw) = ffi::mtmd_ptr(mtmd) else { return Ok(()) };
+            let Some(raw) = ffi::mtmd_ptr(mtmd) else {
+                return Ok(());
+            };
             // SAFETY: after a successful encode the output holds n_tokens rows
             // of the text model's embedding width.
             let out = unsafe { llama_cpp_sys_2::mtmd_get_output_embd(raw) };
@@ -616,9 +722,15 @@ impl<'m> Session<'m> {
     fn build_prompt(&mut self, messages: &[&ChatMessage]) -> Result<(Prompt, String), EngineError> {
         let tmsgs: Vec<TemplateMessage> = messages
             .iter()
-            .map(|m| TemplateMessage { role: m.role.clone(), content: m.content.clone() })
+            .map(|m| TemplateMessage {
+                role: m.role.clone(),
+                content: m.content.clone(),
+            })
             .collect();
-        let text = self.template.render(&tmsgs).map_err(|e| EngineError::new(500, e))?;
+        let text = self
+            .template
+            .render(&tmsgs)
+            .map_err(|e| EngineError::new(500, e))?;
         let images: Vec<&Image> = messages.iter().flat_map(|m| m.images.iter()).collect();
         let prompt = self.tokenize_prompt(&text, &images)?;
         Ok((prompt, text))
@@ -635,9 +747,19 @@ impl<'m> Session<'m> {
         let refs: Vec<&MtmdBitmap> = bitmaps.iter().map(|b| b.as_ref()).collect();
         let bos_text = self.template_bos();
         let add_special = bos_text.is_empty() || !text.starts_with(&bos_text);
-        let mtmd = self.mtmd.as_ref().ok_or_else(|| EngineError::new(400, "The loaded model does not accept images."))?;
+        let mtmd = self
+            .mtmd
+            .as_ref()
+            .ok_or_else(|| EngineError::new(400, "The loaded model does not accept images."))?;
         let chunks = mtmd
-            .tokenize(MtmdInputText { text: text.to_string(), add_special, parse_special: true }, &refs)
+            .tokenize(
+                MtmdInputText {
+                    text: text.to_string(),
+                    add_special,
+                    parse_special: true,
+                },
+                &refs,
+            )
             .map_err(|e| EngineError::new(400, format!("The images could not be prepared: {e}")))?;
         Ok(Prompt::Chunks(chunks))
     }
@@ -649,16 +771,35 @@ impl<'m> Session<'m> {
     fn speculate(&mut self, image: &Image) {
         let mut msgs = self.history.clone();
         if !msgs.is_empty() {
-            msgs.push(ChatMessage { role: "assistant".into(), content: self.history_reply.clone(), images: Vec::new() });
+            msgs.push(ChatMessage {
+                role: "assistant".into(),
+                content: self.history_reply.clone(),
+                images: Vec::new(),
+            });
         }
-        msgs.push(ChatMessage { role: "user".into(), content: format!("{MEDIA_MARKER}\n?"), images: vec![image.clone()] });
-        let tmsgs: Vec<TemplateMessage> =
-            msgs.iter().map(|m| TemplateMessage { role: m.role.clone(), content: m.content.clone() }).collect();
-        let Ok(text) = self.template.render(&tmsgs) else { return };
-        let Some(at) = text.rfind(MEDIA_MARKER) else { return };
+        msgs.push(ChatMessage {
+            role: "user".into(),
+            content: format!("{MEDIA_MARKER}\n?"),
+            images: vec![image.clone()],
+        });
+        let tmsgs: Vec<TemplateMessage> = msgs
+            .iter()
+            .map(|m| TemplateMessage {
+                role: m.role.clone(),
+                content: m.content.clone(),
+            })
+            .collect();
+        let Ok(text) = self.template.render(&tmsgs) else {
+            return;
+        };
+        let Some(at) = text.rfind(MEDIA_MARKER) else {
+            return;
+        };
         let prefix = &text[..at + MEDIA_MARKER.len()];
         let images: Vec<&Image> = msgs.iter().flat_map(|m| m.images.iter()).collect();
-        let Ok(Prompt::Chunks(chunks)) = self.tokenize_prompt(prefix, &images) else { return };
+        let Ok(Prompt::Chunks(chunks)) = self.tokenize_prompt(prefix, &images) else {
+            return;
+        };
         if chunks.total_tokens() + (self.n_ctx as usize) / 4 > self.n_ctx as usize {
             return;
         }
@@ -671,11 +812,12 @@ impl<'m> Session<'m> {
     /// fit the context together with room for the reply.
     fn fit_prompt(&mut self, job: &ChatJob, reserve: usize) -> Result<Prompt, EngineError> {
         let all: Vec<&ChatMessage> = job.messages.iter().collect();
-        let (system, rest): (Vec<&ChatMessage>, Vec<&ChatMessage>) = all.iter().partition(|m| m.role == "system");
-        let anchor = self
-            .cut_anchor
-            .as_ref()
-            .and_then(|(role, content)| rest.iter().position(|m| &m.role == role && &m.content == content));
+        let (system, rest): (Vec<&ChatMessage>, Vec<&ChatMessage>) =
+            all.iter().partition(|m| m.role == "system");
+        let anchor = self.cut_anchor.as_ref().and_then(|(role, content)| {
+            rest.iter()
+                .position(|m| &m.role == role && &m.content == content)
+        });
         let mut start = 0usize;
         let limit = self.n_ctx as usize;
         // A fresh cut goes well below the limit so the next turns can keep it
@@ -683,7 +825,8 @@ impl<'m> Session<'m> {
         let target = limit * 3 / 4;
         let mut bound = limit;
         loop {
-            let msgs: Vec<&ChatMessage> = system.iter().chain(rest[start..].iter()).copied().collect();
+            let msgs: Vec<&ChatMessage> =
+                system.iter().chain(rest[start..].iter()).copied().collect();
             let (prompt, _) = self.build_prompt(&msgs)?;
             let n = prompt.len();
             let last_resort = start + 1 >= rest.len();
@@ -700,9 +843,14 @@ impl<'m> Session<'m> {
                 return match prompt {
                     Prompt::Text(tokens) => {
                         let keep = limit.saturating_sub(reserve).max(1);
-                        Ok(Prompt::Text(tokens[tokens.len().saturating_sub(keep)..].to_vec()))
+                        Ok(Prompt::Text(
+                            tokens[tokens.len().saturating_sub(keep)..].to_vec(),
+                        ))
                     }
-                    Prompt::Chunks(_) => Err(EngineError::new(400, "The message is too long for the model's context.")),
+                    Prompt::Chunks(_) => Err(EngineError::new(
+                        400,
+                        "The message is too long for the model's context.",
+                    )),
                 };
             }
             // Cut where the previous overflow cut, so the cache stays useful.
@@ -723,7 +871,10 @@ impl<'m> Session<'m> {
         let t_start = Instant::now();
         self.reused_images = 0;
         if job.messages.iter().any(|m| !m.images.is_empty()) && self.mtmd.is_none() {
-            let _ = job.events.send(Event::Error(EngineError::new(400, "The loaded model does not accept images.")));
+            let _ = job.events.send(Event::Error(EngineError::new(
+                400,
+                "The loaded model does not accept images.",
+            )));
             return;
         }
         let max_tokens = job.max_tokens.map(|m| m as usize).unwrap_or(usize::MAX);
@@ -737,7 +888,10 @@ impl<'m> Session<'m> {
         };
         let prompt_tokens = prompt.len() as i64;
         if prompt_tokens == 0 {
-            let _ = job.events.send(Event::Error(EngineError::new(400, "The conversation is empty.")));
+            let _ = job.events.send(Event::Error(EngineError::new(
+                400,
+                "The conversation is empty.",
+            )));
             return;
         }
         if job.events.send(Event::Started).is_err() {
@@ -797,7 +951,10 @@ impl<'m> Session<'m> {
         let mut pos = next_pos;
         let mut piece = Vec::with_capacity(32);
         loop {
-            if job.cancel.load(Ordering::Relaxed) || job.events.is_closed() || self.shared.shutting_down.load(Ordering::Relaxed) {
+            if job.cancel.load(Ordering::Relaxed)
+                || job.events.is_closed()
+                || self.shared.shutting_down.load(Ordering::Relaxed)
+            {
                 finish = "cancelled";
                 break;
             }
@@ -846,7 +1003,10 @@ impl<'m> Session<'m> {
                 break;
             }
             if let Err(e) = self.ctx.decode(&mut batch) {
-                let _ = job.events.send(Event::Error(EngineError::new(500, format!("Generation failed: {e}"))));
+                let _ = job.events.send(Event::Error(EngineError::new(
+                    500,
+                    format!("Generation failed: {e}"),
+                )));
                 self.cached.clear();
                 self.ctx.clear_kv_cache();
                 return;
@@ -870,8 +1030,16 @@ impl<'m> Session<'m> {
         }
         let decode_secs = t_decode.elapsed().as_secs_f64();
         let metrics = RunMetrics {
-            decode_tps: if decode_secs > 0.0 && completion > 0 { completion as f64 / decode_secs } else { 0.0 },
-            prefill_tps: if prefill_secs > 0.0 && evaluated > 0 { evaluated as f64 / prefill_secs } else { 0.0 },
+            decode_tps: if decode_secs > 0.0 && completion > 0 {
+                completion as f64 / decode_secs
+            } else {
+                0.0
+            },
+            prefill_tps: if prefill_secs > 0.0 && evaluated > 0 {
+                evaluated as f64 / prefill_secs
+            } else {
+                0.0
+            },
             prompt_tokens,
             completion_tokens: completion,
             evaluated_tokens: evaluated as i64,
@@ -883,7 +1051,11 @@ impl<'m> Session<'m> {
         self.history = job.messages.clone();
         self.history_reply = reply;
         let _ = job.events.send(Event::Done {
-            finish_reason: if finish == "cancelled" { "stop" } else { finish },
+            finish_reason: if finish == "cancelled" {
+                "stop"
+            } else {
+                finish
+            },
             prompt_tokens,
             completion_tokens: completion,
         });
@@ -894,7 +1066,10 @@ impl<'m> Session<'m> {
         if keep >= self.cached.len() {
             return true;
         }
-        let ok = self.ctx.clear_kv_cache_seq(Some(0), Some(keep as u32), None).unwrap_or(false);
+        let ok = self
+            .ctx
+            .clear_kv_cache_seq(Some(0), Some(keep as u32), None)
+            .unwrap_or(false);
         if ok {
             self.cached.truncate(keep);
         } else {
@@ -910,7 +1085,11 @@ impl<'m> Session<'m> {
         if !self.mrope {
             return keep;
         }
-        let first = self.cached.iter().position(|k| matches!(k, Key::Image(..))).unwrap_or(keep);
+        let first = self
+            .cached
+            .iter()
+            .position(|k| matches!(k, Key::Image(..)))
+            .unwrap_or(keep);
         keep.min(first)
     }
 
@@ -961,7 +1140,10 @@ impl<'m> Session<'m> {
             }
             if let Err(e) = self.ctx.decode(&mut batch) {
                 self.truncate_cache(pos);
-                return Err(Some(EngineError::new(500, format!("Prompt evaluation failed: {e}"))));
+                return Err(Some(EngineError::new(
+                    500,
+                    format!("Prompt evaluation failed: {e}"),
+                )));
             }
             self.cached.extend(part.iter().map(|t| Key::Token(t.0)));
             pos += part.len();
@@ -984,7 +1166,12 @@ impl<'m> Session<'m> {
             let Some(c) = chunks.get(i) else { continue };
             match c.chunk_type() {
                 MtmdInputChunkType::Text => {
-                    keys.extend(c.text_tokens().unwrap_or(&[]).iter().map(|t| Key::Token(t.0)));
+                    keys.extend(
+                        c.text_tokens()
+                            .unwrap_or(&[])
+                            .iter()
+                            .map(|t| Key::Token(t.0)),
+                    );
                 }
                 _ => {
                     first_image.get_or_insert(keys.len());
@@ -993,7 +1180,9 @@ impl<'m> Session<'m> {
                 }
             }
         }
-        if speculative && (self.mrope || crate::prompt::common_prefix(&self.cached, &keys) == keys.len()) {
+        if speculative
+            && (self.mrope || crate::prompt::common_prefix(&self.cached, &keys) == keys.len())
+        {
             return Ok((0, keys.len()));
         }
         let mut keep = self.limit_for_mrope(reusable_prefix(&self.cached, &keys));
@@ -1020,10 +1209,18 @@ impl<'m> Session<'m> {
             // wrapper: correct, only without cache reuse for this prompt.
             self.ctx.clear_kv_cache();
             self.cached.clear();
-            let mtmd = self.mtmd.as_mut().ok_or_else(|| Some(EngineError::new(400, "no projector")))?;
+            let mtmd = self
+                .mtmd
+                .as_mut()
+                .ok_or_else(|| Some(EngineError::new(400, "no projector")))?;
             let end = chunks
                 .eval_chunks(mtmd, &mut self.ctx, 0, 0, self.n_batch as i32, true)
-                .map_err(|e| Some(EngineError::new(500, format!("Prompt evaluation failed: {e}"))))?;
+                .map_err(|e| {
+                    Some(EngineError::new(
+                        500,
+                        format!("Prompt evaluation failed: {e}"),
+                    ))
+                })?;
             self.cached = keys.clone();
             return Ok((keys.len(), end as usize));
         }
@@ -1051,30 +1248,55 @@ impl<'m> Session<'m> {
                 _ => {
                     let id = c.id().unwrap_or_default();
                     let cached_embd = self.embeddings.get(&id);
-                    let mtmd = self.mtmd.as_mut().ok_or_else(|| Some(EngineError::new(400, "no projector")))?;
-                    let raw = (|| Some((ffi::mtmd_ptr(mtmd)?, ctx_ptr?, ffi::chunk_ptr(chunks, i)?)))();
+                    let mtmd = self
+                        .mtmd
+                        .as_mut()
+                        .ok_or_else(|| Some(EngineError::new(400, "no projector")))?;
+                    let raw =
+                        (|| Some((ffi::mtmd_ptr(mtmd)?, ctx_ptr?, ffi::chunk_ptr(chunks, i)?)))();
                     let mut new_pos: i32 = pos;
                     let rc = match (raw, cached_embd) {
                         (Some((m, l, ch)), Some(embd)) => unsafe {
                             // Reuses the encoder output computed by /api/encode.
                             self.reused_images += 1;
                             llama_cpp_sys_2::mtmd_helper_decode_image_chunk(
-                                m, l, ch, embd.as_ptr() as *mut f32, pos, 0, self.n_batch as i32, &mut new_pos,
-                                None, std::ptr::null_mut(),
+                                m,
+                                l,
+                                ch,
+                                embd.as_ptr() as *mut f32,
+                                pos,
+                                0,
+                                self.n_batch as i32,
+                                &mut new_pos,
+                                None,
+                                std::ptr::null_mut(),
                             )
                         },
                         (Some((m, l, ch)), None) => unsafe {
                             llama_cpp_sys_2::mtmd_helper_eval_chunk_single(
-                                m, l, ch, pos, 0, self.n_batch as i32, false, &mut new_pos,
+                                m,
+                                l,
+                                ch,
+                                pos,
+                                0,
+                                self.n_batch as i32,
+                                false,
+                                &mut new_pos,
                             )
                         },
                         (None, _) => {
-                            return Err(Some(EngineError::new(500, "This build cannot evaluate images.")));
+                            return Err(Some(EngineError::new(
+                                500,
+                                "This build cannot evaluate images.",
+                            )));
                         }
                     };
                     if rc != 0 {
                         self.truncate_cache(s);
-                        return Err(Some(EngineError::new(500, format!("Image evaluation failed ({rc})."))));
+                        return Err(Some(EngineError::new(
+                            500,
+                            format!("Image evaluation failed ({rc})."),
+                        )));
                     }
                     self.cached.extend_from_slice(&keys[s..end]);
                     pos = new_pos;

@@ -20,7 +20,9 @@ fn words<T>(value: &T) -> Vec<usize> {
     let base = value as *const T as *const usize;
     // SAFETY: reads whole words inside the value's own storage; every word of
     // these wrappers is initialised (pointers, lengths, capacities, flags).
-    (0..n).map(|i| unsafe { base.add(i).read_unaligned() }).collect()
+    (0..n)
+        .map(|i| unsafe { base.add(i).read_unaligned() })
+        .collect()
 }
 
 /// Words that cannot be a heap pointer: null, small flags, dangling markers.
@@ -40,7 +42,10 @@ pub fn context_ptr(ctx: &LlamaContext<'_>, model: &LlamaModel) -> Option<*mut sy
         return None;
     }
     let want = model_ptr(model) as *const sys::llama_model;
-    let candidates: Vec<usize> = words(ctx).into_iter().filter(|w| plausible_pointer(*w)).collect();
+    let candidates: Vec<usize> = words(ctx)
+        .into_iter()
+        .filter(|w| plausible_pointer(*w))
+        .collect();
     // With no backend samplers the context pointer is the only heap pointer.
     if candidates.len() != 1 {
         return None;

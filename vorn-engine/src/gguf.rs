@@ -204,7 +204,10 @@ pub fn parse<R: Read + Seek>(inner: R, len: u64) -> Result<Header, GgufError> {
         .ok_or_else(|| GgufError("GGUF counts overflow".into()))?;
     r.need(min)?;
 
-    let mut header = Header { version, ..Default::default() };
+    let mut header = Header {
+        version,
+        ..Default::default()
+    };
     debug_assert!(header.version >= 2);
     for _ in 0..n_kv {
         let key = r

@@ -66,7 +66,13 @@ fn parse_args(args: &[String]) -> Result<Option<Args>, String> {
 fn watch_parent() {
     #[cfg(target_os = "linux")]
     unsafe {
-        libc::prctl(libc::PR_SET_PDEATHSIG, libc::SIGTERM as libc::c_ulong, 0, 0, 0);
+        libc::prctl(
+            libc::PR_SET_PDEATHSIG,
+            libc::SIGTERM as libc::c_ulong,
+            0,
+            0,
+            0,
+        );
     }
     #[cfg(unix)]
     {
@@ -113,7 +119,10 @@ fn main() {
         // Runs in a child process so that a file which makes llama.cpp
         // abort takes down only the probe, never the engine.
         let projector = args.get(2).map(std::path::Path::new);
-        std::process::exit(engine::probe_main(std::path::Path::new(&args[1]), projector));
+        std::process::exit(engine::probe_main(
+            std::path::Path::new(&args[1]),
+            projector,
+        ));
     }
     let args = match parse_args(&args) {
         Ok(Some(a)) => a,
@@ -129,7 +138,11 @@ fn main() {
     watch_parent();
     let _ = std::fs::create_dir_all(&args.dir);
 
-    let runtime = match tokio::runtime::Builder::new_multi_thread().worker_threads(2).enable_all().build() {
+    let runtime = match tokio::runtime::Builder::new_multi_thread()
+        .worker_threads(2)
+        .enable_all()
+        .build()
+    {
         Ok(r) => r,
         Err(e) => {
             eprintln!("vorn-engine: cannot start runtime: {e}");
@@ -139,7 +152,12 @@ fn main() {
     let code = runtime.block_on(run(args));
     // llama.cpp threads may still be inside a computation; skip global
     // destructors instead of racing them.
-    unsafe { libc::_exit(code) }
+    #[cfg(unix)]
+    unsafe {
+        libc::_exit(code)
+    }
+    #[cfg(not(unix))]
+    std::process::exit(code)
 }
 
 async fn run(args: Args) -> i32 {
@@ -153,7 +171,11 @@ async fn run(args: Args) -> i32 {
     let shared = Arc::new(state::Shared::new(args.dir.clone(), args.port));
     let engine = engine::spawn(shared.clone());
     let downloads = download::Downloader::new(shared.clone());
-    let app = server::App { shared: shared.clone(), engine: Arc::new(Mutex::new(engine)), downloads: downloads.clone() };
+    let app = server::App {
+        shared: shared.clone(),
+        engine: Arc::new(Mutex::new(engine)),
+        downloads: downloads.clone(),
+    };
     let router = server::router(app);
     let server = axum::serve(listener, router);
     tokio::select! {
@@ -180,7 +202,16 @@ mod tests {
 
     #[test]
     fn arguments() {
-        let a = parse_args(&v(&["app", "--port", "4000", "--models-dir", "/m", "--no-open"])).unwrap().unwrap();
+        let a = parse_args(&v(&[
+            "app",
+            "--port",
+            "4000",
+            "--models-dir",
+            "/m",
+            "--no-open",
+        ]))
+        .unwrap()
+        .unwrap();
         assert_eq!(a.port, 4000);
         assert_eq!(a.dir, PathBuf::from("/m"));
         assert!(parse_args(&v(&["--version"])).unwrap().is_none());

@@ -37,9 +37,16 @@ pub fn stem(name: &str) -> &str {
 pub fn projector_affinity(model: &str, projector: &str) -> usize {
     let model_stem = stem(model).to_ascii_lowercase();
     let pstem = stem(projector).to_ascii_lowercase();
-    let core = pstem.replace("mmproj-", "").replace("-mmproj", "").replace("mmproj", "");
+    let core = pstem
+        .replace("mmproj-", "")
+        .replace("-mmproj", "")
+        .replace("mmproj", "");
     let core = core.trim_matches(|c| c == '-' || c == '_' || c == '.');
-    let shared = model_stem.chars().zip(core.chars()).take_while(|(a, b)| a == b).count();
+    let shared = model_stem
+        .chars()
+        .zip(core.chars())
+        .take_while(|(a, b)| a == b)
+        .count();
     if !core.is_empty() && (model_stem.starts_with(core) || core.starts_with(&model_stem)) {
         10_000 + shared
     } else {
@@ -57,8 +64,18 @@ mod tests {
         assert!(is_plain_file_name("My Model-Q4_K_M.gguf"));
         assert!(is_plain_file_name("é.gguf"));
         for bad in [
-            "", ".", "..", ".hidden.gguf", "a/b.gguf", "..\\x.gguf", "a\\b.gguf", "../x.gguf",
-            "x..gguf", "a\0b.gguf", "c:x.gguf", "line\nbreak.gguf",
+            "",
+            ".",
+            "..",
+            ".hidden.gguf",
+            "a/b.gguf",
+            "..\\x.gguf",
+            "a\\b.gguf",
+            "../x.gguf",
+            "x..gguf",
+            "a\0b.gguf",
+            "c:x.gguf",
+            "line\nbreak.gguf",
         ] {
             assert!(!is_plain_file_name(bad), "{bad:?} accepted");
         }

@@ -33,7 +33,10 @@ pub enum StopOutcome {
 
 impl StopMatcher {
     pub fn new(stops: Vec<String>) -> Self {
-        Self { stops: stops.into_iter().filter(|s| !s.is_empty()).collect(), buffer: String::new() }
+        Self {
+            stops: stops.into_iter().filter(|s| !s.is_empty()).collect(),
+            buffer: String::new(),
+        }
     }
 
     pub fn push(&mut self, text: &str) -> StopOutcome {
@@ -118,7 +121,10 @@ mod tests {
 
     #[test]
     fn stop_strings_across_pieces() {
-        assert_eq!(run(&["<|im_end|>"], &["Hello", " <|im", "_end|> more"]), ("Hello ".into(), true));
+        assert_eq!(
+            run(&["<|im_end|>"], &["Hello", " <|im", "_end|> more"]),
+            ("Hello ".into(), true)
+        );
         assert_eq!(run(&["END"], &["a", "EN", "b"]), ("aENb".into(), false));
         assert_eq!(run(&[], &["a", "b"]), ("ab".into(), false));
         assert_eq!(run(&["é!"], &["café", "!"]), ("caf".into(), true));

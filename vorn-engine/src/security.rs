@@ -45,8 +45,15 @@ mod tests {
         assert!(host_allowed(Some("localhost:4000"), 4000));
         assert!(host_allowed(Some("LOCALHOST:4000"), 4000));
         for bad in [
-            "", "127.0.0.1", "localhost", "127.0.0.1:4001", "evil.com:4000",
-            "localhost.evil.com:4000", "127.0.0.1:4000.evil.com", "[::1]:4000", "0.0.0.0:4000",
+            "",
+            "127.0.0.1",
+            "localhost",
+            "127.0.0.1:4001",
+            "evil.com:4000",
+            "localhost.evil.com:4000",
+            "127.0.0.1:4000.evil.com",
+            "[::1]:4000",
+            "0.0.0.0:4000",
         ] {
             assert!(!host_allowed(Some(bad), 4000), "{bad:?} accepted");
         }
@@ -59,7 +66,11 @@ mod tests {
         assert!(origin_allowed(Some("http://127.0.0.1:4000"), 4000));
         assert!(origin_allowed(Some("http://localhost:4000"), 4000));
         for bad in [
-            "null", "", "https://evil.com", "http://127.0.0.1:4001", "http://localhost:4000.evil.com",
+            "null",
+            "",
+            "https://evil.com",
+            "http://127.0.0.1:4001",
+            "http://localhost:4000.evil.com",
             "http://evil.com:4000",
         ] {
             assert!(!origin_allowed(Some(bad), 4000), "{bad:?} accepted");
@@ -69,7 +80,9 @@ mod tests {
     #[test]
     fn content_types() {
         assert!(is_json_content_type(Some("application/json")));
-        assert!(is_json_content_type(Some("Application/JSON; charset=utf-8")));
+        assert!(is_json_content_type(Some(
+            "Application/JSON; charset=utf-8"
+        )));
         assert!(!is_json_content_type(Some("text/plain")));
         assert!(!is_json_content_type(Some("application/jsonx")));
         assert!(!is_json_content_type(Some("multipart/form-data")));

@@ -35,7 +35,10 @@ pub struct ApiError(pub StatusCode, pub String);
 
 impl ApiError {
     pub fn new(status: u16, msg: impl Into<String>) -> Self {
-        Self(StatusCode::from_u16(status).unwrap_or(StatusCode::INTERNAL_SERVER_ERROR), msg.into())
+        Self(
+            StatusCode::from_u16(status).unwrap_or(StatusCode::INTERNAL_SERVER_ERROR),
+            msg.into(),
+        )
     }
 }
 
@@ -90,15 +93,21 @@ fn header_str<'a>(headers: &'a HeaderMap, name: header::HeaderName) -> Option<&'
 async fn guard(State(app): State<App>, req: Request, next: Next) -> Response {
     let port = app.shared.port;
     let headers = req.headers();
-    let host = header_str(headers, header::HOST).or_else(|| req.uri().authority().map(|a| a.as_str()));
+    let host =
+        header_str(headers, header::HOST).or_else(|| req.uri().authority().map(|a| a.as_str()));
     if !security::host_allowed(host, port) {
-        return ApiError::new(403, "Requests must be addressed to the engine's loopback address.").into_response();
+        return ApiError::new(
+            403,
+            "Requests must be addressed to the engine's loopback address.",
+        )
+        .into_response();
     }
     if !security::origin_allowed(header_str(headers, header::ORIGIN), port) {
         return ApiError::new(403, "Cross-site requests are not allowed.").into_response();
     }
     if req.uri().path().starts_with("/api/")
-        && header_str(headers, header::HeaderName::from_static("x-vorn-app")).map(str::trim) != Some("1")
+        && header_str(headers, header::HeaderName::from_static("x-vorn-app")).map(str::trim)
+            != Some("1")
     {
         return ApiError::new(403, "Missing X-Vorn-App header.").into_response();
     }
@@ -106,13 +115,15 @@ async fn guard(State(app): State<App>, req: Request, next: Next) -> Response {
         if !security::is_json_content_type(header_str(headers, header::CONTENT_TYPE)) {
             return ApiError::new(415, "Request bodies must be application/json.").into_response();
         }
-        let declared = header_str(headers, header::CONTENT_LENGTH).and_then(|v| v.trim().parse::<u64>().ok());
+        let declared =
+            header_str(headers, header::CONTENT_LENGTH).and_then(|v| v.trim().parse::<u64>().ok());
         if declared.is_some_and(|n| n > BODY_LIMIT as u64) {
             return ApiError::new(413, "The request body is too large.").into_response();
         }
     }
     let mut resp = next.run(req).await;
-    resp.headers_mut().remove(header::ACCESS_CONTROL_ALLOW_ORIGIN);
+    resp.headers_mut()
+        .remove(header::ACCESS_CONTROL_ALLOW_ORIGIN);
     resp
 }
 
@@ -130,15 +141,21 @@ async fn read_json(body: Body) -> Result<Value, ApiError> {
             ApiError::new(400, "The request body could not be read.")
         }
     })?;
-    let v: Value = serde_json::from_slice(&bytes).map_err(|e| ApiError::new(400, format!("Invalid JSON: {e}")))?;
+    let v: Value = serde_json::from_slice(&bytes)
+        .map_err(|e| ApiError::new(400, format!("Invalid JSON: {e}")))?;
     if !v.is_object() {
-        return Err(ApiError::new(400, "The request body must be a JSON object."));
+        return Err(ApiError::new(
+            400,
+            "The request body must be a JSON object.",
+        ));
     }
     Ok(v)
 }
 
 fn send(app: &App, cmd: Command) -> Result<(), ApiError> {
-    lock(&app.engine).send(cmd).map_err(|_| ApiError::new(500, "The inference thread has stopped."))
+    lock(&app.engine)
+        .send(cmd)
+        .map_err(|_| ApiError::new(500, "The inference thread has stopped."))
 }
 
 async fn state(State(app): State<App>) -> ApiResult {
@@ -176,7 +193,9 @@ fn pick_projector(app: &App, model_name: &str) -> Option<(String, std::path::Pat
             continue;
         }
         let path = shared.dir.join(&m.name);
-        let Some(info) = shared.header_info(&path) else { continue };
+        let Some(info) = shared.header_info(&path) else {
+            continue;
+        };
         if info.embedding.is_none() || info.embedding != model_embd {
             continue;
         }
@@ -193,7 +212,10 @@ fn pick_projector(app: &App, model_name: &str) -> Option<(String, std::path::Pat
 
 async fn load(State(app): State<App>, req: Request) -> ApiResult {
     let v = read_json(req.into_body()).await?;
-    let name = v.get("name").and_then(Value::as_str).ok_or_else(|| ApiError::new(400, "\"name\" must be a text."))?;
+    let name = v
+        .get("name")
+        .and_then(Value::as_str)
+        .ok_or_else(|| ApiError::new(400, "\"name\" must be a text."))?;
     let gpu = match v.get("gpu") {
         None | Some(Value::Null) => false,
         Some(Value::Bool(b)) => *b,
@@ -204,10 +226,14 @@ async fn load(State(app): State<App>, req: Request) -> ApiResult {
         Some(c) => c
             .as_u64()
             .filter(|c| *c <= 1 << 20)
-            .ok_or_else(|| ApiError::new(400, "\"ctx\" must be a positive integer."))? as u32,
+            .ok_or_else(|| ApiError::new(400, "\"ctx\" must be a positive integer."))?
+            as u32,
     };
     if !names::is_plain_file_name(name) {
-        return Err(ApiError::new(400, "The model name must be a plain file name."));
+        return Err(ApiError::new(
+            400,
+            "The model name must be a plain file name.",
+        ));
     }
     let path = app.shared.dir.join(name);
     match std::fs::symlink_metadata(&path) {
@@ -218,16 +244,37 @@ async fn load(State(app): State<App>, req: Request) -> ApiResult {
     match std::fs::metadata(&path) {
         Ok(m) if m.is_file() => {}
         Ok(_) => return Err(ApiError::new(400, format!("{name} is not a file."))),
-        Err(_) => return Err(ApiError::new(404, format!("The file behind {name} is missing."))),
+        Err(_) => {
+            return Err(ApiError::new(
+                404,
+                format!("The file behind {name} is missing."),
+            ))
+        }
     }
     let projector = {
         let app = app.clone();
         let name = name.to_string();
-        tokio::task::spawn_blocking(move || pick_projector(&app, &name)).await.ok().flatten()
+        tokio::task::spawn_blocking(move || pick_projector(&app, &name))
+            .await
+            .ok()
+            .flatten()
     };
     let (tx, rx) = oneshot::channel();
-    send(&app, Command::Load(LoadRequest { name: name.to_string(), path, gpu, ctx, projector }, tx))?;
-    rx.await.map_err(|_| ApiError::new(500, "The inference thread stopped while loading."))??;
+    send(
+        &app,
+        Command::Load(
+            LoadRequest {
+                name: name.to_string(),
+                path,
+                gpu,
+                ctx,
+                projector,
+            },
+            tx,
+        ),
+    )?;
+    rx.await
+        .map_err(|_| ApiError::new(500, "The inference thread stopped while loading."))??;
     Ok(axum::Json(json!({ "ok": true })).into_response())
 }
 
@@ -241,8 +288,14 @@ async fn unload(State(app): State<App>, req: Request) -> ApiResult {
 
 async fn pull(State(app): State<App>, req: Request) -> ApiResult {
     let v = read_json(req.into_body()).await?;
-    let name = v.get("name").and_then(Value::as_str).ok_or_else(|| ApiError::new(400, "\"name\" must be a text."))?;
-    let url = v.get("url").and_then(Value::as_str).ok_or_else(|| ApiError::new(400, "\"url\" must be a text."))?;
+    let name = v
+        .get("name")
+        .and_then(Value::as_str)
+        .ok_or_else(|| ApiError::new(400, "\"name\" must be a text."))?;
+    let url = v
+        .get("url")
+        .and_then(Value::as_str)
+        .ok_or_else(|| ApiError::new(400, "\"url\" must be a text."))?;
     app.downloads.start(name, url)?;
     Ok(axum::Json(json!({ "ok": true })).into_response())
 }
@@ -252,9 +305,14 @@ pub fn decode_data_url(url: &str) -> Result<Vec<u8>, ApiError> {
     let rest = url
         .strip_prefix("data:")
         .ok_or_else(|| ApiError::new(400, "Images must be sent as data URLs."))?;
-    let (meta, data) = rest.split_once(',').ok_or_else(|| ApiError::new(400, "Malformed data URL."))?;
+    let (meta, data) = rest
+        .split_once(',')
+        .ok_or_else(|| ApiError::new(400, "Malformed data URL."))?;
     if !meta.to_ascii_lowercase().ends_with(";base64") {
-        return Err(ApiError::new(400, "Image data URLs must be base64 encoded."));
+        return Err(ApiError::new(
+            400,
+            "Image data URLs must be base64 encoded.",
+        ));
     }
     let clean: Vec<u8> = data.bytes().filter(|b| !b.is_ascii_whitespace()).collect();
     let bytes = base64::engine::general_purpose::STANDARD
@@ -269,25 +327,35 @@ pub fn decode_data_url(url: &str) -> Result<Vec<u8>, ApiError> {
 fn image_from_url(url: &str) -> Result<Image, ApiError> {
     let bytes = decode_data_url(url)?;
     let hash = hex::encode(Sha256::digest(&bytes));
-    Ok(Image { hash, bytes: Arc::new(bytes) })
+    Ok(Image {
+        hash,
+        bytes: Arc::new(bytes),
+    })
 }
 
 async fn encode(State(app): State<App>, req: Request) -> ApiResult {
     let v = read_json(req.into_body()).await?;
-    let url = v.get("url").and_then(Value::as_str).ok_or_else(|| ApiError::new(400, "\"url\" must be a text."))?;
+    let url = v
+        .get("url")
+        .and_then(Value::as_str)
+        .ok_or_else(|| ApiError::new(400, "\"url\" must be a text."))?;
     let image = tokio::task::spawn_blocking({
         let url = url.to_string();
         move || image_from_url(&url)
     })
     .await
     .map_err(|_| ApiError::new(500, "decode failed"))??;
-    let vision = lock(&app.shared.loaded).as_ref().map(|l| l.vision).unwrap_or(false);
+    let vision = lock(&app.shared.loaded)
+        .as_ref()
+        .map(|l| l.vision)
+        .unwrap_or(false);
     if !vision {
         return Err(ApiError::new(409, "No model with image support is loaded."));
     }
     let (tx, rx) = oneshot::channel();
     send(&app, Command::Encode(image, tx))?;
-    rx.await.map_err(|_| ApiError::new(500, "The inference thread stopped."))??;
+    rx.await
+        .map_err(|_| ApiError::new(500, "The inference thread stopped."))??;
     Ok(axum::Json(json!({ "ok": true })).into_response())
 }
 
@@ -314,20 +382,22 @@ fn parse_messages(v: &Value) -> Result<Vec<ChatMessage>, ApiError> {
                 for p in parts {
                     match p.get("type").and_then(Value::as_str) {
                         Some("text") => {
-                            let t = p
-                                .get("text")
-                                .and_then(Value::as_str)
-                                .ok_or_else(|| ApiError::new(400, "A text part needs a \"text\" text."))?;
+                            let t = p.get("text").and_then(Value::as_str).ok_or_else(|| {
+                                ApiError::new(400, "A text part needs a \"text\" text.")
+                            })?;
                             content.push_str(t);
                         }
                         Some("image_url") => {
                             let url = match p.get("image_url") {
                                 Some(Value::String(s)) => s.as_str(),
-                                Some(o) => o
-                                    .get("url")
-                                    .and_then(Value::as_str)
-                                    .ok_or_else(|| ApiError::new(400, "An image part needs a URL."))?,
-                                None => return Err(ApiError::new(400, "An image part needs a URL.")),
+                                Some(o) => {
+                                    o.get("url").and_then(Value::as_str).ok_or_else(|| {
+                                        ApiError::new(400, "An image part needs a URL.")
+                                    })?
+                                }
+                                None => {
+                                    return Err(ApiError::new(400, "An image part needs a URL."))
+                                }
                             };
                             images.push(image_from_url(url)?);
                             content.push_str(MEDIA_MARKER);
@@ -337,13 +407,22 @@ fn parse_messages(v: &Value) -> Result<Vec<ChatMessage>, ApiError> {
                     }
                 }
             }
-            Some(_) => return Err(ApiError::new(400, "\"content\" must be a text or an array of parts.")),
+            Some(_) => {
+                return Err(ApiError::new(
+                    400,
+                    "\"content\" must be a text or an array of parts.",
+                ))
+            }
         }
         if images.is_empty() && content.contains(MEDIA_MARKER) {
             // A user must not smuggle image slots in through plain text.
             content = content.replace(MEDIA_MARKER, "<_media_>");
         }
-        out.push(ChatMessage { role: role.to_string(), content, images });
+        out.push(ChatMessage {
+            role: role.to_string(),
+            content,
+            images,
+        });
     }
     Ok(out)
 }
@@ -388,11 +467,16 @@ async fn chat(State(app): State<App>, req: Request) -> ApiResult {
         Some(s) => s as u32,
         None => rand_seed(),
     };
-    let max_tokens = match v.get("max_tokens").or_else(|| v.get("max_completion_tokens")) {
+    let max_tokens = match v
+        .get("max_tokens")
+        .or_else(|| v.get("max_completion_tokens"))
+    {
         None | Some(Value::Null) => None,
         Some(x) => Some(
             x.as_u64()
-                .ok_or_else(|| ApiError::new(400, "\"max_tokens\" must be a non-negative integer."))?
+                .ok_or_else(|| {
+                    ApiError::new(400, "\"max_tokens\" must be a non-negative integer.")
+                })?
                 .min(u32::MAX as u64) as u32,
         ),
     };
@@ -404,7 +488,12 @@ async fn chat(State(app): State<App>, req: Request) -> ApiResult {
             .map(|s| s.as_str().map(str::to_string))
             .collect::<Option<Vec<_>>>()
             .ok_or_else(|| ApiError::new(400, "\"stop\" must be a text or an array of texts."))?,
-        Some(_) => return Err(ApiError::new(400, "\"stop\" must be a text or an array of texts.")),
+        Some(_) => {
+            return Err(ApiError::new(
+                400,
+                "\"stop\" must be a text or an array of texts.",
+            ))
+        }
     };
     let vv = v.clone();
     let messages = tokio::task::spawn_blocking(move || parse_messages(&vv))
@@ -415,7 +504,10 @@ async fn chat(State(app): State<App>, req: Request) -> ApiResult {
         return Err(ApiError::new(409, "No model is loaded."));
     };
     if !loaded.vision && messages.iter().any(|m| !m.images.is_empty()) {
-        return Err(ApiError::new(400, "The loaded model does not accept images."));
+        return Err(ApiError::new(
+            400,
+            "The loaded model does not accept images.",
+        ));
     }
 
     let (tx, mut rx) = tmpsc::unbounded_channel();
@@ -453,7 +545,11 @@ async fn chat(State(app): State<App>, req: Request) -> ApiResult {
         loop {
             match rx.recv().await {
                 Some(Event::Delta(t)) => text.push_str(&t),
-                Some(Event::Done { finish_reason, prompt_tokens, completion_tokens }) => {
+                Some(Event::Done {
+                    finish_reason,
+                    prompt_tokens,
+                    completion_tokens,
+                }) => {
                     return Ok(axum::Json(json!({
                         "id": id,
                         "object": "chat.completion",
@@ -492,12 +588,22 @@ async fn chat(State(app): State<App>, req: Request) -> ApiResult {
         }
         Bytes::from(format!("data: {obj}\n\n"))
     };
-    let first = chunk(json!({"role": "assistant", "content": ""}), Value::Null, None);
+    let first = chunk(
+        json!({"role": "assistant", "content": ""}),
+        Value::Null,
+        None,
+    );
     let stream = async_stream(first, rx, guard, chunk);
     let mut resp = Response::new(Body::from_stream(stream));
     let h = resp.headers_mut();
-    h.insert(header::CONTENT_TYPE, header::HeaderValue::from_static("text/event-stream"));
-    h.insert(header::CACHE_CONTROL, header::HeaderValue::from_static("no-cache"));
+    h.insert(
+        header::CONTENT_TYPE,
+        header::HeaderValue::from_static("text/event-stream"),
+    );
+    h.insert(
+        header::CACHE_CONTROL,
+        header::HeaderValue::from_static("no-cache"),
+    );
     Ok(resp)
 }
 
@@ -527,7 +633,11 @@ fn async_stream(
                             let b = chunk(json!({"content": t}), Value::Null, None);
                             return Some((Ok(b), (Phase::Events, rx, guard, chunk, first)));
                         }
-                        Some(Event::Done { finish_reason, prompt_tokens, completion_tokens }) => {
+                        Some(Event::Done {
+                            finish_reason,
+                            prompt_tokens,
+                            completion_tokens,
+                        }) => {
                             let mut b = chunk(
                                 json!({}),
                                 json!(finish_reason),
@@ -539,10 +649,16 @@ fn async_stream(
                             )
                             .to_vec();
                             b.extend_from_slice(b"data: [DONE]\n\n");
-                            return Some((Ok(Bytes::from(b)), (Phase::Finished, rx, guard, chunk, first)));
+                            return Some((
+                                Ok(Bytes::from(b)),
+                                (Phase::Finished, rx, guard, chunk, first),
+                            ));
                         }
                         Some(Event::Error(e)) => {
-                            let b = Bytes::from(format!("data: {}\n\n", json!({"error": {"message": e.message}})));
+                            let b = Bytes::from(format!(
+                                "data: {}\n\n",
+                                json!({"error": {"message": e.message}})
+                            ));
                             return Some((Ok(b), (Phase::Finished, rx, guard, chunk, first)));
                         }
                         Some(Event::Started) => continue,
@@ -567,7 +683,10 @@ mod tests {
 
     #[test]
     fn data_urls() {
-        assert_eq!(decode_data_url("data:image/png;base64,aGk=").unwrap(), b"hi");
+        assert_eq!(
+            decode_data_url("data:image/png;base64,aGk=").unwrap(),
+            b"hi"
+        );
         assert!(decode_data_url("https://x/y.png").is_err());
         assert!(decode_data_url("data:image/png,hi").is_err());
         assert!(decode_data_url("data:image/png;base64,@@@").is_err());

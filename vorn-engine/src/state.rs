@@ -95,7 +95,11 @@ impl Shared {
         }
         let info = gguf::read_file(path).ok().map(|h| HeaderInfo {
             projector: h.is_projector(),
-            embedding: if h.is_projector() { h.projector_output_dim() } else { h.embedding_length() },
+            embedding: if h.is_projector() {
+                h.projector_output_dim()
+            } else {
+                h.embedding_length()
+            },
         });
         lock(&self.header_cache).insert(path.to_path_buf(), (size, mtime, info.clone()));
         info
@@ -104,9 +108,13 @@ impl Shared {
     /// Every `.gguf` entry of the folder in file-name order.
     pub fn list_models(&self) -> Vec<LocalModel> {
         let mut out = Vec::new();
-        let Ok(entries) = std::fs::read_dir(&self.dir) else { return out };
+        let Ok(entries) = std::fs::read_dir(&self.dir) else {
+            return out;
+        };
         for entry in entries.flatten() {
-            let Ok(name) = entry.file_name().into_string() else { continue };
+            let Ok(name) = entry.file_name().into_string() else {
+                continue;
+            };
             if !crate::names::has_gguf_extension(&name) || name.starts_with('.') {
                 continue;
             }
@@ -121,8 +129,16 @@ impl Shared {
                 Ok(_) => continue,
                 Err(_) => 0,
             };
-            let projector = size > 0 && self.header_info(&path).map(|i| i.projector).unwrap_or(false);
-            out.push(LocalModel { name, size, projector });
+            let projector = size > 0
+                && self
+                    .header_info(&path)
+                    .map(|i| i.projector)
+                    .unwrap_or(false);
+            out.push(LocalModel {
+                name,
+                size,
+                projector,
+            });
         }
         out.sort_by(|a, b| a.name.cmp(&b.name));
         out
@@ -131,7 +147,11 @@ impl Shared {
     pub fn download_states(&self) -> Vec<DownloadState> {
         lock(&self.downloads)
             .iter()
-            .map(|(name, d)| DownloadState { name: name.clone(), bytes: d.bytes, total: d.total })
+            .map(|(name, d)| DownloadState {
+                name: name.clone(),
+                bytes: d.bytes,
+                total: d.total,
+            })
             .collect()
     }
 }

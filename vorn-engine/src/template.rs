@@ -118,8 +118,14 @@ mod tests {
 
     fn msgs() -> Vec<TemplateMessage> {
         vec![
-            TemplateMessage { role: "system".into(), content: "Be brief.".into() },
-            TemplateMessage { role: "user".into(), content: "Hi".into() },
+            TemplateMessage {
+                role: "system".into(),
+                content: "Be brief.".into(),
+            },
+            TemplateMessage {
+                role: "user".into(),
+                content: "Hi".into(),
+            },
         ]
     }
 
@@ -144,12 +150,19 @@ mod tests {
     fn renders_jinja_with_python_methods() {
         let src = "{{ bos_token }}{% for m in messages %}<|{{ m.role }}|>{{ m.content.strip() }}<|end|>{% endfor %}{% if add_generation_prompt %}<|assistant|>{% endif %}";
         let t = ChatTemplate::new(Some(src.into()), "<s>".into(), "</s>".into());
-        assert_eq!(t.render(&msgs()).unwrap(), "<s><|system|>Be brief.<|end|><|user|>Hi<|end|><|assistant|>");
+        assert_eq!(
+            t.render(&msgs()).unwrap(),
+            "<s><|system|>Be brief.<|end|><|user|>Hi<|end|><|assistant|>"
+        );
     }
 
     #[test]
     fn template_errors_are_reported() {
-        let t = ChatTemplate::new(Some("{{ raise_exception('no system') }}".into()), String::new(), String::new());
+        let t = ChatTemplate::new(
+            Some("{{ raise_exception('no system') }}".into()),
+            String::new(),
+            String::new(),
+        );
         assert!(t.render(&msgs()).unwrap_err().contains("no system"));
         let t = ChatTemplate::new(Some("{% for %}".into()), String::new(), String::new());
         assert!(t.render(&msgs()).is_err());
@@ -157,10 +170,17 @@ mod tests {
 
     #[test]
     fn sandbox_has_no_file_access_and_bounded_loops() {
-        let t = ChatTemplate::new(Some("{% include '/etc/passwd' %}".into()), String::new(), String::new());
+        let t = ChatTemplate::new(
+            Some("{% include '/etc/passwd' %}".into()),
+            String::new(),
+            String::new(),
+        );
         assert!(t.render(&msgs()).is_err());
         let t = ChatTemplate::new(
-            Some("{% for a in range(100000) %}{% for b in range(100000) %}x{% endfor %}{% endfor %}".into()),
+            Some(
+                "{% for a in range(100000) %}{% for b in range(100000) %}x{% endfor %}{% endfor %}"
+                    .into(),
+            ),
             String::new(),
             String::new(),
         );

@@ -12,14 +12,22 @@ fn deltas(events: &[String]) -> String {
         .iter()
         .filter(|e| *e != "[DONE]")
         .filter_map(|e| serde_json::from_str::<Value>(e).ok())
-        .filter_map(|v| v["choices"][0]["delta"]["content"].as_str().map(str::to_string))
+        .filter_map(|v| {
+            v["choices"][0]["delta"]["content"]
+                .as_str()
+                .map(str::to_string)
+        })
         .collect()
 }
 
 #[test]
 fn state_lists_models_in_name_order() {
     let dir = stories_dir("state");
-    std::os::unix::fs::symlink(shared_models().join("mmproj/mmproj-tinygemma3.gguf"), dir.join("b-mmproj.gguf")).unwrap();
+    std::os::unix::fs::symlink(
+        shared_models().join("mmproj/mmproj-tinygemma3.gguf"),
+        dir.join("b-mmproj.gguf"),
+    )
+    .unwrap();
     std::os::unix::fs::symlink("/nonexistent/file.gguf", dir.join("a-gone.gguf")).unwrap();
     std::fs::write(dir.join("c.gguf.part"), b"partial").unwrap();
     std::fs::write(dir.join("notes.txt"), b"x").unwrap();
@@ -67,7 +75,10 @@ fn load_unload_and_refusals() {
         assert!(!r.error().is_empty());
     }
     assert_eq!(e.load("sub.gguf").status, 400);
-    assert_eq!(e.api("POST", "/api/load", Some(r#"{"name": 5}"#)).status, 400);
+    assert_eq!(
+        e.api("POST", "/api/load", Some(r#"{"name": 5}"#)).status,
+        400
+    );
     assert_eq!(e.api("POST", "/api/load", Some("[1]")).status, 400);
     assert_eq!(e.api("POST", "/api/load", Some("{not json")).status, 400);
 
@@ -100,7 +111,10 @@ fn streaming_and_plain_replies() {
     let body = json!({"messages": [user("Once upon a time")], "stream": true, "temperature": 0, "max_tokens": 24});
     let r = e.chat(&body);
     assert_eq!(r.status, 200, "{}", r.text());
-    assert!(r.header("content-type").unwrap().starts_with("text/event-stream"));
+    assert!(r
+        .header("content-type")
+        .unwrap()
+        .starts_with("text/event-stream"));
     assert!(r.header("access-control-allow-origin").is_none());
     let ev = r.events();
     assert_eq!(ev.last().unwrap(), "[DONE]");
@@ -112,7 +126,11 @@ fn streaming_and_plain_replies() {
     let usage = &fin["usage"];
     let completion = usage["completion_tokens"].as_i64().unwrap();
     assert!(completion > 0 && completion <= 24);
-    assert_eq!(reason == "length", completion == 24, "{reason} {completion}");
+    assert_eq!(
+        reason == "length",
+        completion == 24,
+        "{reason} {completion}"
+    );
     assert!(usage["prompt_tokens"].as_i64().unwrap() > 0);
     assert_eq!(
         usage["total_tokens"].as_i64().unwrap(),
@@ -152,9 +170,20 @@ fn streaming_and_plain_replies() {
     assert!(last["completion_tokens"].as_i64().unwrap() <= 3);
 
     // A stop string ends the reply before it.
-    let full = e.chat(&json!({"messages": [user("Once upon a time")], "temperature": 0, "max_tokens": 24})).json();
-    let full_text = full["choices"][0]["message"]["content"].as_str().unwrap().to_string();
-    let word: String = full_text.split_whitespace().nth(2).unwrap_or("the").chars().filter(|c| c.is_alphabetic()).collect();
+    let full = e
+        .chat(&json!({"messages": [user("Once upon a time")], "temperature": 0, "max_tokens": 24}))
+        .json();
+    let full_text = full["choices"][0]["message"]["content"]
+        .as_str()
+        .unwrap()
+        .to_string();
+    let word: String = full_text
+        .split_whitespace()
+        .nth(2)
+        .unwrap_or("the")
+        .chars()
+        .filter(|c| c.is_alphabetic())
+        .collect();
     assert!(!word.is_empty());
     let v = e.chat(&json!({"messages": [user("Once upon a time")], "temperature": 0, "max_tokens": 24, "stop": [word]})).json();
     let cut = v["choices"][0]["message"]["content"].as_str().unwrap();
@@ -185,47 +214,75 @@ fn streaming_and_plain_replies() {
 fn follow_up_turn_reuses_the_cache() {
     let e = Engine::start(&stories_dir("cache"));
     assert_eq!(e.load("stories260K.gguf").status, 200);
-    let mut messages = vec![json!({"role": "system", "content": "Tell a story about a cat."}), user("Once upon a time there was a cat")];
-    let v = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 16})).json();
-    let reply = v["choices"][0]["message"]["content"].as_str().unwrap().to_string();
+    let mut messages = vec![
+        json!({"role": "system", "content": "Tell a story about a cat."}),
+        user("Once upon a time there was a cat"),
+    ];
+    let v = e
+        .chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 16}))
+        .json();
+    let reply = v["choices"][0]["message"]["content"]
+        .as_str()
+        .unwrap()
+        .to_string();
     let first = e.state()["last"].clone();
     assert_eq!(first["evaluated_tokens"], first["prompt_tokens"]);
     let first_prompt = first["prompt_tokens"].as_i64().unwrap();
 
     messages.push(json!({"role": "assistant", "content": reply}));
     messages.push(user("The cat saw a bird"));
-    let _ = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 16})).json();
+    let _ = e
+        .chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 16}))
+        .json();
     let second = e.state()["last"].clone();
     let prompt = second["prompt_tokens"].as_i64().unwrap();
     let evaluated = second["evaluated_tokens"].as_i64().unwrap();
     assert!(prompt > first_prompt);
-    assert!(second["cached_tokens"].as_i64().unwrap() >= first_prompt - 1, "{second}");
+    assert!(
+        second["cached_tokens"].as_i64().unwrap() >= first_prompt - 1,
+        "{second}"
+    );
     assert!(evaluated < prompt - first_prompt + 20, "{second}");
 
     // An edited earlier message invalidates the cache from there on.
     messages[1] = user("Once upon a time there was a dog");
-    let _ = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 4})).json();
+    let _ = e
+        .chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 4}))
+        .json();
     let third = e.state()["last"].clone();
-    assert!(third["evaluated_tokens"].as_i64().unwrap() > evaluated, "{third}");
+    assert!(
+        third["evaluated_tokens"].as_i64().unwrap() > evaluated,
+        "{third}"
+    );
 }
 
 #[test]
 fn long_conversation_drops_oldest_turns() {
     let e = Engine::start(&stories_dir("overflow"));
-    let r = e.api("POST", "/api/load", Some(r#"{"name":"stories260K.gguf","gpu":false,"ctx":256}"#));
+    let r = e.api(
+        "POST",
+        "/api/load",
+        Some(r#"{"name":"stories260K.gguf","gpu":false,"ctx":256}"#),
+    );
     assert_eq!(r.status, 200, "{}", r.text());
     assert_eq!(e.state()["ctx"], 256);
     let mut messages = vec![json!({"role": "system", "content": "Be kind."})];
     for i in 0..30 {
-        messages.push(user(&format!("Turn {i}: the little girl went to the park and played with her friend all day long.")));
-        messages.push(json!({"role": "assistant", "content": "They were very happy and went home."}));
+        messages.push(user(&format!(
+            "Turn {i}: the little girl went to the park and played with her friend all day long."
+        )));
+        messages
+            .push(json!({"role": "assistant", "content": "They were very happy and went home."}));
     }
     messages.push(user("What happened next?"));
     let r = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 16}));
     assert_eq!(r.status, 200, "{}", r.text());
     let v = r.json();
     let prompt = v["usage"]["prompt_tokens"].as_i64().unwrap();
-    assert!(prompt > 0 && prompt + v["usage"]["completion_tokens"].as_i64().unwrap() <= 256, "{v}");
+    assert!(
+        prompt > 0 && prompt + v["usage"]["completion_tokens"].as_i64().unwrap() <= 256,
+        "{v}"
+    );
 
     // A single message longer than the context still gets an answer.
     let huge = "word ".repeat(2000);
@@ -241,10 +298,27 @@ fn request_guards() {
     let get = |headers: &[(&str, &str)]| request(port, "GET", "/api/state", headers, None).unwrap();
 
     assert_eq!(get(&[("Host", &host), ("X-Vorn-App", "1")]).status, 200);
-    assert_eq!(get(&[("Host", &format!("localhost:{port}")), ("X-Vorn-App", "1")]).status, 200);
+    assert_eq!(
+        get(&[("Host", &format!("localhost:{port}")), ("X-Vorn-App", "1")]).status,
+        200
+    );
     // Content-Type on a GET, as the app sends it, is fine.
-    assert_eq!(get(&[("Host", &host), ("X-Vorn-App", "1"), ("Content-Type", "application/json")]).status, 200);
-    for bad_host in ["evil.example:80".to_string(), format!("evil.example:{port}"), "127.0.0.1".into(), "".into(), format!("127.0.0.1:{}", port + 1)] {
+    assert_eq!(
+        get(&[
+            ("Host", &host),
+            ("X-Vorn-App", "1"),
+            ("Content-Type", "application/json")
+        ])
+        .status,
+        200
+    );
+    for bad_host in [
+        "evil.example:80".to_string(),
+        format!("evil.example:{port}"),
+        "127.0.0.1".into(),
+        "".into(),
+        format!("127.0.0.1:{}", port + 1),
+    ] {
         let r = get(&[("Host", &bad_host), ("X-Vorn-App", "1")]);
         assert_eq!(r.status, 403, "{bad_host}");
         assert!(!r.error().is_empty());
@@ -252,27 +326,74 @@ fn request_guards() {
     let r = get(&[("X-Vorn-App", "1")]);
     assert_eq!(r.status, 403, "missing Host");
 
-    let r = get(&[("Host", &host), ("X-Vorn-App", "1"), ("Origin", "https://evil.example")]);
+    let r = get(&[
+        ("Host", &host),
+        ("X-Vorn-App", "1"),
+        ("Origin", "https://evil.example"),
+    ]);
     assert_eq!(r.status, 403);
     assert!(r.header("access-control-allow-origin").is_none());
-    assert_eq!(get(&[("Host", &host), ("X-Vorn-App", "1"), ("Origin", "null")]).status, 403);
-    assert_eq!(get(&[("Host", &host), ("X-Vorn-App", "1"), ("Origin", &format!("http://127.0.0.1:{port}"))]).status, 200);
+    assert_eq!(
+        get(&[("Host", &host), ("X-Vorn-App", "1"), ("Origin", "null")]).status,
+        403
+    );
+    assert_eq!(
+        get(&[
+            ("Host", &host),
+            ("X-Vorn-App", "1"),
+            ("Origin", &format!("http://127.0.0.1:{port}"))
+        ])
+        .status,
+        200
+    );
 
     assert_eq!(get(&[("Host", &host)]).status, 403, "missing X-Vorn-App");
     assert_eq!(get(&[("Host", &host), ("X-Vorn-App", "0")]).status, 403);
 
-    let post = |path: &str, headers: &[(&str, &str)], body: &[u8]| request(port, "POST", path, headers, Some(body)).unwrap();
-    let r = post("/api/unload", &[("Host", &host), ("X-Vorn-App", "1"), ("Content-Type", "text/plain")], b"{}");
+    let post = |path: &str, headers: &[(&str, &str)], body: &[u8]| {
+        request(port, "POST", path, headers, Some(body)).unwrap()
+    };
+    let r = post(
+        "/api/unload",
+        &[
+            ("Host", &host),
+            ("X-Vorn-App", "1"),
+            ("Content-Type", "text/plain"),
+        ],
+        b"{}",
+    );
     assert_eq!(r.status, 415);
     assert!(!r.error().is_empty());
-    let r = post("/api/unload", &[("Host", &host), ("X-Vorn-App", "1")], b"{}");
+    let r = post(
+        "/api/unload",
+        &[("Host", &host), ("X-Vorn-App", "1")],
+        b"{}",
+    );
     assert_eq!(r.status, 415);
-    let r = post("/v1/chat/completions", &[("Host", &host), ("Content-Type", "application/x-www-form-urlencoded")], b"a=b");
+    let r = post(
+        "/v1/chat/completions",
+        &[
+            ("Host", &host),
+            ("Content-Type", "application/x-www-form-urlencoded"),
+        ],
+        b"a=b",
+    );
     assert_eq!(r.status, 415);
-    let r = post("/v1/chat/completions", &[("Host", "evil.example"), ("Content-Type", "application/json")], b"{}");
+    let r = post(
+        "/v1/chat/completions",
+        &[
+            ("Host", "evil.example"),
+            ("Content-Type", "application/json"),
+        ],
+        b"{}",
+    );
     assert_eq!(r.status, 403);
     // The chat endpoint does not need X-Vorn-App (the app does not send it).
-    let r = post("/v1/chat/completions", &[("Host", &host), ("Content-Type", "application/json")], b"{\"messages\":[]}");
+    let r = post(
+        "/v1/chat/completions",
+        &[("Host", &host), ("Content-Type", "application/json")],
+        b"{\"messages\":[]}",
+    );
     assert_eq!(r.status, 400);
 
     // Bodies above 256 MiB are refused, declared or streamed.
@@ -289,7 +410,10 @@ fn request_guards() {
     let block = vec![b' '; 1 << 20];
     let mut sent = 0usize;
     while sent <= 257 << 20 {
-        if write!(s, "{:x}\r\n", block.len()).is_err() || s.write_all(&block).is_err() || s.write_all(b"\r\n").is_err() {
+        if write!(s, "{:x}\r\n", block.len()).is_err()
+            || s.write_all(&block).is_err()
+            || s.write_all(b"\r\n").is_err()
+        {
             break;
         }
         sent += block.len();
@@ -303,7 +427,14 @@ fn request_guards() {
     let r = request(port, "GET", "/nothing", &[("Host", &host)], None).unwrap();
     assert_eq!(r.status, 404);
     assert!(!r.error().is_empty());
-    let r = request(port, "DELETE", "/api/state", &[("Host", &host), ("X-Vorn-App", "1")], None).unwrap();
+    let r = request(
+        port,
+        "DELETE",
+        "/api/state",
+        &[("Host", &host), ("X-Vorn-App", "1")],
+        None,
+    )
+    .unwrap();
     assert_eq!(r.status, 405);
     assert!(!r.error().is_empty());
 }
@@ -314,7 +445,8 @@ fn client_disconnect_stops_generation() {
     assert_eq!(e.load("stories260K.gguf").status, 200);
     // Greedy decoding of this prompt runs to the end of the context (4096)
     // when left alone.
-    let body = json!({"messages": [user("Once upon a time")], "stream": true, "temperature": 0}).to_string();
+    let body = json!({"messages": [user("Once upon a time")], "stream": true, "temperature": 0})
+        .to_string();
     let mut s = std::net::TcpStream::connect(("127.0.0.1", e.port)).unwrap();
     write!(
         s,
@@ -338,7 +470,9 @@ fn client_disconnect_stops_generation() {
         std::thread::sleep(Duration::from_millis(20));
     };
     assert!(last["completion_tokens"].as_i64().unwrap() < 2000, "{last}");
-    let v = e.chat(&json!({"messages": [user("Hi")], "temperature": 0, "max_tokens": 2})).json();
+    let v = e
+        .chat(&json!({"messages": [user("Hi")], "temperature": 0, "max_tokens": 2}))
+        .json();
     assert!(v["choices"][0]["message"]["content"].is_string());
 }
 
@@ -362,10 +496,16 @@ fn sigterm_exits_cleanly() {
 #[test]
 fn command_line_errors() {
     let bin = env!("CARGO_BIN_EXE_vorn-engine");
-    let out = std::process::Command::new(bin).arg("--version").output().unwrap();
+    let out = std::process::Command::new(bin)
+        .arg("--version")
+        .output()
+        .unwrap();
     assert!(out.status.success());
     assert!(String::from_utf8_lossy(&out.stdout).contains(env!("CARGO_PKG_VERSION")));
-    let out = std::process::Command::new(bin).args(["app", "--port", "nope"]).output().unwrap();
+    let out = std::process::Command::new(bin)
+        .args(["app", "--port", "nope"])
+        .output()
+        .unwrap();
     assert!(!out.status.success());
     assert!(!out.stderr.is_empty());
     // A port that is taken.
@@ -398,11 +538,23 @@ fn engine_exits_when_its_parent_dies() {
         .spawn()
         .unwrap();
     let mut line = String::new();
-    std::io::BufRead::read_line(&mut std::io::BufReader::new(shell.stdout.take().unwrap()), &mut line).unwrap();
+    std::io::BufRead::read_line(
+        &mut std::io::BufReader::new(shell.stdout.take().unwrap()),
+        &mut line,
+    )
+    .unwrap();
     let pid: i32 = line.trim().parse().unwrap();
     let alive = |pid: i32| unsafe { libc::kill(pid, 0) } == 0 && !is_zombie(pid);
     let deadline = Instant::now() + Duration::from_secs(20);
-    while request(port, "GET", "/api/state", &[("Host", &format!("127.0.0.1:{port}")), ("X-Vorn-App", "1")], None).is_err() {
+    while request(
+        port,
+        "GET",
+        "/api/state",
+        &[("Host", &format!("127.0.0.1:{port}")), ("X-Vorn-App", "1")],
+        None,
+    )
+    .is_err()
+    {
         assert!(Instant::now() < deadline, "engine did not start");
         std::thread::sleep(Duration::from_millis(50));
     }
@@ -419,21 +571,38 @@ fn engine_exits_when_its_parent_dies() {
 
 fn is_zombie(pid: i32) -> bool {
     std::fs::read_to_string(format!("/proc/{pid}/stat"))
-        .map(|s| s.rsplit(')').next().unwrap_or("").trim_start().starts_with('Z'))
+        .map(|s| {
+            s.rsplit(')')
+                .next()
+                .unwrap_or("")
+                .trim_start()
+                .starts_with('Z')
+        })
         .unwrap_or(true)
 }
 
 #[test]
 fn overflowing_conversation_keeps_a_stable_cut() {
     let e = Engine::start(&stories_dir("stable-cut"));
-    let r = e.api("POST", "/api/load", Some(r#"{"name":"stories260K.gguf","gpu":false,"ctx":512}"#));
+    let r = e.api(
+        "POST",
+        "/api/load",
+        Some(r#"{"name":"stories260K.gguf","gpu":false,"ctx":512}"#),
+    );
     assert_eq!(r.status, 200, "{}", r.text());
     let mut messages = vec![json!({"role": "system", "content": "Be kind."})];
     let mut cached_after_overflow = Vec::new();
     for i in 0..24 {
-        messages.push(user(&format!("Turn {i}: the girl went to the park and played.")));
-        let v = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 12})).json();
-        let reply = v["choices"][0]["message"]["content"].as_str().unwrap().to_string();
+        messages.push(user(&format!(
+            "Turn {i}: the girl went to the park and played."
+        )));
+        let v = e
+            .chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 12}))
+            .json();
+        let reply = v["choices"][0]["message"]["content"]
+            .as_str()
+            .unwrap()
+            .to_string();
         messages.push(json!({"role": "assistant", "content": reply}));
         let last = e.state()["last"].clone();
         let prompt = last["prompt_tokens"].as_i64().unwrap();
@@ -444,5 +613,8 @@ fn overflowing_conversation_keeps_a_stable_cut() {
     }
     // Once cut, most later turns still find their start in the cache.
     let reused = cached_after_overflow.iter().filter(|c| **c > 100).count();
-    assert!(reused * 2 >= cached_after_overflow.len(), "{cached_after_overflow:?}");
+    assert!(
+        reused * 2 >= cached_after_overflow.len(),
+        "{cached_after_overflow:?}"
+    );
 }

@@ -40,7 +40,11 @@ struct Hub {
 impl Hub {
     fn start() -> Hub {
         let listener = TcpListener::bind("127.0.0.1:0").unwrap();
-        let hub = Hub { port: listener.local_addr().unwrap().port(), files: Default::default(), seen: Default::default() };
+        let hub = Hub {
+            port: listener.local_addr().unwrap().port(),
+            files: Default::default(),
+            seen: Default::default(),
+        };
         let h = hub.clone();
         std::thread::spawn(move || {
             for conn in listener.incoming().flatten() {
@@ -60,7 +64,13 @@ impl Hub {
     }
 
     fn seen(&self, path: &str) -> Vec<Seen> {
-        self.seen.lock().unwrap().iter().filter(|s| s.path == path).cloned().collect()
+        self.seen
+            .lock()
+            .unwrap()
+            .iter()
+            .filter(|s| s.path == path)
+            .cloned()
+            .collect()
     }
 
     fn serve(&self, mut conn: TcpStream) {
@@ -69,7 +79,14 @@ impl Hub {
         if reader.read_line(&mut line).is_err() {
             return;
         }
-        let path = line.split(' ').nth(1).unwrap_or("").split('?').next().unwrap_or("").to_string();
+        let path = line
+            .split(' ')
+            .nth(1)
+            .unwrap_or("")
+            .split('?')
+            .next()
+            .unwrap_or("")
+            .to_string();
         let mut headers = HashMap::new();
         loop {
             let mut l = String::new();
@@ -81,10 +98,16 @@ impl Hub {
             }
         }
         let range = headers.get("range").cloned();
-        self.seen.lock().unwrap().push(Seen { path: path.clone(), range: range.clone(), auth: headers.get("authorization").cloned() });
+        self.seen.lock().unwrap().push(Seen {
+            path: path.clone(),
+            range: range.clone(),
+            auth: headers.get("authorization").cloned(),
+        });
         let file = self.files.lock().unwrap().get(&path).cloned();
         let Some(mut file) = file else {
-            let _ = conn.write_all(b"HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+            let _ = conn.write_all(
+                b"HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\nConnection: close\r\n\r\n",
+            );
             return;
         };
         let mut extra = String::new();
@@ -111,7 +134,9 @@ impl Hub {
                 total - start
             )
         } else {
-            format!("HTTP/1.1 200 OK\r\nContent-Length: {total}\r\n{extra}Connection: close\r\n\r\n")
+            format!(
+                "HTTP/1.1 200 OK\r\nContent-Length: {total}\r\n{extra}Connection: close\r\n\r\n"
+            )
         };
         if conn.write_all(head.as_bytes()).is_err() {
             return;
@@ -119,7 +144,12 @@ impl Hub {
         let drop_after = file.drop_after.take();
         if drop_after.is_some() {
             // Later requests get the whole body.
-            self.files.lock().unwrap().get_mut(&path).unwrap().drop_after = None;
+            self.files
+                .lock()
+                .unwrap()
+                .get_mut(&path)
+                .unwrap()
+                .drop_after = None;
         }
         let body = &file.data[start..];
         let limit = drop_after.unwrap_or(body.len()).min(body.len());
@@ -153,7 +183,11 @@ fn sha(data: &[u8]) -> String {
 }
 
 fn pull(e: &Engine, name: &str, url: &str) -> Response {
-    e.api("POST", "/api/pull", Some(&json!({"name": name, "url": url}).to_string()))
+    e.api(
+        "POST",
+        "/api/pull",
+        Some(&json!({"name": name, "url": url}).to_string()),
+    )
 }
 
 fn hub_url(file: &str) -> String {
@@ -163,14 +197,24 @@ fn hub_url(file: &str) -> String {
 /// Waits until the named download is no longer running.
 fn wait_done(e: &Engine, name: &str) {
     let deadline = Instant::now() + Duration::from_secs(60);
-    while e.state()["downloads"].as_array().unwrap().iter().any(|d| d["name"] == name) {
+    while e.state()["downloads"]
+        .as_array()
+        .unwrap()
+        .iter()
+        .any(|d| d["name"] == name)
+    {
         assert!(Instant::now() < deadline, "download of {name} did not end");
         std::thread::sleep(Duration::from_millis(20));
     }
 }
 
 fn model_names(e: &Engine) -> Vec<String> {
-    e.state()["models"].as_array().unwrap().iter().map(|m| m["name"].as_str().unwrap().to_string()).collect()
+    e.state()["models"]
+        .as_array()
+        .unwrap()
+        .iter()
+        .map(|m| m["name"].as_str().unwrap().to_string())
+        .collect()
 }
 
 #[test]
@@ -186,9 +230,22 @@ fn download_with_progress_token_and_checks() {
             ..Default::default()
         },
     );
-    hub.add("/cdn/model.gguf", File { data: data.clone(), slow: true, ..Default::default() });
+    hub.add(
+        "/cdn/model.gguf",
+        File {
+            data: data.clone(),
+            slow: true,
+            ..Default::default()
+        },
+    );
     let dir = temp_dir("pull");
-    let e = Engine::start_with_env(&dir, &[("HF_ENDPOINT", &hub.endpoint()), ("HF_TOKEN", "secret-token")]);
+    let e = Engine::start_with_env(
+        &dir,
+        &[
+            ("HF_ENDPOINT", &hub.endpoint()),
+            ("HF_TOKEN", "secret-token"),
+        ],
+    );
 
     let r = pull(&e, "model.gguf", &hub_url("model.gguf"));
     assert_eq!(r.status, 200, "{}", r.text());
@@ -208,7 +265,10 @@ fn download_with_progress_token_and_checks() {
         let bytes = d[0]["bytes"].as_i64().unwrap();
         if bytes > 0 && bytes < data.len() as i64 && d[0]["total"] == data.len() as i64 {
             saw_progress = true;
-            assert!(!model_names(&e).contains(&"model.gguf".to_string()), "final name before completion");
+            assert!(
+                !model_names(&e).contains(&"model.gguf".to_string()),
+                "final name before completion"
+            );
         }
         assert!(Instant::now() < deadline);
         std::thread::sleep(Duration::from_millis(30));
@@ -246,8 +306,13 @@ fn interrupted_download_resumes_with_range() {
     let e = Engine::start_with_env(&dir, &[("HF_ENDPOINT", &hub.endpoint())]);
     assert_eq!(pull(&e, "resume.gguf", &hub_url("resume.gguf")).status, 200);
     wait_done(&e, "resume.gguf");
-    assert!(!dir.join("resume.gguf").exists(), "a broken download must not get its final name");
-    let part = std::fs::metadata(dir.join("resume.gguf.part")).unwrap().len();
+    assert!(
+        !dir.join("resume.gguf").exists(),
+        "a broken download must not get its final name"
+    );
+    let part = std::fs::metadata(dir.join("resume.gguf.part"))
+        .unwrap()
+        .len();
     assert!(part > 0 && part < data.len() as u64, "{part}");
     assert!(!model_names(&e).iter().any(|n| n.ends_with(".part")));
 
@@ -257,7 +322,10 @@ fn interrupted_download_resumes_with_range() {
     let seen = hub.seen("/org/repo/resolve/main/resume.gguf");
     assert_eq!(seen.len(), 2);
     assert_eq!(seen[0].range, None);
-    assert_eq!(seen[1].range.as_deref(), Some(format!("bytes={part}-").as_str()));
+    assert_eq!(
+        seen[1].range.as_deref(),
+        Some(format!("bytes={part}-").as_str())
+    );
     // No token configured, none sent.
     assert!(seen.iter().all(|s| s.auth.is_none()));
 }
@@ -269,19 +337,36 @@ fn failed_checks_never_produce_the_final_file() {
     // Announced larger than what arrives.
     hub.add(
         "/org/repo/resolve/main/short.gguf",
-        File { data: data.clone(), announce_size: Some(data.len() as u64 + 1000), ..Default::default() },
+        File {
+            data: data.clone(),
+            announce_size: Some(data.len() as u64 + 1000),
+            ..Default::default()
+        },
     );
     // Wrong checksum.
     hub.add(
         "/org/repo/resolve/main/corrupt.gguf",
-        File { data: data.clone(), announce_sha: Some(sha(b"something else")), ..Default::default() },
+        File {
+            data: data.clone(),
+            announce_sha: Some(sha(b"something else")),
+            ..Default::default()
+        },
     );
     // Redirect to plain http on another host.
     hub.add(
         "/org/repo/resolve/main/redirect.gguf",
-        File { redirect: Some(format!("http://localhost:{}/cdn/x.gguf", hub.port)), ..Default::default() },
+        File {
+            redirect: Some(format!("http://localhost:{}/cdn/x.gguf", hub.port)),
+            ..Default::default()
+        },
     );
-    hub.add("/cdn/x.gguf", File { data: data.clone(), ..Default::default() });
+    hub.add(
+        "/cdn/x.gguf",
+        File {
+            data: data.clone(),
+            ..Default::default()
+        },
+    );
     let dir = temp_dir("checks");
     let e = Engine::start_with_env(&dir, &[("HF_ENDPOINT", &hub.endpoint())]);
 
@@ -293,8 +378,14 @@ fn failed_checks_never_produce_the_final_file() {
         wait_done(&e, name);
         assert!(!dir.join(name).exists(), "{name} got its final name");
     }
-    assert!(dir.join("short.gguf.part").exists(), "a short download keeps its partial file");
-    assert!(hub.seen("/cdn/x.gguf").is_empty(), "followed an http redirect to another host");
+    assert!(
+        dir.join("short.gguf.part").exists(),
+        "a short download keeps its partial file"
+    );
+    assert!(
+        hub.seen("/cdn/x.gguf").is_empty(),
+        "followed an http redirect to another host"
+    );
     assert!(model_names(&e).is_empty());
 }
 
@@ -308,10 +399,22 @@ fn pull_refusals() {
         ("../x.gguf", hub_url("x.gguf"), 400),
         (".x.gguf", hub_url("x.gguf"), 400),
         ("model.bin", hub_url("model.bin"), 400),
-        ("m.gguf", "http://huggingface.co/org/repo/resolve/main/m.gguf".to_string(), 400),
+        (
+            "m.gguf",
+            "http://huggingface.co/org/repo/resolve/main/m.gguf".to_string(),
+            400,
+        ),
         ("m.gguf", "https://evil.example/m.gguf".to_string(), 400),
-        ("m.gguf", "https://huggingface.co.evil.example/m.gguf".to_string(), 400),
-        ("m.gguf", "https://cdn-lfs.huggingface.co/m.gguf".to_string(), 400),
+        (
+            "m.gguf",
+            "https://huggingface.co.evil.example/m.gguf".to_string(),
+            400,
+        ),
+        (
+            "m.gguf",
+            "https://cdn-lfs.huggingface.co/m.gguf".to_string(),
+            400,
+        ),
         ("m.gguf", "file:///etc/passwd".to_string(), 400),
         ("have.gguf", hub_url("have.gguf"), 409),
     ];
@@ -320,7 +423,10 @@ fn pull_refusals() {
         assert_eq!(r.status, status, "{name} {url}: {}", r.text());
         assert!(!r.error().is_empty());
     }
-    assert_eq!(e.api("POST", "/api/pull", Some(r#"{"name": 1}"#)).status, 400);
+    assert_eq!(
+        e.api("POST", "/api/pull", Some(r#"{"name": 1}"#)).status,
+        400
+    );
     assert_eq!(e.api("POST", "/api/pull", Some("{}")).status, 400);
 }
 
@@ -330,7 +436,12 @@ fn sigterm_during_download_keeps_the_partial_file() {
     let data = random_bytes(4 << 20, 4);
     hub.add(
         "/org/repo/resolve/main/slow.gguf",
-        File { data: data.clone(), announce_size: Some(data.len() as u64), slow: true, ..Default::default() },
+        File {
+            data: data.clone(),
+            announce_size: Some(data.len() as u64),
+            slow: true,
+            ..Default::default()
+        },
     );
     let dir = temp_dir("term");
     let mut e = Engine::start_with_env(&dir, &[("HF_ENDPOINT", &hub.endpoint())]);
@@ -351,5 +462,8 @@ fn sigterm_during_download_keeps_the_partial_file() {
     let part = std::fs::metadata(dir.join("slow.gguf.part")).unwrap().len();
     assert!(part > 0 && part < data.len() as u64);
     // The partial data is the file's own beginning.
-    assert_eq!(std::fs::read(dir.join("slow.gguf.part")).unwrap(), data[..part as usize]);
+    assert_eq!(
+        std::fs::read(dir.join("slow.gguf.part")).unwrap(),
+        data[..part as usize]
+    );
 }

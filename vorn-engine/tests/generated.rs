@@ -9,7 +9,10 @@ use common::*;
 use serde_json::{json, Value};
 
 fn data_url(bytes: &[u8]) -> String {
-    format!("data:image/png;base64,{}", base64::engine::general_purpose::STANDARD.encode(bytes))
+    format!(
+        "data:image/png;base64,{}",
+        base64::engine::general_purpose::STANDARD.encode(bytes)
+    )
 }
 
 #[test]
@@ -18,7 +21,14 @@ fn model_with_its_own_chat_template() {
     write_model(
         &dir.join("tiny-phi3.gguf"),
         &shared_models().join("vocab/ggml-vocab-phi-3.gguf"),
-        &Spec { arch: "llama", n_embd: 64, n_layer: 2, n_head: 4, n_ff: 128, seed: 11 },
+        &Spec {
+            arch: "llama",
+            n_embd: 64,
+            n_layer: 2,
+            n_head: 4,
+            n_ff: 128,
+            seed: 11,
+        },
     );
     let e = Engine::start(&dir);
     let r = e.load("tiny-phi3.gguf");
@@ -27,18 +37,25 @@ fn model_with_its_own_chat_template() {
     let r = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 8}));
     assert_eq!(r.status, 200, "{}", r.text());
     let v = r.json();
-    let reply = v["choices"][0]["message"]["content"].as_str().unwrap().to_string();
+    let reply = v["choices"][0]["message"]["content"]
+        .as_str()
+        .unwrap()
+        .to_string();
     // The phi-3 template wraps the turn in <|user|> ... <|end|> <|assistant|>,
     // which are single special tokens: a handful of tokens in all.
     let prompt = v["usage"]["prompt_tokens"].as_i64().unwrap();
     assert!(prompt >= 4 && prompt <= 12, "{v}");
     messages.push(json!({"role": "assistant", "content": reply}));
     messages.push(user("And then?"));
-    let r = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 8, "stream": true}));
+    let r =
+        e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 8, "stream": true}));
     assert_eq!(r.status, 200, "{}", r.text());
     assert_eq!(r.events().last().unwrap(), "[DONE]");
     let last = e.state()["last"].clone();
-    assert!(last["cached_tokens"].as_i64().unwrap() >= prompt - 1, "{last}");
+    assert!(
+        last["cached_tokens"].as_i64().unwrap() >= prompt - 1,
+        "{last}"
+    );
 }
 
 #[test]
@@ -47,19 +64,50 @@ fn image_chat_with_projector() {
     write_model(
         &dir.join("tinygemma3.gguf"),
         &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
-        &Spec { arch: "gemma3", n_embd: 128, n_layer: 2, n_head: 4, n_ff: 256, seed: 5 },
+        &Spec {
+            arch: "gemma3",
+            n_embd: 128,
+            n_layer: 2,
+            n_head: 4,
+            n_ff: 256,
+            seed: 5,
+        },
     );
-    std::os::unix::fs::symlink(shared_models().join("mmproj/mmproj-tinygemma3.gguf"), dir.join("mmproj-tinygemma3.gguf")).unwrap();
-    std::os::unix::fs::symlink(shared_models().join("stories260K.gguf"), dir.join("stories260K.gguf")).unwrap();
+    std::os::unix::fs::symlink(
+        shared_models().join("mmproj/mmproj-tinygemma3.gguf"),
+        dir.join("mmproj-tinygemma3.gguf"),
+    )
+    .unwrap();
+    std::os::unix::fs::symlink(
+        shared_models().join("stories260K.gguf"),
+        dir.join("stories260K.gguf"),
+    )
+    .unwrap();
     let e = Engine::start(&dir);
 
     let img = data_url(&png(32, 32, 1));
     // No model: no vision.
-    assert_eq!(e.api("POST", "/api/encode", Some(&json!({"url": img}).to_string())).status, 409);
+    assert_eq!(
+        e.api(
+            "POST",
+            "/api/encode",
+            Some(&json!({"url": img}).to_string())
+        )
+        .status,
+        409
+    );
     // A model whose width does not match gets no projector.
     assert_eq!(e.load("stories260K.gguf").status, 200);
     assert_eq!(e.state()["vision"], false);
-    assert_eq!(e.api("POST", "/api/encode", Some(&json!({"url": img}).to_string())).status, 409);
+    assert_eq!(
+        e.api(
+            "POST",
+            "/api/encode",
+            Some(&json!({"url": img}).to_string())
+        )
+        .status,
+        409
+    );
 
     let r = e.load("tinygemma3.gguf");
     assert_eq!(r.status, 200, "{}", r.text());
@@ -67,11 +115,24 @@ fn image_chat_with_projector() {
     assert_eq!(s["vision"], true, "{s}");
     assert_eq!(s["projector"], "mmproj-tinygemma3.gguf");
 
-    for bad in ["data:image/png;base64,AAAA", "data:image/png;base64,@@", "https://example.com/x.png", "data:text/plain,hi"] {
-        let r = e.api("POST", "/api/encode", Some(&json!({"url": bad}).to_string()));
+    for bad in [
+        "data:image/png;base64,AAAA",
+        "data:image/png;base64,@@",
+        "https://example.com/x.png",
+        "data:text/plain,hi",
+    ] {
+        let r = e.api(
+            "POST",
+            "/api/encode",
+            Some(&json!({"url": bad}).to_string()),
+        );
         assert_eq!(r.status, 400, "{bad}: {}", r.text());
     }
-    let r = e.api("POST", "/api/encode", Some(&json!({"url": img}).to_string()));
+    let r = e.api(
+        "POST",
+        "/api/encode",
+        Some(&json!({"url": img}).to_string()),
+    );
     assert_eq!(r.status, 200, "{}", r.text());
 
     let content = json!([
@@ -79,7 +140,8 @@ fn image_chat_with_projector() {
         {"type": "text", "text": "What is in the picture?"}
     ]);
     let mut messages = vec![json!({"role": "user", "content": content})];
-    let r = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 6, "stream": true}));
+    let r =
+        e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 6, "stream": true}));
     assert_eq!(r.status, 200, "{}", r.text());
     let ev = r.events();
     assert_eq!(ev.last().unwrap(), "[DONE]");
@@ -89,12 +151,23 @@ fn image_chat_with_projector() {
     // it, so only the question after it was evaluated.
     let last = e.state()["last"].clone();
     assert!(last["evaluated_tokens"].as_i64().unwrap() < 30, "{last}");
-    assert!(last["cached_tokens"].as_i64().unwrap() > with_image - 30, "{last}");
+    assert!(
+        last["cached_tokens"].as_i64().unwrap() > with_image - 30,
+        "{last}"
+    );
 
     // Pre-encoded, then asked in another conversation than the one it was
     // guessed for: the stored encoder output is decoded in place.
     let second = data_url(&png(32, 32, 5));
-    assert_eq!(e.api("POST", "/api/encode", Some(&json!({"url": second}).to_string())).status, 200);
+    assert_eq!(
+        e.api(
+            "POST",
+            "/api/encode",
+            Some(&json!({"url": second}).to_string())
+        )
+        .status,
+        200
+    );
     let r = e.chat(&json!({"messages": [user("A different conversation."), {"role": "assistant", "content": "Yes."},
         {"role": "user", "content": [{"type": "image_url", "image_url": {"url": second}}, {"type": "text", "text": "Look."}]}],
         "temperature": 0, "max_tokens": 2}));
@@ -110,18 +183,26 @@ fn image_chat_with_projector() {
     assert_eq!(e.state()["last"]["reused_images"], 0);
 
     // The same question without the image is shorter by the image's tokens.
-    let r = e.chat(&json!({"messages": [user("What is in the picture?")], "temperature": 0, "max_tokens": 2}));
+    let r = e.chat(
+        &json!({"messages": [user("What is in the picture?")], "temperature": 0, "max_tokens": 2}),
+    );
     let without = r.json()["usage"]["prompt_tokens"].as_i64().unwrap();
     assert!(with_image > without + 4, "{with_image} vs {without}");
 
     // A follow-up reuses the cached image positions.
-    let first = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 4})).json();
-    messages.push(json!({"role": "assistant", "content": first["choices"][0]["message"]["content"]}));
+    let first = e
+        .chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 4}))
+        .json();
+    messages
+        .push(json!({"role": "assistant", "content": first["choices"][0]["message"]["content"]}));
     messages.push(user("Tell me more."));
     let r = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 4}));
     assert_eq!(r.status, 200, "{}", r.text());
     let last = e.state()["last"].clone();
-    assert!(last["cached_tokens"].as_i64().unwrap() >= with_image - 1, "{last}");
+    assert!(
+        last["cached_tokens"].as_i64().unwrap() >= with_image - 1,
+        "{last}"
+    );
 
     // A JPEG-looking but broken image is a clear 400.
     let r = e.chat(&json!({"messages": [{"role": "user", "content": [
@@ -136,9 +217,35 @@ fn files_that_make_llama_cpp_abort_are_refused() {
     let dir = temp_dir("abort");
     let vocab = shared_models().join("vocab/ggml-vocab-llama-spm.gguf");
     // llama.cpp asserts (and would abort the process) on these layer counts.
-    write_model(&dir.join("no-layers.gguf"), &vocab, &Spec { arch: "llama", n_embd: 32, n_layer: 0, n_head: 4, n_ff: 64, seed: 1 });
-    write_model(&dir.join("too-many-layers.gguf"), &vocab, &Spec { arch: "llama", n_embd: 8, n_layer: 600, n_head: 2, n_ff: 8, seed: 1 });
-    std::os::unix::fs::symlink(shared_models().join("stories260K.gguf"), dir.join("stories260K.gguf")).unwrap();
+    write_model(
+        &dir.join("no-layers.gguf"),
+        &vocab,
+        &Spec {
+            arch: "llama",
+            n_embd: 32,
+            n_layer: 0,
+            n_head: 4,
+            n_ff: 64,
+            seed: 1,
+        },
+    );
+    write_model(
+        &dir.join("too-many-layers.gguf"),
+        &vocab,
+        &Spec {
+            arch: "llama",
+            n_embd: 8,
+            n_layer: 600,
+            n_head: 2,
+            n_ff: 8,
+            seed: 1,
+        },
+    );
+    std::os::unix::fs::symlink(
+        shared_models().join("stories260K.gguf"),
+        dir.join("stories260K.gguf"),
+    )
+    .unwrap();
     let e = Engine::start(&dir);
     for name in ["no-layers.gguf", "too-many-layers.gguf"] {
         let r = e.load(name);

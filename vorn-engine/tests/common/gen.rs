@@ -146,10 +146,26 @@ pub fn write_model(out_path: &Path, vocab: &Path, spec: &Spec) {
     kv_u32(&mut kv, &format!("{a}.context_length"), 4096);
     kv_u32(&mut kv, &format!("{a}.embedding_length"), e as u32);
     kv_u32(&mut kv, &format!("{a}.block_count"), spec.n_layer as u32);
-    kv_u32(&mut kv, &format!("{a}.feed_forward_length"), spec.n_ff as u32);
-    kv_u32(&mut kv, &format!("{a}.attention.head_count"), spec.n_head as u32);
-    kv_u32(&mut kv, &format!("{a}.attention.head_count_kv"), spec.n_head as u32);
-    kv_f32(&mut kv, &format!("{a}.attention.layer_norm_rms_epsilon"), 1e-6);
+    kv_u32(
+        &mut kv,
+        &format!("{a}.feed_forward_length"),
+        spec.n_ff as u32,
+    );
+    kv_u32(
+        &mut kv,
+        &format!("{a}.attention.head_count"),
+        spec.n_head as u32,
+    );
+    kv_u32(
+        &mut kv,
+        &format!("{a}.attention.head_count_kv"),
+        spec.n_head as u32,
+    );
+    kv_f32(
+        &mut kv,
+        &format!("{a}.attention.layer_norm_rms_epsilon"),
+        1e-6,
+    );
     kv_u32(&mut kv, &format!("{a}.rope.dimension_count"), head as u32);
     kv_f32(&mut kv, &format!("{a}.rope.freq_base"), 10000.0);
     n_kv += 12;
@@ -222,7 +238,11 @@ pub fn png(w: u32, h: u32, seed: u8) -> Vec<u8> {
         for &b in data {
             c ^= b as u32;
             for _ in 0..8 {
-                c = if c & 1 != 0 { 0xedb8_8320 ^ (c >> 1) } else { c >> 1 };
+                c = if c & 1 != 0 {
+                    0xedb8_8320 ^ (c >> 1)
+                } else {
+                    c >> 1
+                };
             }
         }
         !c

@@ -18,14 +18,19 @@ static COUNTER: AtomicUsize = AtomicUsize::new(0);
 
 pub fn temp_dir(tag: &str) -> PathBuf {
     let n = COUNTER.fetch_add(1, Ordering::SeqCst);
-    let dir = std::env::temp_dir().join(format!("vorn-engine-test-{}-{tag}-{n}", std::process::id()));
+    let dir =
+        std::env::temp_dir().join(format!("vorn-engine-test-{}-{tag}-{n}", std::process::id()));
     let _ = std::fs::remove_dir_all(&dir);
     std::fs::create_dir_all(&dir).unwrap();
     dir
 }
 
 pub fn free_port() -> u16 {
-    TcpListener::bind("127.0.0.1:0").unwrap().local_addr().unwrap().port()
+    TcpListener::bind("127.0.0.1:0")
+        .unwrap()
+        .local_addr()
+        .unwrap()
+        .port()
 }
 
 pub struct Engine {
@@ -55,7 +60,11 @@ impl Engine {
                 cmd.env(k, v);
             }
             let child = cmd.spawn().expect("engine starts");
-            let mut engine = Engine { child, port, dir: dir.to_path_buf() };
+            let mut engine = Engine {
+                child,
+                port,
+                dir: dir.to_path_buf(),
+            };
             let deadline = Instant::now() + Duration::from_secs(20);
             while Instant::now() < deadline {
                 if let Ok(Some(_)) = engine.child.try_wait() {
@@ -83,7 +92,11 @@ impl Engine {
             self.port,
             method,
             path,
-            &[("Host", host.as_str()), ("Content-Type", "application/json"), ("X-Vorn-App", "1")],
+            &[
+                ("Host", host.as_str()),
+                ("Content-Type", "application/json"),
+                ("X-Vorn-App", "1"),
+            ],
             body.map(str::as_bytes),
         )
         .expect("request")
@@ -91,7 +104,13 @@ impl Engine {
 
     pub fn try_get(&self, path: &str) -> std::io::Result<Response> {
         let host = self.host();
-        request(self.port, "GET", path, &[("Host", host.as_str()), ("X-Vorn-App", "1")], None)
+        request(
+            self.port,
+            "GET",
+            path,
+            &[("Host", host.as_str()), ("X-Vorn-App", "1")],
+            None,
+        )
     }
 
     pub fn state(&self) -> serde_json::Value {
@@ -101,7 +120,11 @@ impl Engine {
     }
 
     pub fn load(&self, name: &str) -> Response {
-        self.api("POST", "/api/load", Some(&format!(r#"{{"name":"{name}","gpu":true,"ctx":4096}}"#)))
+        self.api(
+            "POST",
+            "/api/load",
+            Some(&format!(r#"{{"name":"{name}","gpu":true,"ctx":4096}}"#)),
+        )
     }
 
     /// A chat request as the app sends it: only Content-Type.
@@ -111,7 +134,10 @@ impl Engine {
             self.port,
             "POST",
             "/v1/chat/completions",
-            &[("Host", host.as_str()), ("Content-Type", "application/json")],
+            &[
+                ("Host", host.as_str()),
+                ("Content-Type", "application/json"),
+            ],
             Some(body.to_string().as_bytes()),
         )
         .expect("chat request")
@@ -144,14 +170,21 @@ impl Response {
         String::from_utf8_lossy(&self.body).into_owned()
     }
     pub fn json(&self) -> serde_json::Value {
-        serde_json::from_slice(&self.body).unwrap_or_else(|e| panic!("not JSON ({e}): {}", self.text()))
+        serde_json::from_slice(&self.body)
+            .unwrap_or_else(|e| panic!("not JSON ({e}): {}", self.text()))
     }
     pub fn header(&self, name: &str) -> Option<&str> {
-        self.headers.iter().find(|(k, _)| k.eq_ignore_ascii_case(name)).map(|(_, v)| v.as_str())
+        self.headers
+            .iter()
+            .find(|(k, _)| k.eq_ignore_ascii_case(name))
+            .map(|(_, v)| v.as_str())
     }
     /// The error text of a JSON error reply.
     pub fn error(&self) -> String {
-        self.json()["error"].as_str().unwrap_or_else(|| panic!("no error text: {}", self.text())).to_string()
+        self.json()["error"]
+            .as_str()
+            .unwrap_or_else(|| panic!("no error text: {}", self.text()))
+            .to_string()
     }
     /// The `data:` payloads of a server-sent event stream.
     pub fn events(&self) -> Vec<String> {
@@ -193,30 +226,46 @@ pub fn request(
 
 pub fn parse_response(raw: &[u8]) -> std::io::Result<Response> {
     let bad = || std::io::Error::new(std::io::ErrorKind::InvalidData, "bad response");
-    let end = raw.windows(4).position(|w| w == b"\r\n\r\n").ok_or_else(bad)?;
+    let end = raw
+        .windows(4)
+        .position(|w| w == b"\r\n\r\n")
+        .ok_or_else(bad)?;
     let head = String::from_utf8_lossy(&raw[..end]).into_owned();
     let mut lines = head.split("\r\n");
-    let status: u16 = lines.next().and_then(|l| l.split(' ').nth(1)).and_then(|s| s.parse().ok()).ok_or_else(bad)?;
+    let status: u16 = lines
+        .next()
+        .and_then(|l| l.split(' ').nth(1))
+        .and_then(|s| s.parse().ok())
+        .ok_or_else(bad)?;
     let headers: Vec<(String, String)> = lines
         .filter_map(|l| l.split_once(':'))
         .map(|(k, v)| (k.trim().to_string(), v.trim().to_string()))
         .collect();
     let mut body = raw[end + 4..].to_vec();
-    let chunked = headers
-        .iter()
-        .any(|(k, v)| k.eq_ignore_ascii_case("transfer-encoding") && v.eq_ignore_ascii_case("chunked"));
+    let chunked = headers.iter().any(|(k, v)| {
+        k.eq_ignore_ascii_case("transfer-encoding") && v.eq_ignore_ascii_case("chunked")
+    });
     if chunked {
         body = dechunk(&body);
     }
-    Ok(Response { status, headers, body })
+    Ok(Response {
+        status,
+        headers,
+        body,
+    })
 }
 
 fn dechunk(mut data: &[u8]) -> Vec<u8> {
     let mut out = Vec::new();
     loop {
-        let Some(eol) = data.windows(2).position(|w| w == b"\r\n") else { break };
+        let Some(eol) = data.windows(2).position(|w| w == b"\r\n") else {
+            break;
+        };
         let size_line = String::from_utf8_lossy(&data[..eol]).into_owned();
-        let Ok(size) = usize::from_str_radix(size_line.split(';').next().unwrap_or("").trim(), 16) else { break };
+        let Ok(size) = usize::from_str_radix(size_line.split(';').next().unwrap_or("").trim(), 16)
+        else {
+            break;
+        };
         data = &data[eol + 2..];
         if size == 0 || data.len() < size {
             out.extend_from_slice(&data[..size.min(data.len())]);
@@ -231,7 +280,11 @@ fn dechunk(mut data: &[u8]) -> Vec<u8> {
 /// A models folder holding a link to the tiny trained model.
 pub fn stories_dir(tag: &str) -> PathBuf {
     let dir = temp_dir(tag);
-    std::os::unix::fs::symlink(shared_models().join("stories260K.gguf"), dir.join("stories260K.gguf")).unwrap();
+    std::os::unix::fs::symlink(
+        shared_models().join("stories260K.gguf"),
+        dir.join("stories260K.gguf"),
+    )
+    .unwrap();
     dir
 }
 
