@@ -1,13 +1,99 @@
 import QtQuick
+import Vorn
 import QtQuick.Controls
+import QtQuick.Layouts
 
-ApplicationWindow {
-    width: 1180
-    height: 790
-    visible: true
-    title: "Vorn"
-    Label {
-        anchors.centerIn: parent
-        text: store.activity
+// The window's content: sidebar, main column, the library sheet and the error alert.
+Item {
+    id: view
+    objectName: "desktopView"
+
+    RowLayout {
+        anchors.fill: parent
+        spacing: 0
+
+        Sidebar {
+            id: sidebar
+            Layout.preferredWidth: 260
+            Layout.fillHeight: true
+        }
+
+        Rectangle {
+            Layout.preferredWidth: 1
+            Layout.fillHeight: true
+            color: Theme.divider
+        }
+
+        Rectangle {
+            objectName: "mainColumn"
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+            color: Theme.mainBackground
+
+            ColumnLayout {
+                anchors.fill: parent
+                spacing: 0
+
+                Header {
+                    Layout.fillWidth: true
+                    Layout.preferredHeight: 72
+                }
+                Rectangle {
+                    Layout.fillWidth: true
+                    Layout.preferredHeight: 1
+                    color: Theme.divider
+                }
+                Transcript {
+                    Layout.fillWidth: true
+                    Layout.fillHeight: true
+                }
+                Composer {
+                    Layout.fillWidth: true
+                }
+                Footer {
+                    Layout.fillWidth: true
+                    Layout.preferredHeight: 40
+                }
+            }
+        }
+    }
+
+    Popup {
+        id: librarySheet
+        objectName: "librarySheet"
+
+        parent: Overlay.overlay
+        modal: true
+        dim: true
+        // Only Done or Ctrl+Escape close the sheet; plain Escape and outside clicks do not.
+        closePolicy: Popup.NoAutoClose
+        visible: store.showLibrary
+        onClosed: store.showLibrary = false
+        x: Math.round((parent.width - width) / 2)
+        y: Math.max(20, Math.round((parent.height - height) / 2))
+        width: 730
+        padding: 0
+
+        Overlay.modal: Rectangle {
+            color: Theme.dark ? Qt.rgba(0, 0, 0, 0.45) : Qt.rgba(0, 0, 0, 0.22)
+        }
+        background: Rectangle {
+            color: Theme.mainBackground
+            radius: 14
+            border.color: Theme.hairline
+            border.width: 1
+        }
+
+        // A fresh sheet each time it opens, so its link field starts empty.
+        contentItem: Loader {
+            active: store.showLibrary
+            sourceComponent: LibraryView {
+                onDismissed: store.showLibrary = false
+            }
+        }
+    }
+
+    ErrorAlert {
+        objectName: "errorAlert"
     }
 }

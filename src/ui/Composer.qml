@@ -1,0 +1,200 @@
+import QtQuick
+import Vorn
+import QtQuick.Controls
+import QtQuick.Layouts
+
+// The input card: the attachment chip, the attach button, the growing prompt field and
+// the send/stop button. Return sends, Shift+Return starts a new line, Ctrl+Return sends
+// or stops.
+Item {
+    id: composer
+    objectName: "composer"
+
+    // First matching rule wins: stop while generating; otherwise a loaded model, no load
+    // running, some prompt text or an image, and a vision model for an image.
+    readonly property bool sendEnabled: {
+        if (store.generating)
+            return true
+        if (store.loading || !store.hasLoadedModel)
+            return false
+        if (store.prompt.length === 0 && !store.hasAttachment)
+            return false
+        if (store.hasAttachment && !store.vision)
+            return false
+        return true
+    }
+
+    function sendOrStop() {
+        if (store.generating)
+            store.stop()
+        else
+            store.send()
+    }
+
+    implicitHeight: card.implicitHeight + 12
+
+    Shortcut {
+        sequences: ["Ctrl+Return", "Ctrl+Enter"]
+        context: Qt.WindowShortcut
+        enabled: composer.sendEnabled
+        onActivated: composer.sendOrStop()
+    }
+
+    Rectangle {
+        id: card
+        objectName: "composerCard"
+        anchors.left: parent.left
+        anchors.right: parent.right
+        anchors.top: parent.top
+        anchors.leftMargin: 28
+        anchors.rightMargin: 28
+        anchors.topMargin: 12
+        implicitHeight: stack.implicitHeight + 32
+        radius: 16
+        color: Theme.raisedFill
+        border.color: Theme.hairline
+        border.width: 1
+
+        ColumnLayout {
+            id: stack
+            anchors.fill: parent
+            anchors.margins: 16
+            spacing: 10
+
+            RowLayout {
+                objectName: "attachmentChip"
+                visible: store.hasAttachment
+                Layout.fillWidth: true
+                spacing: 6
+
+                Icon {
+                    name: "photo"
+                    size: 14
+                    color: Theme.primary
+                }
+                Label {
+                    text: "Image attached"
+                    font.pixelSize: 11
+                    color: Theme.primary
+                }
+                Label {
+                    objectName: "visionWarning"
+                    visible: !store.vision
+                    Layout.leftMargin: 4
+                    text: "Load a vision model to read it"
+                    font.pixelSize: 11
+                    color: Theme.orange
+                }
+                Item {
+                    Layout.fillWidth: true
+                }
+                IconButton {
+                    objectName: "removeAttachmentButton"
+                    symbol: "xmark.circle.fill"
+                    symbolSize: 15
+                    symbolColor: Theme.secondary
+                    implicitWidth: 22
+                    implicitHeight: 22
+                    onClicked: store.clearAttachment()
+                }
+            }
+
+            RowLayout {
+                Layout.fillWidth: true
+                spacing: 8
+
+                IconButton {
+                    objectName: "attachButton"
+                    Layout.alignment: Qt.AlignBottom
+                    Layout.bottomMargin: 2
+                    implicitWidth: 28
+                    implicitHeight: 30
+                    symbol: "plus"
+                    symbolSize: 19
+                    help: "Attach an image"
+                    enabled: !store.generating
+                    onClicked: store.attachImage()
+                }
+
+                ScrollView {
+                    id: promptScroll
+                    Layout.fillWidth: true
+                    Layout.alignment: Qt.AlignBottom
+                    // One line up to six, then the field scrolls.
+                    Layout.preferredHeight: Math.min(promptField.implicitHeight,
+                                                     lines.lineSpacing * 6 + promptField.topPadding + promptField.bottomPadding)
+                    ScrollBar.horizontal.policy: ScrollBar.AlwaysOff
+
+                    TextArea {
+                        id: promptField
+                        objectName: "promptField"
+                        placeholderText: "Ask Vorn…"
+                        wrapMode: TextArea.Wrap
+                        font.pixelSize: 15
+                        color: Theme.primary
+                        placeholderTextColor: Theme.secondary
+                        topPadding: 6
+                        bottomPadding: 6
+                        leftPadding: 2
+                        rightPadding: 2
+                        focus: true
+                        background: null
+                        text: store.prompt
+                        onTextChanged: if (text !== store.prompt) store.prompt = text
+
+                        Keys.onPressed: (event) => {
+                            if (event.matches(StandardKey.Redo)) {
+                                event.accepted = true
+                            } else if (event.key === Qt.Key_Return || event.key === Qt.Key_Enter) {
+                                if (event.modifiers & Qt.ShiftModifier)
+                                    return
+                                event.accepted = true
+                                if (event.modifiers & Qt.ControlModifier) {
+                                    if (composer.sendEnabled)
+                                        composer.sendOrStop()
+                                } else {
+                                    store.send()
+                                }
+                            }
+                        }
+
+                        FontMetrics {
+                            id: lines
+                            font: promptField.font
+                        }
+                    }
+                }
+
+                AbstractButton {
+                    id: sendButton
+                    objectName: "sendButton"
+                    readonly property string help: store.generating ? "Stop" : DisplayText.sendHelp
+                    Layout.alignment: Qt.AlignBottom
+                    implicitWidth: 34
+                    implicitHeight: 34
+                    enabled: composer.sendEnabled
+                    hoverEnabled: true
+                    focusPolicy: Qt.NoFocus
+                    onClicked: composer.sendOrStop()
+
+                    ToolTip.visible: hovered
+                    ToolTip.text: help
+                    ToolTip.delay: 600
+
+                    background: Rectangle {
+                        radius: 10
+                        color: sendButton.pressed ? Qt.darker(Theme.accent, 1.15) : Theme.accent
+                        opacity: sendButton.enabled ? 1 : 0.35
+                    }
+                    contentItem: Icon {
+                        objectName: "sendSymbol"
+                        name: store.generating ? "stop.fill" : "arrow.up"
+                        size: 17
+                        font.weight: Font.DemiBold
+                        color: Theme.ink
+                    }
+                }
+            }
+        }
+    }
+}

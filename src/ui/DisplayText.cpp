@@ -1,0 +1,40 @@
+#include "DisplayText.h"
+
+#include "model/PlatformWords.h"
+
+#include <QVariantMap>
+
+QString DisplayText::modelsStayLocal() const { return PlatformWords::modelsStayLocal(); }
+QString DisplayText::bringModelWelcome() const { return PlatformWords::bringModelWelcome(); }
+QString DisplayText::revealInFileBrowser() const { return PlatformWords::revealInFileBrowser(); }
+QString DisplayText::gpuBadge() const { return PlatformWords::gpuBadge(); }
+QString DisplayText::sendHelp() const { return PlatformWords::sendHelp(); }
+bool DisplayText::mac() const { return PlatformWords::current() == PlatformWords::Platform::Mac; }
+
+QString DisplayText::historyFootnote(const QString &dataFolder) const
+{
+    return PlatformWords::historyFootnote(dataFolder);
+}
+
+QString DisplayText::oneDecimal(double value)
+{
+    return QString::asprintf("%.1f", value);
+}
+
+QString DisplayText::throughput(double tokensPerSecond)
+{
+    return QString::fromUtf8("Last reply \u00b7 ") + oneDecimal(tokensPerSecond) + QStringLiteral(" tok/s");
+}
+
+QString DisplayText::tokenCount(double tokens)
+{
+    return QStringLiteral(" ") + QString::number(static_cast<qint64>(tokens)) + QStringLiteral(" tokens");
+}
+
+QString DisplayText::backendBadge(const QVariant &state) const
+{
+    const QVariant backend = state.toMap().value(QStringLiteral("backend"));
+    if (backend.typeId() == QMetaType::QString && backend.toString() == QLatin1String("gpu"))
+        return gpuBadge();
+    return QStringLiteral("CPU");
+}

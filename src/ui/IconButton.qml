@@ -1,0 +1,33 @@
+import QtQuick
+import Vorn
+import QtQuick.Controls
+
+// A borderless symbol button with a help tooltip.
+AbstractButton {
+    id: button
+
+    property string symbol
+    property real symbolSize: 16
+    property color symbolColor: Theme.primary
+    property string help
+
+    implicitWidth: 30
+    implicitHeight: 30
+    hoverEnabled: true
+    focusPolicy: Qt.NoFocus
+    opacity: enabled ? 1 : 0.35
+
+    ToolTip.visible: hovered && help.length > 0
+    ToolTip.text: help
+    ToolTip.delay: 600
+
+    background: Rectangle {
+        radius: 7
+        color: button.pressed ? Theme.raisedFill : (button.hovered && button.enabled ? Theme.quietFill : "transparent")
+    }
+    contentItem: Icon {
+        name: button.symbol
+        size: button.symbolSize
+        color: button.symbolColor
+    }
+}

@@ -1,0 +1,210 @@
+import QtQuick
+import Vorn
+import QtQuick.Controls
+import QtQuick.Layouts
+
+// The model library sheet: the engine's model files and downloads, importing, a
+// download link, and the two generation settings.
+Item {
+    id: library
+    objectName: "libraryView"
+
+    signal dismissed()
+
+    implicitWidth: 730
+    implicitHeight: sections.implicitHeight + 56
+
+    Shortcut {
+        sequence: "Ctrl+Esc"
+        context: Qt.WindowShortcut
+        onActivated: library.dismissed()
+    }
+
+    ColumnLayout {
+        id: sections
+        anchors.fill: parent
+        anchors.margins: 28
+        spacing: 20
+
+        RowLayout {
+            Layout.fillWidth: true
+            ColumnLayout {
+                spacing: 6
+                Label {
+                    text: "Model library"
+                    font.pixelSize: 27
+                    font.weight: Font.DemiBold
+                    color: Theme.primary
+                }
+                Label {
+                    objectName: "libraryTagline"
+                    text: DisplayText.modelsStayLocal
+                    font.pixelSize: 13
+                    color: Theme.secondary
+                }
+            }
+            Item {
+                Layout.fillWidth: true
+            }
+            PushButton {
+                objectName: "doneButton"
+                Layout.alignment: Qt.AlignTop
+                text: "Done"
+                onClicked: library.dismissed()
+            }
+        }
+
+        RowLayout {
+            Layout.fillWidth: true
+            spacing: 10
+            PushButton {
+                objectName: "addModelsButton"
+                text: "Add GGUF files"
+                symbol: "plus"
+                onClicked: store.importModels()
+            }
+            PushButton {
+                objectName: "revealModelsButton"
+                text: DisplayText.revealInFileBrowser
+                symbol: "folder"
+                onClicked: store.revealModels()
+            }
+            Item {
+                Layout.fillWidth: true
+            }
+        }
+
+        ScrollView {
+            id: modelScroll
+            objectName: "modelScroll"
+            Layout.fillWidth: true
+            Layout.preferredHeight: Math.max(190, Math.min(310, entries.implicitHeight))
+            contentWidth: availableWidth
+            clip: true
+            ScrollBar.vertical.policy: ScrollBar.AlwaysOn
+            ScrollBar.horizontal.policy: ScrollBar.AlwaysOff
+
+            ColumnLayout {
+                id: entries
+                width: modelScroll.availableWidth - 14
+                spacing: 8
+
+                Label {
+                    objectName: "emptyLibraryNote"
+                    visible: store.modelList.count === 0
+                    Layout.fillWidth: true
+                    Layout.margins: 16
+                    text: "Add a GGUF model you already have, or paste its Hugging Face download link below."
+                    wrapMode: Text.Wrap
+                    font.pixelSize: 13
+                    color: Theme.secondary
+                }
+                Repeater {
+                    model: store.modelList
+                    delegate: ModelRow {
+                        Layout.fillWidth: true
+                    }
+                }
+                Repeater {
+                    model: store.downloadList
+                    delegate: DownloadRow {
+                        Layout.fillWidth: true
+                    }
+                }
+            }
+        }
+
+        Rectangle {
+            Layout.fillWidth: true
+            Layout.preferredHeight: 1
+            color: Theme.divider
+        }
+
+        Label {
+            Layout.bottomMargin: -8
+            text: "Download a model"
+            font.pixelSize: 13
+            font.weight: Font.DemiBold
+            color: Theme.primary
+        }
+
+        RowLayout {
+            Layout.fillWidth: true
+            spacing: 10
+            RoundedField {
+                id: linkField
+                objectName: "downloadLinkField"
+                Layout.fillWidth: true
+                placeholderText: "https://huggingface.co/…/model.gguf"
+            }
+            PushButton {
+                objectName: "downloadButton"
+                text: "Download"
+                enabled: linkField.text.length > 0 && store.ready
+                onClicked: store.download(linkField.text)
+            }
+        }
+
+        RowLayout {
+            objectName: "settingsRow"
+            Layout.fillWidth: true
+            enabled: !store.generating
+            spacing: 10
+
+            Label {
+                text: "Temperature"
+                font.pixelSize: 12
+                color: Theme.primary
+            }
+            Slider {
+                id: temperatureSlider
+                objectName: "temperatureSlider"
+                Layout.preferredWidth: 150
+                from: 0
+                to: 1.3
+                stepSize: 0.1
+                snapMode: Slider.SnapAlways
+                value: store.temperature
+                onMoved: store.temperature = Math.round(value * 10) / 10
+            }
+            Label {
+                objectName: "temperatureValue"
+                text: DisplayText.oneDecimal(store.temperature)
+                font.pixelSize: 12
+                color: Theme.primary
+            }
+            Item {
+                Layout.fillWidth: true
+            }
+            RowLayout {
+                Layout.preferredWidth: 190
+                Layout.fillWidth: false
+                spacing: 8
+                Label {
+                    text: "Reply limit"
+                    font.pixelSize: 12
+                    color: Theme.primary
+                }
+                ComboBox {
+                    id: limitPicker
+                    objectName: "replyLimitPicker"
+                    Layout.fillWidth: true
+                    font.pixelSize: 12
+                    model: [256, 512, 1024, 2048]
+                    displayText: String(currentValue)
+                    currentIndex: Math.max(-1, model.indexOf(store.tokenLimit))
+                    onActivated: (index) => store.tokenLimit = model[index]
+                }
+            }
+        }
+
+        Label {
+            objectName: "libraryFootnote"
+            Layout.fillWidth: true
+            text: DisplayText.historyFootnote(store.dataFolder)
+            wrapMode: Text.Wrap
+            font.pixelSize: 11
+            color: Theme.secondary
+        }
+    }
+}

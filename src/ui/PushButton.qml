@@ -1,0 +1,51 @@
+import QtQuick
+import QtQuick.Controls
+import QtQuick.Layouts
+import Vorn
+
+// A rounded text button, optionally with a symbol before the label. A prominent one is
+// drawn in ink on the accent colour.
+Button {
+    id: button
+
+    property string symbol
+    property bool prominent: false
+
+    font.pixelSize: 13
+    hoverEnabled: true
+    leftPadding: 12
+    rightPadding: 12
+    topPadding: 6
+    bottomPadding: 6
+
+    background: Rectangle {
+        implicitHeight: 30
+        radius: 7
+        opacity: button.enabled ? 1 : 0.45
+        color: button.prominent
+               ? (button.pressed ? Qt.darker(Theme.accent, 1.15) : Theme.accent)
+               : (button.pressed ? (Theme.dark ? Qt.rgba(1, 1, 1, 0.16) : Qt.rgba(0, 0, 0, 0.09))
+                                 : button.hovered ? (Theme.dark ? Qt.rgba(1, 1, 1, 0.12) : Qt.rgba(0, 0, 0, 0.06))
+                                                  : (Theme.dark ? Qt.rgba(1, 1, 1, 0.08) : Theme.system.base))
+        border.width: button.prominent ? 0 : 1
+        border.color: Theme.dark ? Qt.rgba(1, 1, 1, 0.1) : Qt.rgba(0, 0, 0, 0.14)
+    }
+
+    contentItem: RowLayout {
+        spacing: 6
+        opacity: button.enabled ? 1 : 0.45
+        Icon {
+            visible: button.symbol.length > 0
+            name: button.symbol
+            size: 16
+            color: button.prominent ? Theme.ink : Theme.primary
+        }
+        Label {
+            Layout.fillWidth: true
+            horizontalAlignment: Text.AlignHCenter
+            text: button.text
+            font: button.font
+            color: button.prominent ? Theme.ink : Theme.primary
+        }
+    }
+}

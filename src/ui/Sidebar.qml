@@ -1,0 +1,177 @@
+import QtQuick
+import Vorn
+import QtQuick.Controls
+import QtQuick.Layouts
+
+// Branding, new conversation, search, the conversation list, the library entry, the
+// engine indicator and the appearance switch.
+Rectangle {
+    id: sidebar
+    objectName: "sidebar"
+
+    property alias search: searchField.text
+
+    color: Theme.sidebarBackground
+
+    ColumnLayout {
+        anchors.fill: parent
+        anchors.margins: 20
+        spacing: 14
+
+        RowLayout {
+            objectName: "branding"
+            // Room for the window buttons that macOS draws inside the title bar.
+            Layout.topMargin: DisplayText.mac ? 28 : 4
+            spacing: 11
+
+            AppIcon {
+                Layout.preferredWidth: 36
+                Layout.preferredHeight: 36
+            }
+            ColumnLayout {
+                spacing: 1
+                Label {
+                    text: "Vorn"
+                    font.pixelSize: 24
+                    font.weight: Font.DemiBold
+                    color: Theme.primary
+                }
+                Label {
+                    text: "On your instrument."
+                    font.pixelSize: 11
+                    color: Theme.secondary
+                }
+            }
+        }
+
+        AbstractButton {
+            id: newConversation
+            objectName: "newConversationButton"
+            Layout.fillWidth: true
+            Layout.topMargin: 6
+            enabled: !store.generating
+            hoverEnabled: true
+            padding: 10
+            opacity: enabled ? 1 : 0.45
+            onClicked: store.newChat()
+
+            background: Rectangle {
+                radius: 9
+                color: Theme.raisedFill
+                Rectangle {
+                    anchors.fill: parent
+                    radius: 9
+                    color: Theme.quietFill
+                    visible: newConversation.hovered && newConversation.enabled
+                }
+            }
+            contentItem: RowLayout {
+                spacing: 8
+                Icon {
+                    name: "square.and.pencil"
+                    size: 17
+                }
+                Label {
+                    Layout.fillWidth: true
+                    text: "New conversation"
+                    font.pixelSize: 13
+                    font.weight: Font.Medium
+                    color: Theme.primary
+                }
+            }
+        }
+
+        RoundedField {
+            id: searchField
+            objectName: "searchField"
+            Layout.fillWidth: true
+            placeholderText: "Search conversations"
+        }
+
+        Label {
+            Layout.topMargin: 4
+            text: "CONVERSATIONS"
+            font.pixelSize: 10
+            font.weight: Font.DemiBold
+            font.letterSpacing: 1.5
+            color: Theme.secondary
+        }
+
+        ListView {
+            id: conversations
+            objectName: "conversationList"
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+            Layout.topMargin: -6
+            clip: true
+            spacing: 2
+            boundsBehavior: Flickable.StopAtBounds
+            model: ConversationFilter {
+                objectName: "conversationFilter"
+                engineStore: store
+                search: searchField.text
+            }
+            delegate: ConversationRow {
+                width: conversations.width - 8
+            }
+            ScrollBar.vertical: ScrollBar {
+                policy: ScrollBar.AsNeeded
+            }
+        }
+
+        AbstractButton {
+            id: libraryButton
+            objectName: "sidebarLibraryButton"
+            Layout.fillWidth: true
+            hoverEnabled: true
+            padding: 12
+            onClicked: store.showLibrary = true
+
+            background: Rectangle {
+                radius: 10
+                color: libraryButton.hovered ? Theme.raisedFill : Theme.quietFill
+            }
+            contentItem: RowLayout {
+                spacing: 8
+                Icon {
+                    name: "square.stack.3d.up"
+                    size: 17
+                }
+                Label {
+                    Layout.fillWidth: true
+                    text: "Model library"
+                    font.pixelSize: 13
+                    color: Theme.primary
+                }
+                Label {
+                    objectName: "libraryCount"
+                    text: String(store.modelList.modelCount)
+                    font.pixelSize: 13
+                    color: Theme.secondary
+                }
+            }
+        }
+
+        RowLayout {
+            objectName: "engineIndicator"
+            spacing: 7
+            Rectangle {
+                objectName: "engineDot"
+                width: 6
+                height: 6
+                radius: 3
+                color: store.ready ? Theme.accent : Theme.orange
+            }
+            Label {
+                objectName: "engineText"
+                text: store.ready ? "Private · local engine" : "Starting engine…"
+                font.pixelSize: 11
+                color: Theme.secondary
+            }
+        }
+
+        AppearanceSwitch {
+            Layout.fillWidth: true
+        }
+    }
+}

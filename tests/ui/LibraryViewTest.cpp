@@ -1,0 +1,364 @@
+// The model library sheet.
+#include "ScriptedFileChooser.h"
+#include "ViewHarness.h"
+#include "model/PlatformWords.h"
+
+#include <QApplication>
+#include <QSettings>
+#include <QtTest>
+
+class LibraryViewTest : public QObject {
+    Q_OBJECT
+
+private:
+    static void open(ViewHarness &view)
+    {
+        view.store().setShowLibrary(true);
+        QVERIFY(view.waitFor([&] { return view.item("libraryView") && ViewHarness::shown(view.item("libraryView")); }));
+    }
+
+    static QStringList names(ViewHarness &view, const QString &rowName, const QString &labelName)
+    {
+        QStringList found;
+        for (QQuickItem *row : view.visibleItems(rowName)) {
+            QList<QQuickItem *> labels;
+            for (QQuickItem *label : row->findChildren<QQuickItem *>(labelName))
+                labels.append(label);
+            found.append(labels.isEmpty() ? QString() : ViewHarness::text(labels.first()));
+        }
+        return found;
+    }
+
+    static QQuickItem *child(QQuickItem *row, const QString &name)
+    {
+        return row ? row->findChild<QQuickItem *>(name) : nullptr;
+    }
+
+    static QByteArray threeModels()
+    {
+        return "[" + ViewHarness::modelJson("alpha.gguf", 4'200'000'000) + ","
+            + ViewHarness::modelJson("vision.gguf", 1'500'000) + ","
+            + ViewHarness::modelJson("vision-mmproj.gguf", 600'000, true) + "]";
+    }
+
+private slots:
+    void init() { ViewHarness::resetSettings(); }
+
+    void withoutEngineStatusOnlyTheNoteShows()
+    {
+        ViewHarness view(QByteArray{});
+        open(view);
+        QVERIFY(ViewHarness::shown(view.item("emptyLibraryNote")));
+        QCOMPARE(ViewHarness::text(view.item("emptyLibraryNote")),
+                 QStringLiteral("Add a GGUF model you already have, or paste its Hugging Face download link below."));
+        QVERIFY(view.visibleItems("modelRow").isEmpty());
+        QVERIFY(view.visibleItems("downloadRow").isEmpty());
+        // Not ready yet: Download stays off even with a link.
+        view.typeInto(view.item("downloadLinkField"), QStringLiteral("https://huggingface.co/a/b/resolve/main/c.gguf"));
+        QVERIFY(!view.item("downloadButton")->isEnabled());
+        QVERIFY(view.item("settingsRow")->isEnabled());
+    }
+
+    void emptyModelsWithADownloadShowTheNoteThenTheDownload()
+    {
+        ViewHarness view(FakeEngine::stateJson({}, false, "[]", "[" + ViewHarness::downloadJson("big.gguf", 500, 1000) + "]"));
+        QVERIFY(view.refresh());
+        open(view);
+        QQuickItem *note = view.item("emptyLibraryNote");
+        QVERIFY(ViewHarness::shown(note));
+        const QList<QQuickItem *> downloads = view.visibleItems("downloadRow");
+        QCOMPARE(downloads.size(), 1);
+        QVERIFY(downloads.first()->mapToScene({0, 0}).y() > note->mapToScene({0, 0}).y());
+        QCOMPARE(ViewHarness::text(child(downloads.first(), "downloadName")), QStringLiteral("big.gguf"));
+        QCOMPARE(child(downloads.first(), "downloadProgress")->property("value").toDouble(), 0.5);
+        QCOMPARE(ViewHarness::text(child(downloads.first(), "downloadReceived")), QStringLiteral("500 bytes downloaded"));
+    }
+
+    void aDownloadWithNoTotalShowsAnEmptyBar()
+    {
+        ViewHarness view(FakeEngine::stateJson({}, false, "[" + ViewHarness::modelJson("a.gguf", 10) + "]",
+                                               "[" + ViewHarness::downloadJson("next.gguf", 300, 0) + "]"));
+        QVERIFY(view.refresh());
+        open(view);
+        QVERIFY(!ViewHarness::shown(view.item("emptyLibraryNote")));
+        const QList<QQuickItem *> downloads = view.visibleItems("downloadRow");
+        QCOMPARE(downloads.size(), 1);
+        QCOMPARE(child(downloads.first(), "downloadProgress")->property("value").toDouble(), 0.0);
+        // Download rows come after the model rows.
+        QVERIFY(downloads.first()->mapToScene({0, 0}).y() > view.visibleItems("modelRow").first()->mapToScene({0, 0}).y());
+    }
+
+    void rowsFollowTheEngineOrderAndNameLoadedAsUnload()
+    {
+        ViewHarness view(FakeEngine::stateJson("alpha.gguf", false, threeModels()));
+        view.fake().route("POST", "/api/unload", FakeResponse::json(200, "{}"));
+        QVERIFY(view.refresh());
+        open(view);
+        QCOMPARE(names(view, "modelRow", "modelName"), (QStringList{"alpha.gguf", "vision.gguf", "vision-mmproj.gguf"}));
+        const QList<QQuickItem *> rows = view.visibleItems("modelRow");
+        QCOMPARE(ViewHarness::text(child(rows.at(0), "modelActionButton")), QStringLiteral("Unload"));
+        QCOMPARE(ViewHarness::text(child(rows.at(1), "modelActionButton")), QStringLiteral("Load"));
+        QCOMPARE(ViewHarness::text(child(rows.at(0), "modelSize")), QStringLiteral("4.2 GB"));
+
+        view.setEngineState(FakeEngine::stateJson({}, false, threeModels()));
+        view.click(child(rows.at(0), "modelActionButton"));
+        QVERIFY(view.waitFor([&] { return view.fake().countOf("/api/unload") == 1; }));
+        QVERIFY(view.waitFor([&] {
+            const auto current = view.visibleItems("modelRow");
+            return !current.isEmpty() && ViewHarness::text(child(current.first(), "modelActionButton")) == QStringLiteral("Load");
+        }));
+    }
+
+    void loadButtonAsksForThatModel()
+    {
+        ViewHarness view(FakeEngine::stateJson({}, false, threeModels()));
+        view.fake().route("POST", "/api/load", FakeResponse::json(200, "{}"));
+        QVERIFY(view.refresh());
+        open(view);
+        view.click(child(view.visibleItems("modelRow").at(1), "modelActionButton"));
+        QVERIFY(view.waitFor([&] { return view.fake().countOf("/api/load") == 1; }));
+        QCOMPARE(view.fake().requestsTo("/api/load").first().json().value("name").toString(), QStringLiteral("vision.gguf"));
+    }
+
+    void aProjectorHasItsIconItsNoteAndNoButton()
+    {
+        ViewHarness view(FakeEngine::stateJson({}, false, threeModels()));
+        QVERIFY(view.refresh());
+        open(view);
+        QQuickItem *projector = view.visibleItems("modelRow").at(2);
+        QCOMPARE(child(projector, "modelIcon")->property("symbol").toString(), QStringLiteral("photo.stack"));
+        QCOMPARE(child(view.visibleItems("modelRow").at(0), "modelIcon")->property("symbol").toString(), QStringLiteral("cube"));
+        QCOMPARE(ViewHarness::text(child(projector, "modelSize")), QString::fromUtf8("600 KB \u00b7 image projector"));
+        QVERIFY(!ViewHarness::shown(child(projector, "modelActionButton")));
+    }
+
+    void sizeZeroDisablesLoadButANegativeSizeDoesNot()
+    {
+        ViewHarness view(FakeEngine::stateJson({}, false, "[" + ViewHarness::modelJson("gone.gguf", 0) + ","
+                                                   + ViewHarness::modelJson("odd.gguf", -1) + "]"));
+        QVERIFY(view.refresh());
+        open(view);
+        const QList<QQuickItem *> rows = view.visibleItems("modelRow");
+        QCOMPARE(ViewHarness::text(child(rows.at(0), "modelSize")), QStringLiteral("Source file missing"));
+        QCOMPARE(ViewHarness::text(child(rows.at(1), "modelSize")), QStringLiteral("Source file missing"));
+        QCOMPARE(ViewHarness::text(child(rows.at(0), "modelActionButton")), QStringLiteral("Load"));
+        QVERIFY(!child(rows.at(0), "modelActionButton")->isEnabled());
+        QVERIFY(child(rows.at(1), "modelActionButton")->isEnabled());
+    }
+
+    void generatingDisablesRowsAndSettingsButNotDownloadOrImport()
+    {
+        ViewHarness view(FakeEngine::stateJson("alpha.gguf", false, threeModels()));
+        QVERIFY(view.refresh());
+        FakeResponse endless;
+        endless.neverAnswer = true;
+        view.fake().route("POST", "/v1/chat/completions", endless);
+        view.store().setPrompt(QStringLiteral("Hi"));
+        view.store().send();
+        QVERIFY(view.waitFor([&] { return view.store().generating(); }));
+        open(view);
+        view.typeInto(view.item("downloadLinkField"), QStringLiteral("x"));
+        for (QQuickItem *row : view.visibleItems("modelRow"))
+            QVERIFY(!row->isEnabled());
+        QVERIFY(!view.item("settingsRow")->isEnabled());
+        QVERIFY(view.item("downloadButton")->isEnabled());
+        QVERIFY(view.item("addModelsButton")->isEnabled());
+        QVERIFY(view.item("revealModelsButton")->isEnabled());
+        QVERIFY(view.item("doneButton")->isEnabled());
+        view.store().stop();
+        QVERIFY(view.waitFor([&] { return !view.store().generating(); }));
+    }
+
+    void loadingDisablesRowsButNotSettings()
+    {
+        ViewHarness view(FakeEngine::stateJson({}, false, threeModels()));
+        QVERIFY(view.refresh());
+        open(view);
+        view.store().setLoading(true);
+        view.settle();
+        for (QQuickItem *row : view.visibleItems("modelRow"))
+            QVERIFY(!row->isEnabled());
+        QVERIFY(view.item("settingsRow")->isEnabled());
+        view.store().setLoading(false);
+        view.settle();
+        QVERIFY(view.visibleItems("modelRow").first()->isEnabled());
+    }
+
+    void spacesEnableDownloadAndAreRefusedWithoutBeingCleared()
+    {
+        ViewHarness view;
+        QVERIFY(view.refresh());
+        open(view);
+        QVERIFY(!view.item("downloadButton")->isEnabled());
+        QCOMPARE(view.item("downloadLinkField")->property("placeholderText").toString(),
+                 QString::fromUtf8("https://huggingface.co/\u2026/model.gguf"));
+        view.typeInto(view.item("downloadLinkField"), QStringLiteral("   "));
+        QVERIFY(view.item("downloadButton")->isEnabled());
+        // Return in the field does nothing.
+        view.key(Qt::Key_Return);
+        QVERIFY(!view.store().error());
+        view.click(view.item("downloadButton"));
+        QCOMPARE(view.store().error().value_or(QString()),
+                 QStringLiteral("Enter an HTTPS Hugging Face download link ending in .gguf."));
+        QCOMPARE(view.item("downloadLinkField")->property("text").toString(), QStringLiteral("   "));
+        QCOMPARE(view.fake().countOf("/api/pull"), 0);
+    }
+
+    void aGoodLinkIsSentAsTypedAndKept()
+    {
+        ViewHarness view;
+        view.fake().route("POST", "/api/pull", FakeResponse::json(200, "{}"));
+        QVERIFY(view.refresh());
+        open(view);
+        const QString link = QStringLiteral("https://huggingface.co/org/repo/resolve/main/tiny.gguf");
+        view.typeInto(view.item("downloadLinkField"), link);
+        view.click(view.item("downloadButton"));
+        QVERIFY(view.waitFor([&] { return view.fake().countOf("/api/pull") == 1; }));
+        QCOMPARE(view.item("downloadLinkField")->property("text").toString(), link);
+    }
+
+    void temperatureStartsAt07AndMovesInTenths()
+    {
+        ViewHarness view;
+        open(view);
+        QCOMPARE(ViewHarness::text(view.item("temperatureValue")), QStringLiteral("0.7"));
+        QQuickItem *slider = view.item("temperatureSlider");
+        QCOMPARE(slider->property("from").toDouble(), 0.0);
+        QCOMPARE(slider->property("to").toDouble(), 1.3);
+        QCOMPARE(slider->property("stepSize").toDouble(), 0.1);
+        slider->forceActiveFocus();
+        view.key(Qt::Key_Right);
+        QCOMPARE(view.store().temperature(), 0.8);
+        QCOMPARE(ViewHarness::text(view.item("temperatureValue")), QStringLiteral("0.8"));
+        for (int step = 0; step < 10; ++step)
+            view.key(Qt::Key_Right);
+        QCOMPARE(view.store().temperature(), 1.3);
+        QCOMPARE(ViewHarness::text(view.item("temperatureValue")), QStringLiteral("1.3"));
+        for (int step = 0; step < 20; ++step)
+            view.key(Qt::Key_Left);
+        QCOMPARE(view.store().temperature(), 0.0);
+        QCOMPARE(ViewHarness::text(view.item("temperatureValue")), QStringLiteral("0.0"));
+    }
+
+    void replyLimitOffersFourChoices()
+    {
+        ViewHarness view;
+        open(view);
+        QQuickItem *picker = view.item("replyLimitPicker");
+        QCOMPARE(picker->property("count").toInt(), 4);
+        QCOMPARE(picker->property("displayText").toString(), QStringLiteral("512"));
+        const QVariantList choices = picker->property("model").toList();
+        QCOMPARE(choices, (QVariantList{256, 512, 1024, 2048}));
+        QVERIFY(QMetaObject::invokeMethod(picker, "activated", Q_ARG(int, 2)));
+        view.settle();
+        QCOMPARE(view.store().tokenLimit(), 1024);
+        view.store().setTokenLimit(256);
+        view.settle();
+        QCOMPARE(picker->property("displayText").toString(), QStringLiteral("256"));
+    }
+
+    void platformTextsAndTheRealDataFolder()
+    {
+        ViewHarness view;
+        open(view);
+        QCOMPARE(ViewHarness::text(view.item("libraryTagline")), PlatformWords::modelsStayLocal());
+        QCOMPARE(view.item("revealModelsButton")->property("text").toString(), PlatformWords::revealInFileBrowser());
+        const QString footnote = ViewHarness::text(view.item("libraryFootnote"));
+        QCOMPARE(footnote, PlatformWords::historyFootnote(view.store().dataFolder()));
+        QVERIFY(footnote.startsWith(QStringLiteral("Use a compatible GGUF model. For images, add its matching projector too.")));
+        QVERIFY(footnote.contains(QStringLiteral("~/")));
+    }
+
+    void importButtonAsksForFiles()
+    {
+        ViewHarness view;
+        auto chooser = std::make_shared<ScriptedFileChooser>();
+        view.store().setFileChooser(chooser);
+        open(view);
+        view.click(view.item("addModelsButton"));
+        QCOMPARE(chooser->openRequests.size(), 1);
+        QCOMPARE(chooser->openRequests.first().kind, FileChooser::Kind::Models);
+    }
+
+    void doneAndCtrlEscapeCloseButPlainEscapeDoesNot()
+    {
+        ViewHarness view;
+        open(view);
+        view.key(Qt::Key_Escape);
+        QVERIFY(view.store().showLibrary());
+        view.click(view.item("doneButton"));
+        QVERIFY(!view.store().showLibrary());
+        QVERIFY(view.waitFor([&] { return !view.object("librarySheet")->property("visible").toBool(); }));
+
+        open(view);
+        view.key(Qt::Key_Escape, Qt::ControlModifier);
+        QVERIFY(!view.store().showLibrary());
+    }
+
+    void aNewSheetStartsWithAnEmptyLinkField()
+    {
+        ViewHarness view;
+        open(view);
+        view.typeInto(view.item("downloadLinkField"), QStringLiteral("left over"));
+        view.click(view.item("doneButton"));
+        QVERIFY(view.waitFor([&] { return !view.object("librarySheet")->property("visible").toBool(); }));
+        open(view);
+        QCOMPARE(view.item("downloadLinkField")->property("text").toString(), QString());
+    }
+
+    void openedFromWelcomeHeaderAndSidebar()
+    {
+        ViewHarness view;
+        for (const char *opener : {"openLibraryButton", "headerLibraryButton", "sidebarLibraryButton"}) {
+            view.click(view.item(QLatin1String(opener)));
+            QVERIFY2(view.store().showLibrary(), opener);
+            QVERIFY(view.waitFor([&] { return view.object("librarySheet")->property("visible").toBool(); }));
+            view.click(view.item("doneButton"));
+            QVERIFY(view.waitFor([&] { return !view.object("librarySheet")->property("visible").toBool(); }));
+        }
+    }
+
+    void sheetFollowsTheAppearanceSetting()
+    {
+        const QColor dark = QColor::fromRgbF(0.07f, 0.09f, 0.12f);
+        for (const QVariant &stored : {QVariant(), QVariant("light"), QVariant("sepia"), QVariant("dark")}) {
+            ViewHarness::resetSettings();
+            if (stored.isValid())
+                QSettings().setValue("appearance", stored);
+            ViewHarness view;
+            open(view);
+            QObject *sheet = view.object("librarySheet");
+            auto *background = sheet->property("background").value<QQuickItem *>();
+            QVERIFY(background);
+            const bool isDark = background->property("color").value<QColor>() == dark;
+            QCOMPARE(isDark, stored.toString() == QStringLiteral("dark"));
+        }
+    }
+
+    void screenshots()
+    {
+        const QByteArray models = threeModels();
+        const QByteArray downloads = "[" + ViewHarness::downloadJson("qwen2.5-1.5b-instruct-q4_k_m.gguf", 412'000'000, 1'120'000'000) + "]";
+        ViewHarness view(FakeEngine::stateJson("alpha.gguf", false, models, downloads));
+        QVERIFY(view.refresh());
+        open(view);
+        view.saveScreenshot(QStringLiteral("library-light"));
+        view.click(view.item("doneButton"));
+        view.settle();
+        QSettings().setValue("appearance", "dark");
+        ViewHarness darkView(FakeEngine::stateJson("alpha.gguf", false, models, downloads));
+        QVERIFY(darkView.refresh());
+        open(darkView);
+        darkView.saveScreenshot(QStringLiteral("library-dark"));
+    }
+};
+
+int main(int argc, char *argv[])
+{
+    ViewHarness::prepareProcess();
+    QApplication application(argc, argv);
+    LibraryViewTest test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "LibraryViewTest.moc"

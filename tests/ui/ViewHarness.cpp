@@ -1,0 +1,230 @@
+#include "ViewHarness.h"
+
+#include "ViewSetup.h"
+
+#include <QCoreApplication>
+#include "model/HistoryFile.h"
+
+#include <QDir>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QKeyEvent>
+#include <QQmlContext>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QtTest>
+
+void ViewHarness::prepareProcess()
+{
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
+    QCoreApplication::setOrganizationName(QStringLiteral("Vorn"));
+    QCoreApplication::setApplicationName(QStringLiteral("Vorn"));
+    // Settings are located once per process, so they get one folder for the whole run.
+    static QTemporaryDir settingsFolder;
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, settingsFolder.path());
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, settingsFolder.path());
+    ViewSetup::prepareApplication();
+}
+
+void ViewHarness::resetSettings()
+{
+    QSettings settings;
+    settings.clear();
+    settings.sync();
+}
+
+QByteArray ViewHarness::delta(const QString &content)
+{
+    const QJsonObject event{{"choices", QJsonArray{QJsonObject{{"delta", QJsonObject{{"content", content}}}}}}};
+    return "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
+}
+
+QByteArray ViewHarness::modelJson(const QString &name, qint64 size, bool projector)
+{
+    const QJsonObject model{{"name", name}, {"size", size}, {"projector", projector}};
+    return QJsonDocument(model).toJson(QJsonDocument::Compact);
+}
+
+QByteArray ViewHarness::downloadJson(const QString &name, qint64 bytes, qint64 total)
+{
+    const QJsonObject download{{"name", name}, {"bytes", bytes}, {"total", total}};
+    return QJsonDocument(download).toJson(QJsonDocument::Compact);
+}
+
+Conversation ViewHarness::conversation(const QString &title, const QStringList &texts)
+{
+    Conversation conversation;
+    conversation.title = title;
+    for (int index = 0; index < texts.size(); ++index) {
+        ChatMessage message;
+        message.role = index % 2 == 0 ? QStringLiteral("user") : QStringLiteral("assistant");
+        message.text = texts.at(index);
+        conversation.messages.append(message);
+    }
+    return conversation;
+}
+
+ViewHarness::ViewHarness(const QByteArray &stateJson, const QList<Conversation> &history)
+{
+    if (!history.isEmpty()) {
+        HistoryFile::prepareFolder(m_home.dataFolder());
+        if (!HistoryFile::save(m_home.historyFile(), history))
+            qFatal("The history could not be written");
+    }
+    if (!m_fake.listen())
+        qFatal("The fake engine could not listen");
+    if (!stateJson.isEmpty())
+        m_fake.setState(stateJson);
+    m_store = std::make_unique<EngineStore>();
+    m_store->connectForTesting(m_fake.baseURL());
+
+    m_engine = std::make_unique<QQmlApplicationEngine>();
+    ViewSetup::prepareEngine(*m_engine);
+    m_engine->rootContext()->setContextProperty(QStringLiteral("shell"), nullptr);
+    m_engine->rootContext()->setContextProperty(QStringLiteral("store"), m_store.get());
+    m_engine->load(ViewSetup::mainWindowURL());
+    if (m_engine->rootObjects().isEmpty())
+        qFatal("The main window did not load");
+    m_window = qobject_cast<QQuickWindow *>(m_engine->rootObjects().first());
+    m_window->show();
+    if (!QTest::qWaitForWindowExposed(m_window))
+        qFatal("The main window was not exposed");
+    settle();
+}
+
+ViewHarness::~ViewHarness()
+{
+    m_engine.reset();
+    m_store.reset();
+}
+
+bool ViewHarness::refresh()
+{
+    bool finished = false;
+    bool applied = false;
+    m_store->refresh([&](bool ok) {
+        finished = true;
+        applied = ok;
+    });
+    if (!QTest::qWaitFor([&] { return finished; }, 5000))
+        return false;
+    settle();
+    return applied;
+}
+
+void ViewHarness::setEngineState(const QByteArray &stateJson)
+{
+    m_fake.setState(stateJson);
+}
+
+namespace {
+
+void collect(QQuickItem *item, const QString &name, QList<QQuickItem *> &found)
+{
+    if (!item)
+        return;
+    if (item->objectName() == name)
+        found.append(item);
+    for (QQuickItem *child : item->childItems())
+        collect(child, name, found);
+}
+
+} // namespace
+
+QObject *ViewHarness::object(const QString &objectName) const
+{
+    if (QQuickItem *found = item(objectName))
+        return found;
+    return m_window->findChild<QObject *>(objectName);
+}
+
+QQuickItem *ViewHarness::item(const QString &objectName) const
+{
+    const QList<QQuickItem *> found = items(objectName);
+    return found.isEmpty() ? nullptr : found.first();
+}
+
+QList<QQuickItem *> ViewHarness::items(const QString &objectName) const
+{
+    QList<QQuickItem *> found;
+    collect(m_window->contentItem(), objectName, found);
+    return found;
+}
+
+QList<QQuickItem *> ViewHarness::visibleItems(const QString &objectName) const
+{
+    QList<QQuickItem *> found;
+    for (QQuickItem *item : items(objectName)) {
+        if (shown(item))
+            found.append(item);
+    }
+    return found;
+}
+
+bool ViewHarness::shown(const QQuickItem *item)
+{
+    return item && item->isVisible() && item->opacity() > 0;
+}
+
+QString ViewHarness::text(const QQuickItem *item)
+{
+    return item ? item->property("text").toString() : QString();
+}
+
+void ViewHarness::click(QQuickItem *item)
+{
+    QVERIFY2(item, "no item to click");
+    const QPointF center = item->mapToScene(QPointF(item->width() / 2, item->height() / 2));
+    QTest::mouseClick(m_window, Qt::LeftButton, Qt::NoModifier, center.toPoint());
+    settle();
+}
+
+void ViewHarness::typeInto(QQuickItem *field, const QString &text)
+{
+    QVERIFY2(field, "no field to type into");
+    field->forceActiveFocus();
+    for (const QChar character : text) {
+        const int code = character == QLatin1Char('\n') ? Qt::Key_Return : character.toUpper().unicode();
+        const QString typed = character == QLatin1Char('\n') ? QString() : QString(character);
+        QKeyEvent press(QEvent::KeyPress, code, Qt::NoModifier, typed);
+        QKeyEvent release(QEvent::KeyRelease, code, Qt::NoModifier, typed);
+        QCoreApplication::sendEvent(m_window, &press);
+        QCoreApplication::sendEvent(m_window, &release);
+    }
+    settle();
+}
+
+void ViewHarness::key(int key, Qt::KeyboardModifiers modifiers)
+{
+    QTest::keyClick(m_window, static_cast<Qt::Key>(key), modifiers);
+    settle();
+}
+
+void ViewHarness::settle()
+{
+    QCoreApplication::processEvents();
+    QTest::qWait(30);
+    QCoreApplication::processEvents();
+}
+
+bool ViewHarness::waitFor(const std::function<bool()> &condition, int timeoutMs)
+{
+    const bool met = QTest::qWaitFor(condition, timeoutMs);
+    settle();
+    return met;
+}
+
+QImage ViewHarness::grab()
+{
+    settle();
+    return m_window->grabWindow();
+}
+
+void ViewHarness::saveScreenshot(const QString &name)
+{
+    const QString folder = QStringLiteral(VORN_SCREENSHOT_DIR);
+    QDir().mkpath(folder);
+    grab().save(QDir(folder).filePath(name + QStringLiteral(".png")), "PNG", 9);
+}
