@@ -618,3 +618,54 @@ fn overflowing_conversation_keeps_a_stable_cut() {
         "{cached_after_overflow:?}"
     );
 }
+
+#[test]
+fn mutated_model_files_never_crash_the_engine() {
+    let dir = temp_dir("mutated");
+    let e = Engine::start(&dir);
+    let original = std::fs::read(shared_models().join("stories260K.gguf")).unwrap();
+    let mut x: u64 = 0x2545_f491_4f6c_dd1d;
+    let mut next = move || {
+        x ^= x << 13;
+        x ^= x >> 7;
+        x ^= x << 17;
+        x
+    };
+    // A vocabulary with a duplicated token makes llama.cpp abort outright.
+    let mut dup = original.clone();
+    let needle = [&6u64.to_le_bytes()[..], b"<0x01>"].concat();
+    let at = dup.windows(needle.len()).position(|w| w == needle.as_slice()).expect("byte tokens") + 8;
+    dup[at..at + 6].copy_from_slice(b"<0x00>");
+    std::fs::write(dir.join("dup.gguf"), &dup).unwrap();
+    let r = e.api("POST", "/api/load", Some(r#"{"name":"dup.gguf","gpu":false,"ctx":256}"#));
+    assert_eq!(r.status, 500, "{}", r.text());
+    assert!(r.error().contains("dup.gguf"));
+
+    let mut refused = 0;
+    for i in 0..40 {
+        let mut bytes = original.clone();
+        for _ in 0..1 + next() % 4 {
+            // Mostly the header and vocabulary, where llama.cpp trusts the file.
+            let at = (next() % 60_000) as usize;
+            bytes[at] = next() as u8;
+        }
+        let name = format!("m{i}.gguf");
+        std::fs::write(dir.join(&name), &bytes).unwrap();
+        let r = e.api("POST", "/api/load", Some(&json!({"name": name, "gpu": false, "ctx": 256}).to_string()));
+        match r.status {
+            200 => {
+                let c = e.chat(&json!({"messages": [user("Hi")], "max_tokens": 3}));
+                assert!(c.status == 200 || c.status == 500, "{}", c.text());
+            }
+            500 => {
+                refused += 1;
+                assert!(r.error().contains(&name));
+            }
+            other => panic!("unexpected {other}: {}", r.text()),
+        }
+        std::fs::remove_file(dir.join(&name)).unwrap();
+    }
+    assert!(refused > 0);
+    // Still alive and answering.
+    assert_eq!(e.state()["version"], env!("CARGO_PKG_VERSION"));
+}
