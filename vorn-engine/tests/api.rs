@@ -634,10 +634,18 @@ fn mutated_model_files_never_crash_the_engine() {
     // A vocabulary with a duplicated token makes llama.cpp abort outright.
     let mut dup = original.clone();
     let needle = [&6u64.to_le_bytes()[..], b"<0x01>"].concat();
-    let at = dup.windows(needle.len()).position(|w| w == needle.as_slice()).expect("byte tokens") + 8;
+    let at = dup
+        .windows(needle.len())
+        .position(|w| w == needle.as_slice())
+        .expect("byte tokens")
+        + 8;
     dup[at..at + 6].copy_from_slice(b"<0x00>");
     std::fs::write(dir.join("dup.gguf"), &dup).unwrap();
-    let r = e.api("POST", "/api/load", Some(r#"{"name":"dup.gguf","gpu":false,"ctx":256}"#));
+    let r = e.api(
+        "POST",
+        "/api/load",
+        Some(r#"{"name":"dup.gguf","gpu":false,"ctx":256}"#),
+    );
     assert_eq!(r.status, 500, "{}", r.text());
     assert!(r.error().contains("dup.gguf"));
 
@@ -651,7 +659,11 @@ fn mutated_model_files_never_crash_the_engine() {
         }
         let name = format!("m{i}.gguf");
         std::fs::write(dir.join(&name), &bytes).unwrap();
-        let r = e.api("POST", "/api/load", Some(&json!({"name": name, "gpu": false, "ctx": 256}).to_string()));
+        let r = e.api(
+            "POST",
+            "/api/load",
+            Some(&json!({"name": name, "gpu": false, "ctx": 256}).to_string()),
+        );
         match r.status {
             200 => {
                 let c = e.chat(&json!({"messages": [user("Hi")], "max_tokens": 3}));
