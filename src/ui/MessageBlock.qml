@@ -16,10 +16,52 @@ Rectangle {
     required property bool hasImage
     required property bool isUser
 
+    // What the text view holds. While a reply streams, new text is taken in every 32 ms
+    // at most and appended, so a fast engine costs one small layout per batch of tokens
+    // rather than a layout of the whole reply per token. The stored text is untouched
+    // and the last batch always arrives.
+    property string shownText
+
+    function showText() {
+        const full = block.text
+        if (shownText.length > 0 && full.length > shownText.length && full.startsWith(shownText))
+            body.insert(body.length, full.substring(shownText.length))
+        else if (full !== shownText)
+            body.text = full
+        shownText = full
+    }
+
     objectName: "messageBlock"
     implicitHeight: column.implicitHeight + 40
     radius: 14
     color: isUser ? Theme.raisedFill : "transparent"
+
+    Component.onCompleted: showText()
+    onTextChanged: {
+        if (store.generating && shownText.length > 0 && text.startsWith(shownText)) {
+            if (!batch.running)
+                batch.start()
+        } else {
+            batch.stop()
+            showText()
+        }
+    }
+
+    Timer {
+        id: batch
+        interval: 32
+        onTriggered: block.showText()
+    }
+
+    Connections {
+        target: store
+        function onGeneratingChanged() {
+            if (!store.generating) {
+                batch.stop()
+                block.showText()
+            }
+        }
+    }
 
     ColumnLayout {
         id: column
@@ -75,7 +117,6 @@ Rectangle {
             objectName: "messageText"
             visible: !(block.text.length === 0 && store.generating)
             Layout.fillWidth: true
-            text: block.text
             textFormat: TextEdit.PlainText
             readOnly: true
             selectByMouse: true

@@ -1,0 +1,116 @@
+// Streams a reply at about 1,000 tokens a second from the fake engine into the real
+// window (offscreen) and reports frame intervals, how late a 10 ms timer ran (how well
+// the window keeps answering), and whether any text was lost on the way to the screen.
+#include "ViewHarness.h"
+
+#include <QApplication>
+#include <QElapsedTimer>
+#include <QTimer>
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+struct Figures {
+    double median = 0;
+    double p95 = 0;
+    double worst = 0;
+};
+
+Figures summarize(QList<double> values)
+{
+    Figures figures;
+    if (values.isEmpty())
+        return figures;
+    std::sort(values.begin(), values.end());
+    figures.median = values.at(values.size() / 2);
+    figures.p95 = values.at(std::min<qsizetype>(values.size() - 1, values.size() * 95 / 100));
+    figures.worst = values.last();
+    return figures;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    ViewHarness::prepareProcess();
+    QApplication application(argc, argv);
+    const int tokens = argc > 1 ? QByteArray(argv[1]).toInt() : 4000;
+    // "hidden": the same run with the window hidden, to tell drawing from the rest.
+    const bool hidden = argc > 2 && QByteArray(argv[2]) == "hidden";
+    // Tokens go out in small bursts (one event per token inside a burst) every
+    // burstMs. The fake engine paces bursts on the same thread as the window, so a
+    // nominal 10 ms comes out near 16 ms; 20 tokens a burst lands close to 1,000 a second.
+    // The rate actually reached is printed.
+    const int burstMs = argc > 3 ? QByteArray(argv[3]).toInt() : 10;
+    const int tokensPerBurst = argc > 4 ? QByteArray(argv[4]).toInt() : 20;
+
+    ViewHarness view(FakeEngine::stateJson(QStringLiteral("bench.gguf")));
+    if (!view.refresh()) {
+        std::fprintf(stderr, "stream_bench: the fake engine did not answer\n");
+        return 1;
+    }
+
+    if (hidden)
+        view.window()->hide();
+
+    QList<QByteArray> lines;
+    QString expected;
+    for (int index = 0; index < tokens; ++index) {
+        const QString token = (index % 17 == 16) ? QStringLiteral("word%1.\n").arg(index) : QStringLiteral("word%1 ").arg(index);
+        expected += token;
+        if (index % tokensPerBurst == 0)
+            lines.append(QByteArray());
+        lines.last() += ViewHarness::delta(token);
+    }
+    lines.append("data: [DONE]\n\n");
+    view.fake().route("POST", "/v1/chat/completions", FakeResponse::stream(lines, burstMs));
+
+    QList<double> frames;
+    QElapsedTimer frameClock;
+    QObject::connect(view.window(), &QQuickWindow::frameSwapped, [&] {
+        if (frameClock.isValid())
+            frames.append(frameClock.nsecsElapsed() / 1e6);
+        frameClock.restart();
+    });
+
+    QList<double> lateness;
+    QElapsedTimer tickClock;
+    QTimer ticker;
+    ticker.setTimerType(Qt::PreciseTimer);
+    ticker.setInterval(10);
+    QObject::connect(&ticker, &QTimer::timeout, [&] {
+        if (tickClock.isValid())
+            lateness.append(std::max(0.0, tickClock.nsecsElapsed() / 1e6 - 10.0));
+        tickClock.restart();
+    });
+
+    QElapsedTimer total;
+    total.start();
+    ticker.start();
+    view.store().setPrompt(QStringLiteral("Stream, please."));
+    view.store().send();
+    const bool finished = view.waitFor([&] { return !view.store().generating(); }, 120000);
+    ticker.stop();
+    const double seconds = total.nsecsElapsed() / 1e9;
+    view.settle();
+
+    const QString stored = view.store().messages().isEmpty() ? QString() : view.store().messages().last().text;
+    const QList<QQuickItem *> shown = view.visibleItems(QStringLiteral("messageText"));
+    const QString onScreen = shown.isEmpty() ? QString() : ViewHarness::text(shown.last());
+    const bool storeComplete = stored == expected;
+    const bool screenComplete = onScreen == expected;
+
+    const Figures frame = summarize(frames);
+    const Figures late = summarize(lateness);
+    std::printf("tokens streamed:      %d in %.2f s (%.0f tokens/s)\n", tokens, seconds, tokens / seconds);
+    std::printf("reply finished:       %s\n", finished ? "yes" : "no");
+    std::printf("frames:               %lld, interval median %.1f ms, p95 %.1f ms, worst %.1f ms\n",
+                static_cast<long long>(frames.size()), frame.median, frame.p95, frame.worst);
+    std::printf("10 ms timer lateness: median %.1f ms, p95 %.1f ms, worst %.1f ms\n", late.median, late.p95, late.worst);
+    std::printf("text in the store:    %s (%lld of %lld characters)\n", storeComplete ? "complete" : "LOST TEXT",
+                static_cast<long long>(stored.size()), static_cast<long long>(expected.size()));
+    std::printf("text on screen:       %s (%lld characters)\n", screenComplete ? "complete" : "LOST TEXT",
+                static_cast<long long>(onScreen.size()));
+    return finished && storeComplete && screenComplete ? 0 : 2;
+}
