@@ -4,7 +4,7 @@
 mod common;
 
 use base64::Engine as _;
-use common::gen::{png, write_model, Spec};
+use common::gen::{png, write_model, ModelShape};
 use common::*;
 use serde_json::{json, Value};
 
@@ -21,7 +21,7 @@ fn model_with_its_own_chat_template() {
     write_model(
         &dir.join("tiny-phi3.gguf"),
         &shared_models().join("vocab/ggml-vocab-phi-3.gguf"),
-        &Spec {
+        &ModelShape {
             arch: "llama",
             n_embd: 64,
             n_layer: 2,
@@ -64,7 +64,7 @@ fn image_chat_with_projector() {
     write_model(
         &dir.join("tinygemma3.gguf"),
         &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
-        &Spec {
+        &ModelShape {
             arch: "gemma3",
             n_embd: 128,
             n_layer: 2,
@@ -220,7 +220,7 @@ fn files_that_make_llama_cpp_abort_are_refused() {
     write_model(
         &dir.join("no-layers.gguf"),
         &vocab,
-        &Spec {
+        &ModelShape {
             arch: "llama",
             n_embd: 32,
             n_layer: 0,
@@ -232,7 +232,7 @@ fn files_that_make_llama_cpp_abort_are_refused() {
     write_model(
         &dir.join("too-many-layers.gguf"),
         &vocab,
-        &Spec {
+        &ModelShape {
             arch: "llama",
             n_embd: 8,
             n_layer: 600,

@@ -95,7 +95,7 @@ fn put_str(out: &mut Vec<u8>, s: &str) {
     out.extend_from_slice(s.as_bytes());
 }
 
-pub struct Spec<'a> {
+pub struct ModelShape<'a> {
     pub arch: &'a str,
     pub n_embd: u64,
     pub n_layer: u64,
@@ -105,11 +105,11 @@ pub struct Spec<'a> {
 }
 
 /// Writes a llama- or gemma3-shaped model with random F32 weights.
-pub fn write_model(out_path: &Path, vocab: &Path, spec: &Spec) {
+pub fn write_model(out_path: &Path, vocab: &Path, shape: &ModelShape) {
     let (tok_entries, n_vocab) = tokenizer_entries(vocab);
-    let a = spec.arch;
-    let e = spec.n_embd;
-    let head = e / spec.n_head;
+    let a = shape.arch;
+    let e = shape.n_embd;
+    let head = e / shape.n_head;
     let gemma = a == "gemma3";
 
     let mut tensors: Vec<(String, Vec<u64>)> = vec![
@@ -119,7 +119,7 @@ pub fn write_model(out_path: &Path, vocab: &Path, spec: &Spec) {
     if !gemma {
         tensors.push(("output.weight".into(), vec![e, n_vocab]));
     }
-    for i in 0..spec.n_layer {
+    for i in 0..shape.n_layer {
         let b = |n: &str| format!("blk.{i}.{n}.weight");
         tensors.push((b("attn_norm"), vec![e]));
         tensors.push((b("attn_q"), vec![e, e]));
@@ -127,9 +127,9 @@ pub fn write_model(out_path: &Path, vocab: &Path, spec: &Spec) {
         tensors.push((b("attn_v"), vec![e, e]));
         tensors.push((b("attn_output"), vec![e, e]));
         tensors.push((b("ffn_norm"), vec![e]));
-        tensors.push((b("ffn_gate"), vec![e, spec.n_ff]));
-        tensors.push((b("ffn_up"), vec![e, spec.n_ff]));
-        tensors.push((b("ffn_down"), vec![spec.n_ff, e]));
+        tensors.push((b("ffn_gate"), vec![e, shape.n_ff]));
+        tensors.push((b("ffn_up"), vec![e, shape.n_ff]));
+        tensors.push((b("ffn_down"), vec![shape.n_ff, e]));
         if gemma {
             tensors.push((b("post_attention_norm"), vec![e]));
             tensors.push((b("attn_q_norm"), vec![head]));
@@ -145,21 +145,21 @@ pub fn write_model(out_path: &Path, vocab: &Path, spec: &Spec) {
     kv_u32(&mut kv, "general.alignment", 32);
     kv_u32(&mut kv, &format!("{a}.context_length"), 4096);
     kv_u32(&mut kv, &format!("{a}.embedding_length"), e as u32);
-    kv_u32(&mut kv, &format!("{a}.block_count"), spec.n_layer as u32);
+    kv_u32(&mut kv, &format!("{a}.block_count"), shape.n_layer as u32);
     kv_u32(
         &mut kv,
         &format!("{a}.feed_forward_length"),
-        spec.n_ff as u32,
+        shape.n_ff as u32,
     );
     kv_u32(
         &mut kv,
         &format!("{a}.attention.head_count"),
-        spec.n_head as u32,
+        shape.n_head as u32,
     );
     kv_u32(
         &mut kv,
         &format!("{a}.attention.head_count_kv"),
-        spec.n_head as u32,
+        shape.n_head as u32,
     );
     kv_f32(
         &mut kv,
@@ -204,7 +204,7 @@ pub fn write_model(out_path: &Path, vocab: &Path, spec: &Spec) {
 
     let mut f = std::io::BufWriter::new(std::fs::File::create(out_path).unwrap());
     f.write_all(&header).unwrap();
-    let mut x = spec.seed | 1;
+    let mut x = shape.seed | 1;
     let mut written = 0u64;
     for ((name, dims), off) in tensors.iter().zip(&offsets) {
         while written < *off {
