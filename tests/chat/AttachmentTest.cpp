@@ -1,4 +1,5 @@
 #include "FakeEngine.h"
+#include "StoreFixture.h"
 #include "ScriptedFileChooser.h"
 #include "TestHome.h"
 #include "engine/EngineStore.h"
@@ -20,29 +21,15 @@ class AttachmentTest : public QObject {
     Q_OBJECT
 
 private:
-    struct Setup {
-        TestHome home;
-        FakeEngine engine;
-        EngineStore store;
-        std::shared_ptr<ScriptedFileChooser> chooser = std::make_shared<ScriptedFileChooser>();
-
-        explicit Setup(const QByteArray &state = FakeEngine::stateJson())
+    struct Setup : StoreFixture {
+        explicit Setup(const QByteArray &state = FakeEngine::stateJson()) : StoreFixture(state)
         {
-            engine.listen();
-            engine.setState(state);
             engine.route("POST", "/api/encode", FakeResponse::json(200, "{}"));
-            store.connectForTesting(engine.baseURL());
-            store.setFileChooser(chooser);
         }
 
         QString image(const QString &name, const QByteArray &bytes)
         {
-            const QString path = QDir(home.path()).filePath(QStringLiteral("Pictures/") + name);
-            QDir().mkpath(QFileInfo(path).path());
-            QFile file(path);
-            if (file.open(QIODevice::WriteOnly))
-                file.write(bytes);
-            return path;
+            return writeFile(QStringLiteral("Pictures/") + name, bytes);
         }
 
         void attach(const QString &path)

@@ -1,4 +1,5 @@
 #include "FakeEngine.h"
+#include "StoreFixture.h"
 #include "TestHome.h"
 #include "engine/EngineStore.h"
 #include "model/PlatformWords.h"
@@ -34,18 +35,7 @@ class ModelCommandsTest : public QObject {
     Q_OBJECT
 
 private:
-    struct Setup {
-        TestHome home;
-        FakeEngine engine;
-        EngineStore store;
-
-        Setup(const QByteArray &state = FakeEngine::stateJson())
-        {
-            engine.listen();
-            engine.setState(state);
-            store.connectForTesting(engine.baseURL());
-        }
-    };
+    using Setup = StoreFixture;
 
     // One status call there and back: whatever the store sent before it has been
     // received by then, so counts taken afterwards are final.

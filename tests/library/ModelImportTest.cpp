@@ -1,4 +1,5 @@
 #include "FakeEngine.h"
+#include "StoreFixture.h"
 #include "ScriptedFileChooser.h"
 #include "TestHome.h"
 #include "engine/EngineStore.h"
@@ -24,32 +25,15 @@ class ModelImportTest : public QObject {
     Q_OBJECT
 
 private:
-    struct Setup {
-        TestHome home;
-        FakeEngine engine;
-        EngineStore store;
-        std::shared_ptr<ScriptedFileChooser> chooser = std::make_shared<ScriptedFileChooser>();
-
-        Setup()
-        {
-            engine.listen();
-            engine.setState(FakeEngine::stateJson());
-            store.connectForTesting(engine.baseURL());
-            store.setFileChooser(chooser);
-            QDir().mkpath(home.modelsFolder());
-        }
+    struct Setup : StoreFixture {
+        Setup() { QDir().mkpath(home.modelsFolder()); }
 
         QString models(const QString &name) const { return QDir(home.modelsFolder()).filePath(name); }
 
         // A file of the user's, outside the models folder.
         QString userFile(const QString &folder, const QString &name, const QByteArray &bytes = "GGUF")
         {
-            const QString path = QDir(home.path()).filePath(folder + QLatin1Char('/') + name);
-            QDir().mkpath(QFileInfo(path).path());
-            QFile file(path);
-            if (file.open(QIODevice::WriteOnly))
-                file.write(bytes);
-            return path;
+            return writeFile(folder + QLatin1Char('/') + name, bytes);
         }
     };
 
