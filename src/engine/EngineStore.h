@@ -58,6 +58,9 @@ class EngineStore : public QObject {
     Q_PROPERTY(bool hasLoadedModel READ hasLoadedModel NOTIFY stateChanged)
     Q_PROPERTY(QString loadedName READ loadedName NOTIFY stateChanged)
     Q_PROPERTY(bool vision READ vision NOTIFY stateChanged)
+    // Single members of the status, so rows and badges need not convert it whole.
+    Q_PROPERTY(QString loadedFile READ loadedFile NOTIFY stateChanged)
+    Q_PROPERTY(QString backend READ backend NOTIFY stateChanged)
     Q_PROPERTY(QString modelsFolder READ directory CONSTANT)
     Q_PROPERTY(QString dataFolder READ dataFolder CONSTANT)
 
@@ -116,6 +119,8 @@ public:
     bool hasLoadedModel() const;
     QString loadedName() const;
     bool vision() const { return m_state && m_state->vision; }
+    QString loadedFile() const { return m_state ? m_state->loaded.value_or(QString()) : QString(); }
+    QString backend() const { return m_state ? m_state->backend.value_or(QString()) : QString(); }
     QList<ChatMessage> messages() const;
     // Index of the selected conversation in conversations(), or -1.
     int selectedIndex() const;

@@ -31,10 +31,9 @@ QString DisplayText::tokenCount(double tokens)
     return QStringLiteral(" ") + QString::number(static_cast<qint64>(tokens)) + QStringLiteral(" tokens");
 }
 
-QString DisplayText::backendBadge(const QVariant &state) const
+QString DisplayText::backendBadge(const QString &backend) const
 {
-    const QVariant backend = state.toMap().value(QStringLiteral("backend"));
-    if (backend.typeId() == QMetaType::QString && backend.toString() == QLatin1String("gpu"))
+    if (backend == QLatin1String("gpu"))
         return gpuBadge();
     return QStringLiteral("CPU");
 }

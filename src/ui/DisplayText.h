@@ -33,5 +33,5 @@ public:
     // " 128 tokens"
     Q_INVOKABLE static QString tokenCount(double tokens);
     // "METAL"/"GPU" for the engine backend "gpu" exactly, "CPU" for anything else.
-    Q_INVOKABLE QString backendBadge(const QVariant &state) const;
+    Q_INVOKABLE QString backendBadge(const QString &backend) const;
 };

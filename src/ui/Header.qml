@@ -50,7 +50,7 @@ Item {
         Label {
             objectName: "backendBadge"
             visible: store.hasLoadedModel
-            text: DisplayText.backendBadge(store.state)
+            text: DisplayText.backendBadge(store.backend)
             font.pixelSize: 10
             font.weight: Font.DemiBold
             font.letterSpacing: 1

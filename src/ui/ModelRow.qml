@@ -12,7 +12,7 @@ Rectangle {
     required property string sizeLabel
     required property bool projector
 
-    readonly property bool loaded: store.hasState && store.state.loaded === name
+    readonly property bool loaded: store.loadedFile === name
 
     objectName: "modelRow"
     implicitHeight: content.implicitHeight + 24
