@@ -38,6 +38,8 @@ QVariant MessageListModel::data(const QModelIndex &index, int role) const
         return message.image.has_value();
     case IsUserRole:
         return message.role == QLatin1String("user");
+    case HasTextRole:
+        return !message.text.isEmpty();
     default:
         return {};
     }
@@ -46,7 +48,8 @@ QVariant MessageListModel::data(const QModelIndex &index, int role) const
 QHash<int, QByteArray> MessageListModel::roleNames() const
 {
     return {{IdRole, "messageId"}, {RoleRole, "role"},         {TextRole, "text"},
-            {ImageRole, "image"},  {HasImageRole, "hasImage"}, {IsUserRole, "isUser"}};
+            {ImageRole, "image"},  {HasImageRole, "hasImage"}, {IsUserRole, "isUser"},
+            {HasTextRole, "hasText"}};
 }
 
 QString MessageListModel::lastText() const
@@ -81,7 +84,7 @@ void MessageListModel::finishAppend()
 void MessageListModel::messageTextChanged(int index)
 {
     const QModelIndex changed = this->index(index);
-    emit dataChanged(changed, changed, {TextRole, Qt::DisplayRole});
+    emit dataChanged(changed, changed, {TextRole, Qt::DisplayRole, HasTextRole});
     if (index == rowCount() - 1)
         emit lastTextChanged();
 }

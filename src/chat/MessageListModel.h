@@ -11,7 +11,7 @@ class MessageListModel : public QAbstractListModel {
     Q_PROPERTY(int count READ count NOTIFY countChanged)
     Q_PROPERTY(QString lastText READ lastText NOTIFY lastTextChanged)
 public:
-    enum Role { IdRole = Qt::UserRole + 1, RoleRole, TextRole, ImageRole, HasImageRole, IsUserRole };
+    enum Role { IdRole = Qt::UserRole + 1, RoleRole, TextRole, ImageRole, HasImageRole, IsUserRole, HasTextRole };
 
     explicit MessageListModel(EngineStore *store);
 

@@ -15,63 +15,25 @@ Rectangle {
     required property string image
     required property bool hasImage
     required property bool isUser
-
-    // What the text view holds. While a reply streams, new text is taken in every 32 ms
-    // at most and appended, so a fast engine costs one small layout per batch of tokens
-    // rather than a layout of the whole reply per token. The stored text is untouched
-    // and the last batch always arrives.
-    property string shownText
-
-    function showText() {
-        const full = block.text
-        if (shownText.length > 0 && full.length > shownText.length && full.startsWith(shownText))
-            body.insert(body.length, full.substring(shownText.length))
-        else if (full !== shownText)
-            body.text = full
-        shownText = full
-    }
+    required property bool hasText
 
     objectName: "messageBlock"
     implicitHeight: column.implicitHeight + 40
     radius: 14
     color: isUser ? Theme.raisedFill : "transparent"
 
-    Component.onCompleted: showText()
-    onTextChanged: {
-        if (store.generating && shownText.length > 0 && text.startsWith(shownText)) {
-            if (!batch.running)
-                batch.start()
-        } else {
-            batch.stop()
-            showText()
-        }
-    }
-
-    Timer {
-        id: batch
-        interval: 32
-        onTriggered: block.showText()
-    }
-
-    Connections {
-        target: store
-        function onGeneratingChanged() {
-            if (!store.generating) {
-                batch.stop()
-                block.showText()
-            }
-        }
-    }
-
-    ColumnLayout {
+    // A plain column, not a layout: a layout reads the text's implicit width, and a
+    // TextEdit then lays its whole document out twice on every change.
+    Column {
         id: column
-        anchors.fill: parent
-        anchors.margins: 20
+        x: 20
+        y: 20
+        width: block.width - 40
         spacing: 10
 
         RowLayout {
-            Layout.fillWidth: true
-            Layout.preferredHeight: 18
+            width: column.width
+            height: 18
             Label {
                 objectName: "messageCaption"
                 text: block.isUser ? "YOU" : "VORN"
@@ -85,7 +47,7 @@ Rectangle {
             }
             IconButton {
                 objectName: "copyButton"
-                visible: block.role === "assistant" && block.text.length > 0
+                visible: block.role === "assistant" && block.hasText
                 symbol: "doc.on.doc"
                 symbolSize: 13
                 symbolColor: Theme.secondary
@@ -100,23 +62,21 @@ Rectangle {
             objectName: "messageImage"
             visible: block.hasImage && valid
             source: block.image
-            Layout.preferredWidth: implicitWidth
-            Layout.preferredHeight: implicitHeight
         }
 
         BusyIndicator {
             objectName: "replyBusy"
-            visible: block.text.length === 0 && store.generating
+            visible: !block.hasText && store.generating
             running: visible
-            Layout.preferredWidth: 22
-            Layout.preferredHeight: 22
+            width: 22
+            height: 22
         }
 
         TextEdit {
             id: body
             objectName: "messageText"
-            visible: !(block.text.length === 0 && store.generating)
-            Layout.fillWidth: true
+            visible: block.hasText || !store.generating
+            width: column.width
             textFormat: TextEdit.PlainText
             readOnly: true
             selectByMouse: true
@@ -126,6 +86,13 @@ Rectangle {
             color: Theme.primary
             selectionColor: Qt.rgba(Theme.tint.r, Theme.tint.g, Theme.tint.b, 0.35)
             selectedTextColor: Theme.primary
+
+            // Filled from the model without script; a growing reply is appended per frame.
+            StreamedText {
+                document: body.textDocument
+                model: store.messageList
+                row: block.index
+            }
 
             TextLineSpacing {
                 document: body.textDocument

@@ -46,7 +46,8 @@ Item {
         // 24 above and below the blocks, then the one-point "bottom" anchor.
         contentHeight: blocks.height + 48 + 1
         boundsBehavior: Flickable.StopAtBounds
-        onContentHeightChanged: if (transcript.followingEnd) Qt.callLater(transcript.scrollToBottom)
+        // Follow at once, so the grown text and the scroll land in the same frame.
+        onContentHeightChanged: if (transcript.followingEnd) contentY = Math.max(0, contentHeight - height)
         onHeightChanged: if (transcript.followingEnd) Qt.callLater(transcript.scrollToBottom)
         // Text in the blocks is selected by dragging, so the mouse does not fling the view.
         interactive: false

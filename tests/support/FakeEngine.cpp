@@ -66,6 +66,9 @@ FakeEngine::FakeEngine(QObject *parent) : QObject(parent), m_server(new QTcpServ
 {
     connect(m_server, &QTcpServer::newConnection, this, [this] {
         while (QTcpSocket *socket = m_server->nextPendingConnection()) {
+            // Streamed events are small writes; without this, Nagle's algorithm and the
+            // client's delayed acknowledgement hold them back up to 40 ms.
+            socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
             m_buffers.insert(socket, {});
             connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
             connect(socket, &QTcpSocket::disconnected, this, [this, socket] {
