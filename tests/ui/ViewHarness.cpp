@@ -87,9 +87,9 @@ ViewHarness::ViewHarness(const QByteArray &stateJson, const QList<Conversation> 
     m_engine->load(ViewSetup::mainWindowURL());
     if (m_engine->rootObjects().isEmpty())
         qFatal("The main window did not load");
-    m_window = qobject_cast<QQuickWindow *>(m_engine->rootObjects().first());
-    m_window->show();
-    if (!QTest::qWaitForWindowExposed(m_window))
+    setWindow(qobject_cast<QQuickWindow *>(m_engine->rootObjects().first()));
+    window()->show();
+    if (!QTest::qWaitForWindowExposed(window()))
         qFatal("The main window was not exposed");
     settle();
 }
@@ -117,114 +117,4 @@ bool ViewHarness::refresh()
 void ViewHarness::setEngineState(const QByteArray &stateJson)
 {
     m_fake.setState(stateJson);
-}
-
-namespace {
-
-void collect(QQuickItem *item, const QString &name, QList<QQuickItem *> &found)
-{
-    if (!item)
-        return;
-    if (item->objectName() == name)
-        found.append(item);
-    for (QQuickItem *child : item->childItems())
-        collect(child, name, found);
-}
-
-} // namespace
-
-QObject *ViewHarness::object(const QString &objectName) const
-{
-    if (QQuickItem *found = item(objectName))
-        return found;
-    return m_window->findChild<QObject *>(objectName);
-}
-
-QQuickItem *ViewHarness::item(const QString &objectName) const
-{
-    const QList<QQuickItem *> found = items(objectName);
-    return found.isEmpty() ? nullptr : found.first();
-}
-
-QList<QQuickItem *> ViewHarness::items(const QString &objectName) const
-{
-    QList<QQuickItem *> found;
-    collect(m_window->contentItem(), objectName, found);
-    return found;
-}
-
-QList<QQuickItem *> ViewHarness::visibleItems(const QString &objectName) const
-{
-    QList<QQuickItem *> found;
-    for (QQuickItem *item : items(objectName)) {
-        if (shown(item))
-            found.append(item);
-    }
-    return found;
-}
-
-bool ViewHarness::shown(const QQuickItem *item)
-{
-    return item && item->isVisible() && item->opacity() > 0;
-}
-
-QString ViewHarness::text(const QQuickItem *item)
-{
-    return item ? item->property("text").toString() : QString();
-}
-
-void ViewHarness::click(QQuickItem *item)
-{
-    QVERIFY2(item, "no item to click");
-    const QPointF center = item->mapToScene(QPointF(item->width() / 2, item->height() / 2));
-    QTest::mouseClick(m_window, Qt::LeftButton, Qt::NoModifier, center.toPoint());
-    settle();
-}
-
-void ViewHarness::typeInto(QQuickItem *field, const QString &text)
-{
-    QVERIFY2(field, "no field to type into");
-    field->forceActiveFocus();
-    for (const QChar character : text) {
-        const int code = character == QLatin1Char('\n') ? Qt::Key_Return : character.toUpper().unicode();
-        const QString typed = character == QLatin1Char('\n') ? QString() : QString(character);
-        QKeyEvent press(QEvent::KeyPress, code, Qt::NoModifier, typed);
-        QKeyEvent release(QEvent::KeyRelease, code, Qt::NoModifier, typed);
-        QCoreApplication::sendEvent(m_window, &press);
-        QCoreApplication::sendEvent(m_window, &release);
-    }
-    settle();
-}
-
-void ViewHarness::key(int key, Qt::KeyboardModifiers modifiers)
-{
-    QTest::keyClick(m_window, static_cast<Qt::Key>(key), modifiers);
-    settle();
-}
-
-void ViewHarness::settle()
-{
-    QCoreApplication::processEvents();
-    QTest::qWait(30);
-    QCoreApplication::processEvents();
-}
-
-bool ViewHarness::waitFor(const std::function<bool()> &condition, int timeoutMs)
-{
-    const bool met = QTest::qWaitFor(condition, timeoutMs);
-    settle();
-    return met;
-}
-
-QImage ViewHarness::grab()
-{
-    settle();
-    return m_window->grabWindow();
-}
-
-void ViewHarness::saveScreenshot(const QString &name)
-{
-    const QString folder = QStringLiteral(VORN_SCREENSHOT_DIR);
-    QDir().mkpath(folder);
-    grab().save(QDir(folder).filePath(name + QStringLiteral(".png")), "PNG", 9);
 }

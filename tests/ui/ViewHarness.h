@@ -4,6 +4,7 @@
 #include "TestHome.h"
 #include "engine/EngineStore.h"
 #include "model/Conversation.h"
+#include "WindowDriver.h"
 
 #include <QImage>
 #include <QQmlApplicationEngine>
@@ -14,7 +15,7 @@
 
 // The main window's real QML, offscreen, showing a store that talks to a fake engine.
 // Each harness has its own home folder, so the store starts from an empty history.
-class ViewHarness {
+class ViewHarness : public WindowDriver {
 public:
     // Before the QApplication: software rendering, offscreen, a settings file of our own.
     static void prepareProcess();
@@ -36,35 +37,14 @@ public:
     TestHome &home() { return m_home; }
     FakeEngine &fake() { return m_fake; }
     EngineStore &store() { return *m_store; }
-    QQuickWindow *window() const { return m_window; }
 
     // One status call to the fake engine; true once it was applied.
     bool refresh();
     void setEngineState(const QByteArray &stateJson);
-
-    QObject *object(const QString &objectName) const;
-    QQuickItem *item(const QString &objectName) const;
-    // Every item of that name, visible or not, in tree order.
-    QList<QQuickItem *> items(const QString &objectName) const;
-    QList<QQuickItem *> visibleItems(const QString &objectName) const;
-    static bool shown(const QQuickItem *item);
-    static QString text(const QQuickItem *item);
-
-    void click(QQuickItem *item);
-    void typeInto(QQuickItem *field, const QString &text);
-    void key(int key, Qt::KeyboardModifiers modifiers = Qt::NoModifier);
-    // Lets bindings, layouts and one frame run.
-    void settle();
-    bool waitFor(const std::function<bool()> &condition, int timeoutMs = 5000);
-
-    QImage grab();
-    // Writes docs/screenshots/<name>.png.
-    void saveScreenshot(const QString &name);
 
 private:
     TestHome m_home;
     FakeEngine m_fake;
     std::unique_ptr<EngineStore> m_store;
     std::unique_ptr<QQmlApplicationEngine> m_engine;
-    QQuickWindow *m_window = nullptr;
 };
