@@ -81,12 +81,16 @@ Item {
             Layout.preferredHeight: Math.max(190, Math.min(310, entries.implicitHeight))
             contentWidth: availableWidth
             clip: true
-            ScrollBar.vertical.policy: ScrollBar.AlwaysOn
+            // The indicator stays in view whenever there is more to scroll to; with
+            // nothing to scroll, an empty track would only look like a stray bar.
+            readonly property bool overflowing: entries.implicitHeight > availableHeight
+            ScrollBar.vertical.policy: overflowing ? ScrollBar.AlwaysOn : ScrollBar.AlwaysOff
             ScrollBar.horizontal.policy: ScrollBar.AlwaysOff
 
             ColumnLayout {
                 id: entries
-                width: modelScroll.availableWidth - 14
+                // Room for the indicator only when it is there.
+                width: modelScroll.availableWidth - (modelScroll.overflowing ? 14 : 0)
                 spacing: 8
 
                 Label {

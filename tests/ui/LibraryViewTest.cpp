@@ -351,6 +351,49 @@ private slots:
         open(darkView);
         darkView.saveScreenshot(QStringLiteral("library-dark"));
     }
+
+    void scrollIndicatorOnlyWhenTheListOverflows()
+    {
+        const auto indicator = [](ViewHarness &view) -> QQuickItem * {
+            QList<QQuickItem *> pending{view.item("modelScroll")};
+            while (!pending.isEmpty()) {
+                QQuickItem *item = pending.takeFirst();
+                if (item->inherits("QQuickScrollBar") && item->property("orientation").toInt() == Qt::Vertical)
+                    return item;
+                pending.append(item->childItems());
+            }
+            return nullptr;
+        };
+        ViewHarness few(FakeEngine::stateJson(QString(), false, threeModels()));
+        QVERIFY(few.refresh());
+        open(few);
+        QVERIFY(indicator(few));
+        QVERIFY(!ViewHarness::shown(indicator(few)));
+
+        QByteArray many = "[";
+        for (int index = 0; index < 12; ++index)
+            many += (index ? "," : "") + ViewHarness::modelJson(QStringLiteral("model-%1.gguf").arg(index), 1'000'000);
+        many += "]";
+        ViewHarness full(FakeEngine::stateJson(QString(), false, many));
+        QVERIFY(full.refresh());
+        open(full);
+        QVERIFY(full.item("modelScroll")->height() <= 310);
+        QVERIFY(ViewHarness::shown(indicator(full)));
+    }
+
+    void emptyLibraryScreenshots()
+    {
+        for (const char *appearance : {"light", "dark"}) {
+            ViewHarness::resetSettings();
+            QSettings().setValue("appearance", appearance);
+            ViewHarness view(FakeEngine::stateJson(QString(), false, "[]", "[]"));
+            QVERIFY(view.refresh());
+            open(view);
+            QVERIFY(ViewHarness::shown(view.item("emptyLibraryNote")));
+            QVERIFY(view.visibleItems("modelRow").isEmpty());
+            view.saveScreenshot(QStringLiteral("library-empty-") + QLatin1String(appearance));
+        }
+    }
 };
 
 int main(int argc, char *argv[])

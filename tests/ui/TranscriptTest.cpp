@@ -346,6 +346,29 @@ private slots:
         view.click(view.item("appearanceDark"));
         view.saveScreenshot(QStringLiteral("conversation-dark"));
     }
+
+    void streamingScreenshots()
+    {
+        ViewHarness view(FakeEngine::stateJson("llama-3.2-3b-instruct-q4_k_m.gguf", false, "[]", "[]", 0, 0, "cpu"),
+                         {ViewHarness::conversation("Tides", {})});
+        // Long pauses between pieces, so the reply is caught halfway.
+        view.fake().route("POST", "/v1/chat/completions", FakeResponse::stream(reply({
+            "Tides come from the Moon's pull on the oceans. ",
+            "The side of the Earth facing the Moon is pulled a little more than the centre, ",
+            "and the far side a little less,", " so the water bulges on both sides."}), 1500));
+        QVERIFY(view.refresh());
+        view.store().setPrompt(QStringLiteral("Why are there two high tides a day?"));
+        view.store().send();
+        QVERIFY(view.waitFor([&] { return view.store().messages().last().text.contains(QStringLiteral("centre")); }, 10000));
+        QVERIFY(view.store().generating());
+        QVERIFY(view.waitFor([&] { return ViewHarness::text(view.visibleItems("messageText").last()).contains(QStringLiteral("centre")); }));
+        view.saveScreenshot(QStringLiteral("conversation-streaming-light"));
+        view.click(view.item("appearanceDark"));
+        QVERIFY(view.store().generating());
+        view.saveScreenshot(QStringLiteral("conversation-streaming-dark"));
+        view.click(view.item("appearanceLight"));
+        QVERIFY(view.waitFor([&] { return !view.store().generating(); }, 10000));
+    }
 };
 
 int main(int argc, char *argv[])
