@@ -35,8 +35,11 @@ EngineStore::EngineStore(QObject *parent)
     HistoryFile::prepareFolder(m_dataFolder);
 
     m_historyFile = QDir(m_dataFolder).filePath(QStringLiteral("conversations.json"));
-    if (auto history = HistoryFile::load(m_historyFile); history && !history->isEmpty())
+    auto history = HistoryFile::load(m_historyFile);
+    if (history && !history->isEmpty())
         m_conversations = std::move(*history);
+    else if (!history)
+        HistoryFile::keepUnreadableCopy(m_historyFile);
 
     m_selectedID = m_conversations.first().id;
 }

@@ -1,7 +1,9 @@
 #include "HistoryFile.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonParseError>
@@ -39,6 +41,25 @@ std::optional<QList<Conversation>> load(const QString &file)
     if (!input.open(QIODevice::ReadOnly))
         return std::nullopt;
     return decode(input.readAll());
+}
+
+std::optional<QString> keepUnreadableCopy(const QString &file)
+{
+    QFile input(file);
+    if (input.size() <= 0 || !input.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    const QByteArray bytes = input.readAll();
+    const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss"));
+    QString copy = file + QStringLiteral(".unreadable-") + stamp;
+    for (int attempt = 2; QFileInfo::exists(copy); ++attempt)
+        copy = file + QStringLiteral(".unreadable-") + stamp + QLatin1Char('-') + QString::number(attempt);
+    QSaveFile output(copy);
+    if (!output.open(QIODevice::WriteOnly))
+        return std::nullopt;
+    output.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+    if (output.write(bytes) != bytes.size() || !output.commit())
+        return std::nullopt;
+    return copy;
 }
 
 namespace {

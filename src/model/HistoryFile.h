@@ -17,6 +17,12 @@ void prepareFolder(const QString &folder);
 std::optional<QList<Conversation>> load(const QString &file);
 std::optional<QList<Conversation>> decode(const QByteArray &json);
 
+// A history that exists but cannot be read is overwritten by the next save; before that,
+// its bytes are copied beside it as <file>.unreadable-<date and time> (0600), so nothing
+// the user had is lost. Returns the copy's path, or nothing when the file is empty,
+// missing or could not be copied.
+std::optional<QString> keepUnreadableCopy(const QString &file);
+
 QByteArray encode(const QList<Conversation> &conversations);
 // Returns whether the bytes reached the disk; callers are free to ignore it.
 bool save(const QString &file, const QList<Conversation> &conversations);

@@ -22,6 +22,12 @@ private:
         file.write(bytes);
     }
 
+    static QByteArray readFile(const QString &path)
+    {
+        QFile file(path);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
     static EngineState stateWithLoaded(const std::optional<QString> &loaded)
     {
         EngineState state;
@@ -101,9 +107,34 @@ private slots:
     void corruptHistoryStartsFresh()
     {
         TestHome home;
-        writeFile(home.historyFile(), "[{\"id\":\"broken");
+        const QByteArray broken = "[{\"id\":\"broken";
+        writeFile(home.historyFile(), broken);
         EngineStore store;
         QCOMPARE(store.conversations().size(), 1);
+        QVERIFY(!store.error());
+        // The file is left as it was, and a copy is kept beside it, since the next
+        // save replaces it.
+        QCOMPARE(readFile(home.historyFile()), broken);
+        const QStringList copies = QDir(home.dataFolder()).entryList({QStringLiteral("conversations.json.unreadable-*")});
+        QCOMPARE(copies.size(), 1);
+        const QString copy = QDir(home.dataFolder()).filePath(copies.first());
+        QCOMPARE(readFile(copy), broken);
+        QCOMPARE(TestHome::posixMode(copy), 0600);
+        store.newChat();
+        QVERIFY(HistoryFile::load(home.historyFile()));
+        QCOMPARE(readFile(copy), broken);
+    }
+
+    void missingOrEmptyHistoryKeepsNoCopy()
+    {
+        TestHome home;
+        {
+            EngineStore store;
+        }
+        writeFile(home.historyFile(), "[]");
+        EngineStore store;
+        QCOMPARE(store.conversations().size(), 1);
+        QVERIFY(QDir(home.dataFolder()).entryList({QStringLiteral("*.unreadable-*")}).isEmpty());
     }
 
     void severalConversationsSelectTheFirstInFileOrder()
