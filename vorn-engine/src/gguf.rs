@@ -2,7 +2,8 @@
 //!
 //! Model files come from anywhere, so every length and count read from the
 //! header is checked against the bytes that are actually left in the file
-//! before anything is allocated or skipped.
+//! before anything is allocated or skipped, and what is kept from a header
+//! has a fixed budget whatever the file's size.
 
 use std::collections::BTreeMap;
 use std::fmt;
@@ -13,6 +14,13 @@ use std::path::Path;
 const MAX_KEPT_STRING: u64 = 64 * 1024;
 /// GGML tensors have at most four dimensions.
 const MAX_DIMS: u32 = 4;
+/// What the kept keys, values and tensor entries may hold in all. Real
+/// headers keep well under a megabyte; past this, entries are still read
+/// and checked but no longer kept, so that a crafted file cannot make the
+/// engine hold memory in proportion to its size.
+const MAX_KEPT_BYTES: usize = 16 * 1024 * 1024;
+/// What a kept entry costs besides its text: its map node or vector slot.
+const ENTRY_COST: usize = 96;
 
 #[derive(Debug, Clone, PartialEq)]
 pub enum Value {
@@ -209,13 +217,22 @@ pub fn parse<R: Read + Seek>(inner: R, len: u64) -> Result<Header, GgufError> {
         ..Default::default()
     };
     debug_assert!(header.version >= 2);
+    let mut budget = MAX_KEPT_BYTES;
     for _ in 0..n_kv {
         let key = r
             .string(MAX_KEPT_STRING)?
             .ok_or_else(|| GgufError("GGUF key too long".into()))?;
         let ty = r.u32()?;
         let value = r.value(ty, 0)?;
-        header.kv.insert(key, value);
+        let text = match &value {
+            Value::Str(s) => s.len(),
+            _ => 0,
+        };
+        let cost = ENTRY_COST + key.len() + text;
+        if cost <= budget {
+            budget -= cost;
+            header.kv.insert(key, value);
+        }
     }
     for _ in 0..n_tensors {
         let name = r
@@ -231,7 +248,11 @@ pub fn parse<R: Read + Seek>(inner: R, len: u64) -> Result<Header, GgufError> {
         }
         let _ty = r.u32()?;
         let _offset = r.u64()?;
-        header.tensors.push(TensorInfo { name, dims });
+        let cost = ENTRY_COST + name.len() + 8 * dims.len();
+        if cost <= budget {
+            budget -= cost;
+            header.tensors.push(TensorInfo { name, dims });
+        }
     }
     Ok(header)
 }
@@ -460,6 +481,166 @@ mod tests {
             }
             let _ = parse_bytes(&b);
         }
+    }
+
+    /// A GGUF source of `count` generated entries after a fixed beginning,
+    /// made on the fly so that a file of any size costs the test nothing.
+    struct Generated {
+        head: Vec<u8>,
+        entry: fn(u64) -> Vec<u8>,
+        entry_len: u64,
+        count: u64,
+        pos: u64,
+    }
+
+    impl Generated {
+        fn new(head: Vec<u8>, entry: fn(u64) -> Vec<u8>, count: u64) -> Self {
+            let entry_len = entry(0).len() as u64;
+            Self {
+                head,
+                entry,
+                entry_len,
+                count,
+                pos: 0,
+            }
+        }
+
+        fn len(&self) -> u64 {
+            self.head.len() as u64 + self.entry_len * self.count
+        }
+    }
+
+    impl std::io::Read for Generated {
+        fn read(&mut self, buf: &mut [u8]) -> std::io::Result<usize> {
+            let head = self.head.len() as u64;
+            let mut done = 0;
+            while done < buf.len() {
+                let (piece, at) = if self.pos < head {
+                    (self.head.clone(), self.pos)
+                } else if self.pos < self.len() {
+                    let i = (self.pos - head) / self.entry_len;
+                    ((self.entry)(i), (self.pos - head) % self.entry_len)
+                } else {
+                    break;
+                };
+                let rest = &piece[at as usize..];
+                let n = rest.len().min(buf.len() - done);
+                buf[done..done + n].copy_from_slice(&rest[..n]);
+                self.pos += n as u64;
+                done += n;
+            }
+            Ok(done)
+        }
+    }
+
+    impl std::io::Seek for Generated {
+        fn seek(&mut self, to: SeekFrom) -> std::io::Result<u64> {
+            self.pos = match to {
+                SeekFrom::Start(p) => p,
+                SeekFrom::Current(d) => self.pos.saturating_add_signed(d),
+                SeekFrom::End(d) => self.len().saturating_add_signed(d),
+            };
+            Ok(self.pos)
+        }
+    }
+
+    fn architecture_head(n_tensors: u64, n_kv: u64) -> Vec<u8> {
+        let mut b = header(n_tensors, n_kv);
+        s(&mut b, "general.architecture");
+        b.extend_from_slice(&8u32.to_le_bytes());
+        s(&mut b, "llama");
+        b
+    }
+
+    fn parse_generated(g: Generated) -> Result<Header, GgufError> {
+        let len = g.len();
+        parse(std::io::BufReader::with_capacity(64 * 1024, g), len)
+    }
+
+    /// What the kept entries hold, roughly as `parse` counts it.
+    fn kept_bytes(h: &Header) -> usize {
+        let kv: usize =
+            h.kv.iter()
+                .map(|(k, v)| {
+                    k.len()
+                        + match v {
+                            Value::Str(s) => s.len(),
+                            _ => 0,
+                        }
+                })
+                .sum();
+        let tensors: usize = h
+            .tensors
+            .iter()
+            .map(|t| t.name.len() + 8 * t.dims.len())
+            .sum();
+        kv + tensors
+    }
+
+    #[test]
+    fn huge_tensor_tables_are_read_but_not_all_kept() {
+        // 3 million well-formed tensor entries: 140 MB of header.
+        fn entry(_: u64) -> Vec<u8> {
+            let mut e = Vec::new();
+            s(&mut e, "blk.0.attn_q.weight");
+            e.extend_from_slice(&2u32.to_le_bytes());
+            e.extend_from_slice(&64u64.to_le_bytes());
+            e.extend_from_slice(&64u64.to_le_bytes());
+            e.extend_from_slice(&0u32.to_le_bytes());
+            e.extend_from_slice(&0u64.to_le_bytes());
+            e
+        }
+        let n = 3_000_000;
+        let h = parse_generated(Generated::new(architecture_head(n, 1), entry, n)).unwrap();
+        assert_eq!(h.architecture(), Some("llama"));
+        assert!(!h.tensors.is_empty());
+        assert!(
+            h.tensors.len() < 1_000_000,
+            "kept {} tensors",
+            h.tensors.len()
+        );
+        assert!(kept_bytes(&h) <= MAX_KEPT_BYTES);
+        // Entries past the kept ones are still checked.
+        let mut g = Generated::new(architecture_head(n, 1), entry, n);
+        g.count -= 1;
+        assert!(parse_generated(g).is_err());
+    }
+
+    #[test]
+    fn huge_key_tables_are_read_but_not_all_kept() {
+        // 2 million distinct keys after the architecture.
+        fn entry(i: u64) -> Vec<u8> {
+            let mut e = Vec::new();
+            s(&mut e, &format!("key.{i:012}"));
+            e.extend_from_slice(&4u32.to_le_bytes());
+            e.extend_from_slice(&1u32.to_le_bytes());
+            e
+        }
+        let n = 2_000_000;
+        let h = parse_generated(Generated::new(architecture_head(0, n + 1), entry, n)).unwrap();
+        assert_eq!(h.architecture(), Some("llama"));
+        assert!(h.kv.len() < 1_000_000, "kept {} keys", h.kv.len());
+        assert!(kept_bytes(&h) <= MAX_KEPT_BYTES);
+    }
+
+    #[test]
+    fn long_strings_share_one_budget() {
+        // 4000 values of 60 KiB each: every one short enough to keep alone.
+        fn entry(i: u64) -> Vec<u8> {
+            let mut e = Vec::new();
+            s(&mut e, &format!("text.{i:06}"));
+            e.extend_from_slice(&8u32.to_le_bytes());
+            s(&mut e, &"x".repeat(60 * 1024));
+            e
+        }
+        let n = 4000;
+        let h = parse_generated(Generated::new(architecture_head(0, n + 1), entry, n)).unwrap();
+        assert_eq!(h.architecture(), Some("llama"));
+        assert!(
+            kept_bytes(&h) <= MAX_KEPT_BYTES,
+            "kept {} bytes",
+            kept_bytes(&h)
+        );
     }
 
     #[test]
