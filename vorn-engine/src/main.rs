@@ -1,16 +1,6 @@
 //! vorn-engine: the local inference server that the Vorn app launches.
 
-mod download;
-mod engine;
-mod ffi;
-mod gguf;
-mod names;
-mod prompt;
-mod security;
-mod server;
-mod state;
-mod template;
-mod utf8;
+use vorn_engine::{download, engine, server, state};
 
 use std::path::PathBuf;
 use std::sync::atomic::Ordering;
