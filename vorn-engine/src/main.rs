@@ -1,5 +1,6 @@
 //! vorn-engine: the local inference server that the Vorn app launches.
 
+use axum::serve::ListenerExt as _;
 use vorn_engine::{download, engine, server, state};
 
 use std::path::PathBuf;
@@ -167,6 +168,13 @@ async fn run(args: Args) -> i32 {
         downloads: downloads.clone(),
     };
     let router = server::router(app);
+    // Replies stream as many small writes; with Nagle's algorithm each one after the
+    // first can wait for the app's delayed acknowledgement, up to 40 ms.
+    let listener = listener.tap_io(|stream| {
+        if let Err(e) = stream.set_nodelay(true) {
+            eprintln!("vorn-engine: cannot set TCP_NODELAY: {e}");
+        }
+    });
     let server = axum::serve(listener, router);
     tokio::select! {
         r = server => {
