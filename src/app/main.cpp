@@ -9,6 +9,46 @@
 
 #include <QApplication>
 #include <QIcon>
+#include <QQuickWindow>
+#include <QTimer>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+
+namespace {
+
+// Opt-in report for bench/app/startup.py: with VORN_STARTUP_REPORT set, the app prints
+// the monotonic clock at its first frame and every new status line on stderr, as
+// "name: value" lines; set to "quit", it quits after the first frame.
+void reportStartup(AppDelegate &delegate)
+{
+    const QByteArray mode = qgetenv("VORN_STARTUP_REPORT");
+    if (mode.isEmpty() || !delegate.window())
+        return;
+    const bool quitAfterFirstFrame = mode == "quit";
+    auto firstFrame = std::make_shared<QMetaObject::Connection>();
+    // Direct: with a render thread, the clock is read where the frame was swapped.
+    *firstFrame = QObject::connect(
+        delegate.window(), &QQuickWindow::frameSwapped, delegate.window(),
+        [firstFrame, quitAfterFirstFrame] {
+            if (!QObject::disconnect(*firstFrame))
+                return;
+            const auto now = std::chrono::steady_clock::now().time_since_epoch();
+            std::fprintf(stderr, "first_frame_clock_ns: %lld\n",
+                         static_cast<long long>(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()));
+            std::fflush(stderr);
+            if (quitAfterFirstFrame)
+                QTimer::singleShot(0, qApp, &QCoreApplication::quit);
+        },
+        Qt::DirectConnection);
+    EngineStore *store = &delegate.store();
+    QObject::connect(store, &EngineStore::activityChanged, store, [store] {
+        std::fprintf(stderr, "activity: %s\n", store->activity().toUtf8().constData());
+        std::fflush(stderr);
+    });
+}
+
+} // namespace
 
 int main(int argc, char *argv[])
 {
@@ -27,5 +67,6 @@ int main(int argc, char *argv[])
     delegate.store().setFileChooser(std::make_shared<DialogFileChooser>());
 #endif
     delegate.launch();
+    reportStartup(delegate);
     return application.exec();
 }
