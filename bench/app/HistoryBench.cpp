@@ -1,33 +1,17 @@
 // Loads and saves a history of 1,000 conversations × 20 messages through the real
-// store and prints the median of several rounds, in milliseconds.
+// store and prints the median of several rounds as "figure: value" lines.
+#include "SampleHistory.h"
 #include "TestHome.h"
 #include "engine/EngineStore.h"
 #include "model/HistoryFile.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QTextStream>
 #include <algorithm>
 
 namespace {
-
-QList<Conversation> makeHistory(int conversations, int messages)
-{
-    QList<Conversation> history;
-    const QString paragraph = QStringLiteral("A reply of ordinary length, with a few sentences in it. ").repeated(6);
-    for (int index = 0; index < conversations; ++index) {
-        Conversation conversation;
-        conversation.title = QStringLiteral("Conversation %1 about something").arg(index);
-        for (int message = 0; message < messages; ++message) {
-            const bool user = message % 2 == 0;
-            conversation.messages.append(ChatMessage{QUuid::createUuid(), user ? "user" : "assistant",
-                                                     user ? QStringLiteral("Question %1?").arg(message) : paragraph,
-                                                     std::nullopt});
-        }
-        history.append(conversation);
-    }
-    return history;
-}
 
 double median(QList<double> values)
 {
@@ -42,7 +26,7 @@ int main(int argc, char *argv[])
     QCoreApplication application(argc, argv);
     TestHome home;
     HistoryFile::prepareFolder(home.dataFolder());
-    HistoryFile::save(home.historyFile(), makeHistory(1000, 20));
+    HistoryFile::save(home.historyFile(), SampleHistory::make(1000, 20));
 
     QList<double> loads;
     QList<double> saves;
@@ -58,8 +42,8 @@ int main(int argc, char *argv[])
         saves.append(timer.nsecsElapsed() / 1e6);
     }
     QTextStream out(stdout);
-    out << "history_load_ms " << QString::number(median(loads), 'f', 1) << '\n';
-    out << "history_save_ms " << QString::number(median(saves), 'f', 1) << '\n';
-    out << "history_file_bytes " << QFileInfo(home.historyFile()).size() << '\n';
+    out << "history_load_ms: " << QString::number(median(loads), 'f', 1) << '\n';
+    out << "history_save_ms: " << QString::number(median(saves), 'f', 1) << '\n';
+    out << "history_file_bytes: " << QFileInfo(home.historyFile()).size() << '\n';
     return 0;
 }
