@@ -90,6 +90,13 @@ class Engine:
         total = time.perf_counter() - t0
         return (first if first is not None else total), total, "".join(text)
 
+    def rss_mb(self):
+        with open("/proc/%d/status" % self.proc.pid) as f:
+            for line in f:
+                if line.startswith("VmRSS:"):
+                    return int(line.split()[1]) / 1024
+        return float("nan")
+
     def stop(self):
         self.proc.terminate()
         self.proc.wait(timeout=20)
@@ -156,7 +163,11 @@ def main():
     ap.add_argument("--model", default=os.path.join(REPO, "..", "shared", "models", "stories260K.gguf"))
     ap.add_argument("--ctx", type=int, default=4096)
     ap.add_argument("--decode-tokens", type=int, default=256)
+    ap.add_argument("--prefill-sentences", type=int, default=120,
+                    help="length of the fresh prompt for prefill, in 10-word sentences")
     ap.add_argument("--turns", type=int, default=10)
+    ap.add_argument("--reply-tokens", type=int, default=48, help="reply length in the follow-up turns")
+    ap.add_argument("--conversations", type=int, default=3, help="conversations to take the turn medians over")
     ap.add_argument("--repeat", type=int, default=3)
     ap.add_argument("--image-model", help="a vision model; with --projector also measures image questions")
     ap.add_argument("--projector", help="the image projector that goes with --image-model")
@@ -173,6 +184,7 @@ def main():
         engine.call("/api/load", {"name": name, "gpu": True, "ctx": args.ctx})
         st = engine.state()
         results["backend"] = st.get("backend")
+        results["model_rss_mb"] = round(engine.rss_mb(), 1)
 
         # Decode: greedy, a fixed number of tokens, fresh prompt each time.
         decode, prefill = [], []
@@ -182,7 +194,7 @@ def main():
                 "temperature": 0, "max_tokens": args.decode_tokens})
             decode.append(engine.state()["last"]["decode_tps"])
         # Prefill: a long prompt that shares nothing with the cache.
-        long_text = " ".join("the little girl went to the park with her dog" for _ in range(120))
+        long_text = " ".join("the little girl went to the park with her dog" for _ in range(args.prefill_sentences))
         for i in range(args.repeat):
             engine.call("/v1/chat/completions", {
                 "messages": [{"role": "user", "content": "%d %s" % (i, long_text)}],
@@ -193,23 +205,28 @@ def main():
         results["prefill_tps"] = median(prefill)
         results["prefill_prompt_tokens"] = last["prompt_tokens"]
 
-        # Follow-up turns: time to first token of turn N against turn 1.
-        ttft = []
-        server_ttft = []
+        # Follow-up turns: time to first token of turn N against turn 1, the median over
+        # several conversations, each opening with its own words so none reuses another.
+        ttft = [[] for _ in range(args.turns)]
+        server_ttft = [[] for _ in range(args.turns)]
         evaluated = []
-        messages = [{"role": "system", "content": "You tell short stories."}]
-        for turn in range(1, args.turns + 1):
-            messages.append({"role": "user", "content": "Turn %d: tell me what the cat did next in the garden." % turn})
-            first, _, text = engine.stream({"messages": messages, "temperature": 0, "max_tokens": 48})
-            last = engine.state()["last"]
-            ttft.append(first)
-            server_ttft.append(last["ttft_ms"])
-            evaluated.append(last.get("evaluated_tokens"))
-            messages.append({"role": "assistant", "content": text})
-        results["ttft_turn1_ms"] = ttft[0] * 1000
-        results["ttft_turn%d_ms" % args.turns] = ttft[-1] * 1000
-        results["ttft_ratio_turn%d_over_turn1" % args.turns] = ttft[-1] / ttft[0] if ttft[0] > 0 else None
-        results["server_ttft_ms_per_turn"] = [round(x, 3) for x in server_ttft]
+        for conversation in range(args.conversations):
+            messages = [{"role": "system", "content": "Story %d. You tell short stories." % conversation}]
+            for turn in range(1, args.turns + 1):
+                messages.append({"role": "user", "content": "Turn %d: tell me what the cat did next in the garden." % turn})
+                first, _, text = engine.stream({"messages": messages, "temperature": 0, "max_tokens": args.reply_tokens})
+                last = engine.state()["last"]
+                ttft[turn - 1].append(first)
+                server_ttft[turn - 1].append(last["ttft_ms"])
+                if conversation == 0:
+                    evaluated.append(last.get("evaluated_tokens"))
+                messages.append({"role": "assistant", "content": text})
+        first_turn, last_turn = median(ttft[0]), median(ttft[-1])
+        results["conversations"] = args.conversations
+        results["ttft_turn1_ms"] = first_turn * 1000
+        results["ttft_turn%d_ms" % args.turns] = last_turn * 1000
+        results["ttft_ratio_turn%d_over_turn1" % args.turns] = last_turn / first_turn if first_turn > 0 else None
+        results["server_ttft_ms_per_turn"] = [round(median(x), 3) for x in server_ttft]
         results["evaluated_prompt_tokens_per_turn"] = evaluated
         results["final_prompt_tokens"] = engine.state()["last"]["prompt_tokens"]
         if args.image_model and args.projector:
