@@ -4,8 +4,9 @@
 // is downloaded through the library from a local stand-in for the hub. Every step is
 // worked through the window and saved as a screenshot.
 #include "AppDelegate.h"
-#include "FakeEngine.h"
+#include "LoopbackHub.h"
 #include "ScriptedFileChooser.h"
+#include "BuiltEngine.h"
 #include "TestHome.h"
 #include "TestModels.h"
 #include "ViewHarness.h"
@@ -75,11 +76,8 @@ private:
 private slots:
     void initTestCase()
     {
-        const QString engine = qEnvironmentVariable("VORN_ENGINE_PATH");
-        if (!QFileInfo(engine).isExecutable())
-            QFAIL("vorn-engine is not built next to the app");
+        QVERIFY2(BuiltEngine::use(), "vorn-engine is not built next to the app");
         QVERIFY(QFileInfo::exists(TestModels::path(QStringLiteral("stories260K.gguf"))));
-        EngineStore::setEngineLocationForTesting(engine);
     }
 
     void init()
@@ -207,19 +205,11 @@ private slots:
     void downloadThroughTheLibrary()
     {
         TestHome home;
-        QFile source(TestModels::path(QStringLiteral("stories260K.gguf")));
-        QVERIFY(source.open(QIODevice::ReadOnly));
-        const QByteArray contents = source.readAll();
-
+        const QByteArray contents = TestModels::contents(QStringLiteral("stories260K.gguf"));
+        QVERIFY(!contents.isEmpty());
         // The hub, on loopback: slow enough that the progress row is seen.
-        FakeEngine hub;
-        QVERIFY(hub.listen());
-        const QByteArray path = "/tester/tiny/resolve/main/tiny-stories.gguf";
-        hub.route("GET", path, [&](const RecordedRequest &request) {
-            return FakeResponse::file(contents, request, 16 * 1024, 60);
-        });
-        qputenv("HF_ENDPOINT", hub.baseURL().toString().toUtf8());
-        const auto unsetEndpoint = qScopeGuard([] { qunsetenv("HF_ENDPOINT"); });
+        LoopbackHub hub("/tester/tiny/resolve/main/tiny-stories.gguf", contents, 16 * 1024, 60);
+        QVERIFY(hub.listening());
 
         WindowDriver window;
         std::unique_ptr<AppDelegate> shell = launch(window);
@@ -228,7 +218,7 @@ private slots:
 
         window.click(window.item(QStringLiteral("headerLibraryButton")));
         QVERIFY(store.showLibrary());
-        const QString link = QStringLiteral("https://huggingface.co/tester/tiny/resolve/main/tiny-stories.gguf");
+        const QString link = hub.link();
         window.typeInto(window.item(QStringLiteral("downloadLinkField")), link);
         QCOMPARE(WindowDriver::text(window.item(QStringLiteral("downloadLinkField"))), link);
         window.click(window.item(QStringLiteral("downloadButton")));

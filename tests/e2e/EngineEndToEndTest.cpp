@@ -1,3 +1,4 @@
+#include "BuiltEngine.h"
 #include "TestHome.h"
 #include "TestModels.h"
 #include "engine/EngineStore.h"
@@ -20,11 +21,8 @@ class EngineEndToEndTest : public QObject {
 private slots:
     void initTestCase()
     {
-        const QString engine = qEnvironmentVariable("VORN_ENGINE_PATH");
-        if (!QFileInfo(engine).isExecutable())
-            QFAIL("vorn-engine is not built next to the app");
+        QVERIFY2(BuiltEngine::use(), "vorn-engine is not built next to the app");
         QVERIFY(QFileInfo::exists(TestModels::path(QStringLiteral("stories260K.gguf"))));
-        EngineStore::setEngineLocationForTesting(engine);
     }
 
     void chatWithTheTinyModel()

@@ -1,5 +1,7 @@
 #include "FakeEngine.h"
+#include "BuiltEngine.h"
 #include "TestHome.h"
+#include "LoopbackHub.h"
 #include "TestModels.h"
 #include "chat/MessageListModel.h"
 #include "engine/EngineStore.h"
@@ -40,10 +42,7 @@ private:
 private slots:
     void initTestCase()
     {
-        const QString engine = qEnvironmentVariable("VORN_ENGINE_PATH");
-        if (!QFileInfo(engine).isExecutable())
-            QFAIL("vorn-engine is not built next to the app");
-        EngineStore::setEngineLocationForTesting(engine);
+        QVERIFY2(BuiltEngine::use(), "vorn-engine is not built next to the app");
     }
 
     void engineKilledDuringAReply()
@@ -117,18 +116,11 @@ private slots:
     void downloadResumesAfterTheEngineIsKilled()
     {
         TestHome home;
-        QFile source(TestModels::path(QStringLiteral("stories260K.gguf")));
-        QVERIFY(source.open(QIODevice::ReadOnly));
-        const QByteArray contents = source.readAll();
-
-        FakeEngine hub;
-        QVERIFY(hub.listen());
-        const QByteArray path = "/test/tiny/resolve/main/tiny-stories.gguf";
-        hub.route("GET", path, [&](const RecordedRequest &request) {
-            return FakeResponse::file(contents, request, 8 * 1024, 40);
-        });
-        qputenv("HF_ENDPOINT", hub.baseURL().toString().toUtf8());
-        const QString link = QStringLiteral("https://huggingface.co") + QString::fromUtf8(path);
+        const QByteArray contents = TestModels::contents(QStringLiteral("stories260K.gguf"));
+        QVERIFY(!contents.isEmpty());
+        LoopbackHub hub("/test/tiny/resolve/main/tiny-stories.gguf", contents, 8 * 1024, 40);
+        QVERIFY(hub.listening());
+        const QString link = hub.link();
         const QString partFile = QDir(home.modelsFolder()).filePath(QStringLiteral("tiny-stories.gguf.part"));
 
         qint64 keptBytes = 0;
@@ -149,14 +141,14 @@ private slots:
             store.shutdown();
         }
 
-        hub.clearRequests();
+        hub.server().clearRequests();
         EngineStore store;
         store.start();
         QTRY_VERIFY_WITH_TIMEOUT(store.ready(), 15000);
         store.download(link);
         QTRY_VERIFY_WITH_TIMEOUT(hasModel(store, QStringLiteral("tiny-stories.gguf"), contents.size()), 30000);
         QVERIFY(!QFileInfo::exists(partFile));
-        const auto requests = hub.requestsTo(path);
+        const auto requests = hub.requests();
         QVERIFY(!requests.isEmpty());
         const QByteArray range = requests.first().header("Range");
         QVERIFY2(range.startsWith("bytes=") && range.endsWith('-'), range.constData());
@@ -167,7 +159,6 @@ private slots:
         QVERIFY(downloaded.open(QIODevice::ReadOnly));
         QVERIFY(downloaded.readAll() == contents);
         store.shutdown();
-        qunsetenv("HF_ENDPOINT");
     }
 
     void appKilledWhileSavingLeavesAReadableHistory()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QDir>
 #include <QFile>
 #include <QString>
@@ -17,6 +18,13 @@ inline bool linkInto(const QString &modelsFolder, const QString &name)
 {
     QDir().mkpath(modelsFolder);
     return QFile::link(path(name), QDir(modelsFolder).filePath(name));
+}
+
+// A shared model's bytes; empty when it cannot be read.
+inline QByteArray contents(const QString &name)
+{
+    QFile file(path(name));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 } // namespace TestModels

@@ -15,7 +15,7 @@ namespace {
 
 constexpr int textRole = Qt::UserRole + 3;
 
-// A list with a "text" role, like the message list.
+// A list with a "text" role, like the message fed.list.
 class TextList : public QStandardItemModel {
 public:
     explicit TextList(const QStringList &texts)
@@ -51,37 +51,41 @@ private:
         QTextDocument *document() const { return quickDocument->textDocument(); }
     };
 
+    // A view fed from one row of a fed.list.
+    struct Fed {
+        TextList list;
+        Document view;
+        StreamedText feed;
+        Fed(const QStringList &texts, int row) : list(texts)
+        {
+            feed.setModel(&list);
+            feed.setRow(row);
+            feed.setDocument(view.quickDocument);
+        }
+        QString shown() const { return view.document()->toPlainText(); }
+    };
+
 private slots:
     void showsItsRowAtOnce()
     {
-        TextList list({QStringLiteral("first"), QStringLiteral("second")});
-        Document view;
-        StreamedText feed;
-        feed.setModel(&list);
-        feed.setRow(1);
-        feed.setDocument(view.quickDocument);
-        QCOMPARE(view.document()->toPlainText(), QStringLiteral("second"));
-        QVERIFY(!view.document()->isUndoRedoEnabled());
+        Fed fed({QStringLiteral("first"), QStringLiteral("second")}, 1);
+        QCOMPARE(fed.shown(), QStringLiteral("second"));
+        QVERIFY(!fed.view.document()->isUndoRedoEnabled());
 
-        feed.setRow(0);
-        QCOMPARE(view.document()->toPlainText(), QStringLiteral("first"));
+        fed.feed.setRow(0);
+        QCOMPARE(fed.shown(), QStringLiteral("first"));
     }
 
     void growingTextIsAppendedOnTheNextFrame()
     {
-        TextList list({QStringLiteral("Once")});
-        Document view;
-        StreamedText feed;
-        feed.setModel(&list);
-        feed.setRow(0);
-        feed.setDocument(view.quickDocument);
-        QSignalSpy changes(view.document(), &QTextDocument::contentsChange);
+        Fed fed({QStringLiteral("Once")}, 0);
+        QSignalSpy changes(fed.view.document(), &QTextDocument::contentsChange);
 
-        list.setText(0, QStringLiteral("Once upon"));
-        list.setText(0, QStringLiteral("Once upon a time\nthere was"));
+        fed.list.setText(0, QStringLiteral("Once upon"));
+        fed.list.setText(0, QStringLiteral("Once upon a time\nthere was"));
         // Nothing is laid out per token: the growth waits for the frame.
-        QCOMPARE(view.document()->toPlainText(), QStringLiteral("Once"));
-        QTRY_COMPARE(view.document()->toPlainText(), QStringLiteral("Once upon a time\nthere was"));
+        QCOMPARE(fed.shown(), QStringLiteral("Once"));
+        QTRY_COMPARE(fed.shown(), QStringLiteral("Once upon a time\nthere was"));
         // One change, at the end: the first paragraph was left as it was.
         QCOMPARE(changes.size(), 1);
         QCOMPARE(changes.first().at(0).toInt(), 4);
@@ -90,40 +94,30 @@ private slots:
 
     void otherChangesReplaceTheTextAtOnce()
     {
-        TextList list({QStringLiteral("Hello world"), QStringLiteral("other")});
-        Document view;
-        StreamedText feed;
-        feed.setModel(&list);
-        feed.setRow(0);
-        feed.setDocument(view.quickDocument);
+        Fed fed({QStringLiteral("Hello world"), QStringLiteral("other")}, 0);
 
-        list.setText(0, QStringLiteral("Hello"));
-        QCOMPARE(view.document()->toPlainText(), QStringLiteral("Hello"));
-        list.setText(0, QStringLiteral("Goodbye, and more"));
-        QCOMPARE(view.document()->toPlainText(), QStringLiteral("Goodbye, and more"));
+        fed.list.setText(0, QStringLiteral("Hello"));
+        QCOMPARE(fed.shown(), QStringLiteral("Hello"));
+        fed.list.setText(0, QStringLiteral("Goodbye, and more"));
+        QCOMPARE(fed.shown(), QStringLiteral("Goodbye, and more"));
 
-        QSignalSpy changes(view.document(), &QTextDocument::contentsChange);
-        list.setText(1, QStringLiteral("another row"));
+        QSignalSpy changes(fed.view.document(), &QTextDocument::contentsChange);
+        fed.list.setText(1, QStringLiteral("another row"));
         QTest::qWait(3 * StreamedText::appendInterval);
         QCOMPARE(changes.size(), 0);
-        QCOMPARE(view.document()->toPlainText(), QStringLiteral("Goodbye, and more"));
+        QCOMPARE(fed.shown(), QStringLiteral("Goodbye, and more"));
     }
 
-    void rowsMovingUnderItAreFollowed()
+    void aResetShowsTheNewTextAtOnce()
     {
-        TextList list({QStringLiteral("a reply being written")});
-        Document view;
-        StreamedText feed;
-        feed.setModel(&list);
-        feed.setRow(0);
-        feed.setDocument(view.quickDocument);
-        list.setText(0, QStringLiteral("a reply being written, longer"));
+        Fed fed({QStringLiteral("a reply being written")}, 0);
+        fed.list.setText(0, QStringLiteral("a reply being written, longer"));
         // A reset (another conversation selected) shows the new text at once, even
         // though an append was waiting.
-        list.clear();
-        QCOMPARE(view.document()->toPlainText(), QString());
+        fed.list.clear();
+        QCOMPARE(fed.shown(), QString());
         QTest::qWait(3 * StreamedText::appendInterval);
-        QCOMPARE(view.document()->toPlainText(), QString());
+        QCOMPARE(fed.shown(), QString());
     }
 };
 
