@@ -90,10 +90,11 @@ class Engine:
         total = time.perf_counter() - t0
         return (first if first is not None else total), total, "".join(text)
 
-    def rss_mb(self):
+    def rss_mb(self, field="VmRSS"):
+        """Resident memory; field RssFile gives the part that maps files (the model)."""
         with open("/proc/%d/status" % self.proc.pid) as f:
             for line in f:
-                if line.startswith("VmRSS:"):
+                if line.startswith(field + ":"):
                     return int(line.split()[1]) / 1024
         return float("nan")
 
@@ -185,6 +186,7 @@ def main():
         st = engine.state()
         results["backend"] = st.get("backend")
         results["model_rss_mb"] = round(engine.rss_mb(), 1)
+        results["model_rss_file_mb"] = round(engine.rss_mb("RssFile"), 1)
 
         # Decode: greedy, a fixed number of tokens, fresh prompt each time.
         decode, prefill = [], []
