@@ -3,6 +3,37 @@
 #include "chat/ConversationListModel.h"
 #include "model/Conversation.h"
 
+namespace {
+
+// Case-folded UTF-8. Most text is ASCII, where folding is lowering A to Z; anything
+// else takes the full Unicode folding.
+QByteArray fold(const QString &text)
+{
+    QByteArray bytes = text.toUtf8();
+    for (char &byte : bytes) {
+        if (static_cast<unsigned char>(byte) >= 0x80)
+            return text.toCaseFolded().toUtf8();
+        if (byte >= 'A' && byte <= 'Z')
+            byte = static_cast<char>(byte + ('a' - 'A'));
+    }
+    return bytes;
+}
+
+// The zero byte ends every text in the folded form, so a search that holds one could
+// match across texts; such a search is checked text by text instead.
+bool containsPerText(const Conversation &conversation, const QString &search)
+{
+    if (conversation.title.contains(search, Qt::CaseInsensitive))
+        return true;
+    for (const ChatMessage &message : conversation.messages) {
+        if (message.text.contains(search, Qt::CaseInsensitive))
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
 ConversationFilter::ConversationFilter(QObject *parent) : QSortFilterProxyModel(parent)
 {
     // Titles and texts change while a reply streams; a row is checked again then.
@@ -17,7 +48,18 @@ void ConversationFilter::setStore(EngineStore *store)
 {
     if (m_store == store)
         return;
+    if (m_store)
+        m_store->conversationList()->disconnect(this);
+    forgetAll();
     m_store = store;
+    if (store) {
+        // Connected before the proxy's own handlers, so a changed row is folded again
+        // before it is checked.
+        QAbstractItemModel *list = store->conversationList();
+        connect(list, &QAbstractItemModel::dataChanged, this, &ConversationFilter::forgetRows);
+        connect(list, &QAbstractItemModel::modelAboutToBeReset, this, &ConversationFilter::forgetAll);
+        connect(list, &QAbstractItemModel::rowsAboutToBeRemoved, this, &ConversationFilter::forgetAll);
+    }
     setSourceModel(store ? store->conversationList() : nullptr);
     emit storeChanged();
     emit countChanged();
@@ -27,7 +69,12 @@ void ConversationFilter::setSearch(const QString &search)
 {
     if (m_search == search)
         return;
+    const QByteArray folded = fold(search);
+    // What did not contain the old text cannot contain a text that includes it.
+    if (m_foldedSearch.isEmpty() || !folded.contains(m_foldedSearch))
+        m_rejected.clear();
     m_search = search;
+    m_foldedSearch = folded;
     invalidateFilter();
     emit searchChanged();
     emit countChanged();
@@ -37,13 +84,28 @@ bool ConversationFilter::matches(const Conversation &conversation, const QString
 {
     if (search.isEmpty())
         return true;
-    if (conversation.title.contains(search, Qt::CaseInsensitive))
-        return true;
+    if (search.contains(QChar(0)))
+        return containsPerText(conversation, search);
+    return foldedText(conversation).contains(fold(search));
+}
+
+QByteArray ConversationFilter::foldedText(const Conversation &conversation)
+{
+    QByteArray text = fold(conversation.title);
+    text.append('\0');
     for (const ChatMessage &message : conversation.messages) {
-        if (message.text.contains(search, Qt::CaseInsensitive))
-            return true;
+        text.append(fold(message.text));
+        text.append('\0');
     }
-    return false;
+    return text;
+}
+
+const QByteArray &ConversationFilter::cachedFoldedText(const Conversation &conversation) const
+{
+    auto found = m_folded.find(conversation.id);
+    if (found == m_folded.end())
+        found = m_folded.insert(conversation.id, foldedText(conversation));
+    return *found;
 }
 
 bool ConversationFilter::filterAcceptsRow(int sourceRow, const QModelIndex &) const
@@ -52,5 +114,32 @@ bool ConversationFilter::filterAcceptsRow(int sourceRow, const QModelIndex &) co
         return true;
     if (!m_store || sourceRow < 0 || sourceRow >= m_store->conversations().size())
         return false;
-    return matches(m_store->conversations().at(sourceRow), m_search);
+    const Conversation &conversation = m_store->conversations().at(sourceRow);
+    if (m_search.contains(QChar(0)))
+        return containsPerText(conversation, m_search);
+    if (m_rejected.contains(conversation.id))
+        return false;
+    if (cachedFoldedText(conversation).contains(m_foldedSearch))
+        return true;
+    m_rejected.insert(conversation.id);
+    return false;
+}
+
+void ConversationFilter::forgetRows(const QModelIndex &first, const QModelIndex &last)
+{
+    if (!m_store)
+        return;
+    const auto &conversations = m_store->conversations();
+    for (int row = first.row(); row <= last.row() && row < conversations.size(); ++row) {
+        if (row < 0)
+            continue;
+        m_folded.remove(conversations.at(row).id);
+        m_rejected.remove(conversations.at(row).id);
+    }
+}
+
+void ConversationFilter::forgetAll()
+{
+    m_folded.clear();
+    m_rejected.clear();
 }

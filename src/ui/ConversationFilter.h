@@ -2,8 +2,12 @@
 
 #include "engine/EngineStore.h"
 
+#include <QByteArray>
+#include <QHash>
 #include <QPointer>
+#include <QSet>
 #include <QSortFilterProxyModel>
+#include <QUuid>
 #include <QtQml/qqmlregistration.h>
 
 struct Conversation;
@@ -11,6 +15,10 @@ struct Conversation;
 // The sidebar's conversation list narrowed by the search text: a conversation stays
 // when its title, or failing that one of its messages, contains the text in any case.
 // The store's order is kept; an empty search keeps everything.
+//
+// A keystroke must filter a large history within a few milliseconds, so each
+// conversation's text is case-folded once (as UTF-8) and kept until it changes, and a
+// search that extends the previous one only looks again at what still matched.
 class ConversationFilter : public QSortFilterProxyModel {
     Q_OBJECT
     QML_ELEMENT
@@ -27,6 +35,8 @@ public:
     int count() const { return rowCount(); }
 
     static bool matches(const Conversation &conversation, const QString &search);
+    // Title and messages, case-folded, as UTF-8, each followed by a zero byte.
+    static QByteArray foldedText(const Conversation &conversation);
 
 signals:
     void storeChanged();
@@ -37,6 +47,15 @@ protected:
     bool filterAcceptsRow(int sourceRow, const QModelIndex &sourceParent) const override;
 
 private:
+    void forgetRows(const QModelIndex &first, const QModelIndex &last);
+    void forgetAll();
+    const QByteArray &cachedFoldedText(const Conversation &conversation) const;
+
     QPointer<EngineStore> m_store;
     QString m_search;
+    QByteArray m_foldedSearch;
+    mutable QHash<QUuid, QByteArray> m_folded;
+    // Conversations known not to contain m_search; they cannot contain a longer search
+    // that includes it either.
+    mutable QSet<QUuid> m_rejected;
 };

@@ -60,6 +60,49 @@ private slots:
         QCOMPARE(titles(filter), (QStringList{"New conversation", "Alpha", "Beta", "Gamma"}));
     }
 
+    void narrowingAsYouTypeStillSeesChangedConversations()
+    {
+        TestHome home;
+        HistoryFile::prepareFolder(home.dataFolder());
+        QVERIFY(HistoryFile::save(home.historyFile(),
+                                  {ViewHarness::conversation("Alpha", {"hello", "plain words"}),
+                                   ViewHarness::conversation("Beta", {"zebra crossing", "ok"})}));
+        EngineStore store;
+        ConversationFilter filter;
+        filter.setStore(&store);
+        filter.setSearch(QStringLiteral("ze"));
+        QCOMPARE(titles(filter), QStringList{"Beta"});
+        // Alpha was passed over for "ze"; its reply now holds the word, and the longer
+        // search must find it.
+        const Conversation alpha = store.conversations().first();
+        store.setSelectedID(alpha.id);
+        store.updateAssistant(alpha.messages.last().id, QStringLiteral("a ZEBRA at last"));
+        QCOMPARE(titles(filter), (QStringList{"Alpha", "Beta"}));
+        filter.setSearch(QStringLiteral("zeb"));
+        QCOMPARE(titles(filter), (QStringList{"Alpha", "Beta"}));
+        filter.setSearch(QStringLiteral("zebra c"));
+        QCOMPARE(titles(filter), QStringList{"Beta"});
+        // Deleting back widens the search again.
+        filter.setSearch(QStringLiteral("zebra"));
+        QCOMPARE(titles(filter), (QStringList{"Alpha", "Beta"}));
+        filter.setSearch(QStringLiteral("hello"));
+        QCOMPARE(titles(filter), QStringList{"Alpha"});
+    }
+
+    void aMatchNeverSpansTwoTexts()
+    {
+        const Conversation conversation = ViewHarness::conversation("Title", {"first", "second"});
+        QVERIFY(!ConversationFilter::matches(conversation, QStringLiteral("first second")));
+        QVERIFY(!ConversationFilter::matches(conversation, QStringLiteral("first") + QChar(0) + QStringLiteral("second")));
+        QVERIFY(!ConversationFilter::matches(conversation, QStringLiteral("title") + QChar(0)));
+        QVERIFY(ConversationFilter::matches(conversation, QStringLiteral("irs")));
+        // Non-ASCII text folds too, in the text and in the search.
+        const Conversation accents = ViewHarness::conversation(QString::fromUtf8("CafÉ notes"), {QString::fromUtf8("ÅNGSTRÖM units")});
+        QVERIFY(ConversationFilter::matches(accents, QString::fromUtf8("café")));
+        QVERIFY(ConversationFilter::matches(accents, QString::fromUtf8("ångström")));
+        QVERIFY(ConversationFilter::matches(accents, QString::fromUtf8("STRÖM UNITS")));
+    }
+
     void aLargeHistoryFiltersCorrectly()
     {
         TestHome home;
