@@ -193,6 +193,17 @@ impl<R: Read + Seek> Reader<R> {
 }
 
 /// Parses a GGUF header from any seekable source of `len` bytes.
+/// The projector tensors whose outer dimension is the width of the text model the
+/// projector feeds, in the order they are looked for.
+pub const PROJECTION_TENSORS: [&str; 6] = [
+    "mm.input_projection.weight",
+    "mm.2.weight",
+    "mm.model.fc.weight",
+    "mm.1.weight",
+    "mm.0.weight",
+    "mm.fc.weight",
+];
+
 pub fn parse<R: Read + Seek>(inner: R, len: u64) -> Result<Header, GgufError> {
     let mut r = Reader { inner, pos: 0, len };
     if &r.bytes::<4>()? != b"GGUF" {
@@ -302,15 +313,7 @@ impl Header {
             return Some(v);
         }
         // Otherwise it is the outer dimension of the last projection matrix.
-        const NAMES: [&str; 6] = [
-            "mm.input_projection.weight",
-            "mm.2.weight",
-            "mm.model.fc.weight",
-            "mm.1.weight",
-            "mm.0.weight",
-            "mm.fc.weight",
-        ];
-        for name in NAMES {
+        for name in PROJECTION_TENSORS {
             if let Some(t) = self.tensors.iter().find(|t| t.name == name) {
                 if name == "mm.input_projection.weight" {
                     // Stored transposed: [vision width, text width].

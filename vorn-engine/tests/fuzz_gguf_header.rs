@@ -35,16 +35,12 @@ const KEYS: [&str; 12] = [
     "",
 ];
 const ARCHITECTURES: [&str; 4] = ["llama", "clip", "gemma3", ""];
-const TENSORS: [&str; 8] = [
-    "token_embd.weight",
-    "mm.input_projection.weight",
-    "mm.2.weight",
-    "mm.model.fc.weight",
-    "mm.1.weight",
-    "mm.0.weight",
-    "mm.fc.weight",
-    "output.weight",
-];
+/// Tensor names the reader looks for, besides the projector's.
+const TENSORS: [&str; 2] = ["token_embd.weight", "output.weight"];
+
+fn tensor_names() -> impl Iterator<Item = &'static &'static str> {
+    TENSORS.iter().chain(&gguf::PROJECTION_TENSORS)
+}
 
 fn parse_bytes(data: &[u8], len: u64) -> Result<Header, gguf::GgufError> {
     // Buffered like `read_file`, so that skips go through the same seeks.
@@ -210,7 +206,8 @@ fn generate_header(rng: &mut Rng) -> Vec<u8> {
         let name = if rng.one_in(6) {
             random_text(rng)
         } else {
-            rng.pick(&TENSORS).as_bytes().to_vec()
+            let names: &[&str] = if rng.one_in(4) { &TENSORS } else { &gguf::PROJECTION_TENSORS };
+            rng.pick(names).as_bytes().to_vec()
         };
         put_string(&mut out, rng, &name);
         let dims = rng.below(6);
@@ -438,7 +435,7 @@ impl Target for GgufTarget {
         for ty in [8u32, 9, 10, 12, 13] {
             words.push(ty.to_le_bytes().to_vec());
         }
-        for text in KEYS.iter().chain(&ARCHITECTURES).chain(&TENSORS) {
+        for text in KEYS.iter().chain(&ARCHITECTURES).chain(tensor_names()) {
             let mut w = (text.len() as u64).to_le_bytes().to_vec();
             w.extend_from_slice(text.as_bytes());
             words.push(w);
