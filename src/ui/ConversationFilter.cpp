@@ -100,6 +100,14 @@ QByteArray ConversationFilter::foldedText(const Conversation &conversation)
     return text;
 }
 
+void ConversationFilter::prepare()
+{
+    if (!m_store)
+        return;
+    for (const Conversation &conversation : m_store->conversations())
+        cachedFoldedText(conversation);
+}
+
 const QByteArray &ConversationFilter::cachedFoldedText(const Conversation &conversation) const
 {
     auto found = m_folded.find(conversation.id);

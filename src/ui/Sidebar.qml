@@ -86,6 +86,9 @@ Rectangle {
             objectName: "searchField"
             Layout.fillWidth: true
             placeholderText: "Search conversations"
+            // Typing is likely next: the texts are folded for searching now, not on the
+            // first key.
+            onActiveFocusChanged: if (activeFocus) conversationFilter.prepare()
         }
 
         Label {
@@ -107,6 +110,7 @@ Rectangle {
             spacing: 2
             boundsBehavior: Flickable.StopAtBounds
             model: ConversationFilter {
+                id: conversationFilter
                 objectName: "conversationFilter"
                 engineStore: store
                 search: searchField.text

@@ -70,6 +70,8 @@ private slots:
         EngineStore store;
         ConversationFilter filter;
         filter.setStore(&store);
+        // Folded ahead, as when the search field takes the focus.
+        filter.prepare();
         filter.setSearch(QStringLiteral("ze"));
         QCOMPARE(titles(filter), QStringList{"Beta"});
         // Alpha was passed over for "ze"; its reply now holds the word, and the longer
