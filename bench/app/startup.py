@@ -27,7 +27,8 @@ import time
 import urllib.request
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-REPO = os.path.abspath(os.path.join(HERE, "..", ".."))
+sys.path.insert(0, os.path.dirname(HERE))
+from engine_process import REPO, rss_mb  # noqa: E402
 TINY_MODEL = os.path.join(REPO, "..", "shared", "models", "stories260K.gguf")
 READY = "Ready on this computer"
 
@@ -113,14 +114,6 @@ class App:
             if os.path.exists(f"/proc/{engine}"):
                 os.kill(engine, signal.SIGTERM)
         shutil.rmtree(self.home, ignore_errors=True)
-
-
-def rss_mb(pid):
-    with open(f"/proc/{pid}/status") as f:
-        for line in f:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1]) / 1024
-    return float("nan")
 
 
 def engine_port(pid):

@@ -11,60 +11,17 @@ import argparse
 import json
 import os
 import shutil
-import socket
-import subprocess
 import sys
 import tempfile
 import time
 import urllib.request
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-REPO = os.path.abspath(os.path.join(HERE, "..", ".."))
+sys.path.insert(0, os.path.dirname(HERE))
+from engine_process import REPO, EngineProcess, default_binary  # noqa: E402
 
 
-def default_binary():
-    target = os.environ.get("CARGO_TARGET_DIR", os.path.expanduser("~/.cache/vorn/cargo-target"))
-    for cand in (os.path.join(target, "release", "vorn-engine"),
-                 os.path.join(REPO, "vorn-engine", "target", "release", "vorn-engine")):
-        if os.path.exists(cand):
-            return cand
-    return None
-
-
-def free_port():
-    s = socket.socket()
-    s.bind(("127.0.0.1", 0))
-    port = s.getsockname()[1]
-    s.close()
-    return port
-
-
-class Engine:
-    def __init__(self, binary, models_dir):
-        self.port = free_port()
-        self.proc = subprocess.Popen(
-            [binary, "app", "--port", str(self.port), "--models-dir", models_dir, "--no-open"],
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.base = "http://127.0.0.1:%d" % self.port
-        deadline = time.time() + 20
-        while time.time() < deadline:
-            try:
-                self.state()
-                return
-            except OSError:
-                time.sleep(0.05)
-        raise SystemExit("engine did not start")
-
-    def call(self, path, body=None, timeout=600):
-        data = None if body is None else json.dumps(body).encode()
-        req = urllib.request.Request(self.base + path, data=data, headers={
-            "Content-Type": "application/json", "X-Vorn-App": "1"})
-        with urllib.request.urlopen(req, timeout=timeout) as r:
-            return json.load(r)
-
-    def state(self):
-        return self.call("/api/state")
-
+class Engine(EngineProcess):
     def stream(self, body):
         """Returns (seconds to the first content delta, seconds in all)."""
         body = dict(body, stream=True)
@@ -89,18 +46,6 @@ class Engine:
                     text.append(content)
         total = time.perf_counter() - t0
         return (first if first is not None else total), total, "".join(text)
-
-    def rss_mb(self, field="VmRSS"):
-        """Resident memory; field RssFile gives the part that maps files (the model)."""
-        with open("/proc/%d/status" % self.proc.pid) as f:
-            for line in f:
-                if line.startswith(field + ":"):
-                    return int(line.split()[1]) / 1024
-        return float("nan")
-
-    def stop(self):
-        self.proc.terminate()
-        self.proc.wait(timeout=20)
 
 
 def png_bytes(w, h, seed):

@@ -19,8 +19,6 @@ import json
 import os
 import shutil
 import signal
-import socket
-import subprocess
 import sys
 import tempfile
 import threading
@@ -28,14 +26,9 @@ import time
 import urllib.request
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-REPO = os.path.abspath(os.path.join(HERE, "..", ".."))
+sys.path.insert(0, os.path.dirname(HERE))
+from engine_process import REPO, EngineProcess as Engine, free_port  # noqa: E402
 MODEL = os.path.join(REPO, "..", "shared", "models", "stories260K.gguf")
-
-
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
 
 
 class FileHandler(http.server.BaseHTTPRequestHandler):
@@ -75,43 +68,6 @@ class FileHandler(http.server.BaseHTTPRequestHandler):
                         time.sleep(self.throttle)
         except (BrokenPipeError, ConnectionResetError):
             pass
-
-
-class Engine:
-    def __init__(self, binary, models, env=None):
-        self.port = free_port()
-        self.process = subprocess.Popen(
-            [binary, "app", "--port", str(self.port), "--models-dir", models, "--no-open"],
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=env)
-        deadline = time.time() + 20
-        while time.time() < deadline:
-            try:
-                self.state()
-                return
-            except OSError:
-                time.sleep(0.05)
-        raise RuntimeError("engine did not answer")
-
-    def call(self, path, body=None):
-        data = None if body is None else json.dumps(body).encode()
-        request = urllib.request.Request(f"http://127.0.0.1:{self.port}/{path}", data=data,
-                                         headers={"Content-Type": "application/json", "X-Vorn-App": "1"})
-        with urllib.request.urlopen(request, timeout=180) as reply:
-            return json.loads(reply.read() or b"{}")
-
-    def state(self):
-        return self.call("api/state")
-
-    def rss_mb(self):
-        with open(f"/proc/{self.process.pid}/status") as f:
-            for line in f:
-                if line.startswith("VmRSS:"):
-                    return int(line.split()[1]) / 1024
-        return 0.0
-
-    def stop(self, sig=signal.SIGTERM):
-        self.process.send_signal(sig)
-        self.process.wait(timeout=20)
 
 
 def sha256(path):
