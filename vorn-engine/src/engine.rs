@@ -366,6 +366,10 @@ fn load_and_serve(
     shared: &Arc<Shared>,
 ) -> Option<Command> {
     *lock(&shared.loaded) = None;
+    if let Some(why) = crate::cpu_backend::failure() {
+        let _ = reply.send(Err(EngineError::new(500, why)));
+        return None;
+    }
     // Our own bounds-checked reader looks at the header before llama.cpp does.
     let header = match crate::gguf::read_file(&req.path) {
         Ok(h) => h,

@@ -1,6 +1,7 @@
 //! The engine's parts as a library, so that tests and fuzz targets can drive
 //! the parsers and the HTTP router in-process. The binary is `src/main.rs`.
 
+pub mod cpu_backend;
 pub mod download;
 pub mod engine;
 mod ffi;

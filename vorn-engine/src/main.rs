@@ -1,7 +1,7 @@
 //! vorn-engine: the local inference server that the Vorn app launches.
 
 use axum::serve::ListenerExt as _;
-use vorn_engine::{download, engine, server, state};
+use vorn_engine::{cpu_backend, download, engine, server, state};
 
 use std::path::PathBuf;
 use std::sync::atomic::Ordering;
@@ -106,6 +106,7 @@ async fn shutdown_signal() {
 
 fn main() {
     let args: Vec<String> = std::env::args().skip(1).collect();
+    cpu_backend::load();
     if (2..=3).contains(&args.len()) && args[0] == engine::PROBE_FLAG {
         // Runs in a child process so that a file which makes llama.cpp
         // abort takes down only the probe, never the engine.

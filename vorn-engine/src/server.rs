@@ -171,6 +171,7 @@ async fn state(State(app): State<App>) -> ApiResult {
             "ctx": loaded.as_ref().map(|l| l.ctx as i64).unwrap_or(0),
             "vision": loaded.as_ref().map(|l| l.vision).unwrap_or(false),
             "projector": loaded.as_ref().and_then(|l| l.projector.clone()),
+            "cpu_variant": crate::cpu_backend::variant(),
             "models": shared.list_models(),
             "downloads": shared.download_states(),
             "last": last,
