@@ -1,4 +1,5 @@
-# Builds vorn-engine with cargo (release profile) and puts it next to the vorn executable.
+# Builds vorn-engine with cargo (release profile) and puts it next to the vorn executable,
+# with the llama.cpp libraries and backend modules it loads from its own folder.
 # Cargo keeps its own incremental state; its target folder lives outside the source tree
 # (override with CARGO_TARGET_DIR) so fresh clones reuse the compiled llama.cpp.
 find_program(CARGO_PROGRAM cargo HINTS $ENV{HOME}/.cargo/bin REQUIRED)
@@ -25,6 +26,9 @@ if(EXISTS ${VORN_ENGINE_MANIFEST})
     COMMAND ${CMAKE_COMMAND} -E copy_if_different
             ${VORN_CARGO_TARGET_DIR}/release/vorn-engine${CMAKE_EXECUTABLE_SUFFIX}
             ${VORN_BIN_DIR}/vorn-engine${CMAKE_EXECUTABLE_SUFFIX}
+    # llama.cpp's libraries and backend modules (CPU variants, GPU backends) go beside it.
+    COMMAND ${CMAKE_COMMAND} -DFROM=${VORN_CARGO_TARGET_DIR}/release -DTO=${VORN_BIN_DIR}
+            -P ${CMAKE_SOURCE_DIR}/cmake/CopyEngineRuntime.cmake
     WORKING_DIRECTORY ${CMAKE_SOURCE_DIR}/vorn-engine
     USES_TERMINAL
     COMMENT "Building vorn-engine with cargo")

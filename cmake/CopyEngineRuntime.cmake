@@ -1,0 +1,47 @@
+# cmake -DFROM=<cargo profile folder> -DTO=<bin folder> -P CopyEngineRuntime.cmake
+# Copies the llama.cpp libraries and backend modules that vorn-engine's build script
+# listed in vorn-engine-runtime.txt beside the engine, keeping versioned library links
+# as links, and removes those an earlier build listed that this one does not (a backend
+# of another feature set must not be loaded with this engine).
+cmake_minimum_required(VERSION 3.21)
+set(manifest_name vorn-engine-runtime.txt)
+set(listed "")
+if(EXISTS ${FROM}/${manifest_name})
+  file(STRINGS ${FROM}/${manifest_name} lines REGEX "^file ")
+  foreach(line IN LISTS lines)
+    string(REGEX REPLACE "^file " "" name "${line}")
+    list(APPEND listed ${name})
+  endforeach()
+endif()
+
+if(EXISTS ${TO}/${manifest_name})
+  file(STRINGS ${TO}/${manifest_name} lines REGEX "^file ")
+  foreach(line IN LISTS lines)
+    string(REGEX REPLACE "^file " "" name "${line}")
+    if(NOT name IN_LIST listed)
+      file(REMOVE ${TO}/${name})
+    endif()
+  endforeach()
+endif()
+
+foreach(name IN LISTS listed)
+  if(IS_SYMLINK ${FROM}/${name})
+    file(READ_SYMLINK ${FROM}/${name} link)
+    set(current "")
+    if(IS_SYMLINK ${TO}/${name})
+      file(READ_SYMLINK ${TO}/${name} current)
+    endif()
+    if(NOT current STREQUAL link)
+      file(REMOVE ${TO}/${name})
+      file(CREATE_LINK ${link} ${TO}/${name} SYMBOLIC)
+    endif()
+  else()
+    file(COPY_FILE ${FROM}/${name} ${TO}/${name} ONLY_IF_DIFFERENT)
+  endif()
+endforeach()
+
+if(EXISTS ${FROM}/${manifest_name})
+  file(COPY_FILE ${FROM}/${manifest_name} ${TO}/${manifest_name} ONLY_IF_DIFFERENT)
+elseif(EXISTS ${TO}/${manifest_name})
+  file(REMOVE ${TO}/${manifest_name})
+endif()
