@@ -130,6 +130,7 @@ def main():
         engine.call("/api/load", {"name": name, "gpu": True, "ctx": args.ctx})
         st = engine.state()
         results["backend"] = st.get("backend")
+        results["cpu_variant"] = st.get("cpu_variant")
         results["model_rss_mb"] = round(engine.rss_mb(), 1)
         results["model_rss_file_mb"] = round(engine.rss_mb("RssFile"), 1)
 
@@ -151,6 +152,8 @@ def main():
         results["decode_tps"] = median(decode)
         results["prefill_tps"] = median(prefill)
         results["prefill_prompt_tokens"] = last["prompt_tokens"]
+        # What the last prefill evaluated; the rest of its prompt came from the cache.
+        results["prefill_evaluated_tokens"] = last["evaluated_tokens"]
 
         # Follow-up turns: time to first token of turn N against turn 1, the median over
         # several conversations, each opening with its own words so none reuses another.
