@@ -30,6 +30,18 @@ pub struct App {
     pub downloads: download::Downloader,
 }
 
+impl App {
+    /// The state, the inference thread and the downloader for one models folder.
+    pub fn new(dir: std::path::PathBuf, port: u16) -> App {
+        let shared = Arc::new(Shared::new(dir, port));
+        App {
+            engine: Arc::new(Mutex::new(crate::engine::spawn(shared.clone()))),
+            downloads: download::Downloader::new(shared.clone()),
+            shared,
+        }
+    }
+}
+
 #[derive(Debug)]
 pub struct ApiError(pub StatusCode, pub String);
 

@@ -206,7 +206,11 @@ fn generate_header(rng: &mut Rng) -> Vec<u8> {
         let name = if rng.one_in(6) {
             random_text(rng)
         } else {
-            let names: &[&str] = if rng.one_in(4) { &TENSORS } else { &gguf::PROJECTION_TENSORS };
+            let names: &[&str] = if rng.one_in(4) {
+                &TENSORS
+            } else {
+                &gguf::PROJECTION_TENSORS
+            };
             rng.pick(names).as_bytes().to_vec()
         };
         put_string(&mut out, rng, &name);
