@@ -5,7 +5,6 @@
 //! interrupted or failed download never leaves a file under its final name.
 
 use crate::names;
-use crate::server::ApiError;
 use crate::state::{lock, Download, Shared};
 use reqwest::header::{
     HeaderMap, AUTHORIZATION, CONTENT_LENGTH, CONTENT_RANGE, ETAG, LOCATION, RANGE,
@@ -20,6 +19,39 @@ use tokio::io::{AsyncReadExt, AsyncWriteExt};
 
 const HUB: &str = "https://huggingface.co";
 const MAX_REDIRECTS: usize = 10;
+
+/// Why a download was not started.
+#[derive(Debug, Clone, PartialEq, Eq)]
+pub enum DownloadError {
+    BadName,
+    InvalidLink,
+    NotHubLink,
+    ShuttingDown,
+    /// A file (or link, or folder) of that name is in the models folder.
+    InFolder(String),
+    AlreadyDownloading(String),
+}
+
+impl std::fmt::Display for DownloadError {
+    fn fmt(&self, f: &mut std::fmt::Formatter<'_>) -> std::fmt::Result {
+        match self {
+            DownloadError::BadName => {
+                f.write_str("The name must be a plain file name ending in .gguf.")
+            }
+            DownloadError::InvalidLink => f.write_str("The download link is not a valid URL."),
+            DownloadError::NotHubLink => {
+                f.write_str("Only https links to the Hugging Face hub can be downloaded.")
+            }
+            DownloadError::ShuttingDown => f.write_str("The engine is shutting down."),
+            DownloadError::InFolder(name) => {
+                write!(f, "A model named {name} is already in the folder.")
+            }
+            DownloadError::AlreadyDownloading(name) => write!(f, "{name} is already downloading."),
+        }
+    }
+}
+
+impl std::error::Error for DownloadError {}
 
 #[derive(Clone)]
 pub struct Downloader {
@@ -103,9 +135,8 @@ impl Downloader {
     }
 
     /// Checks a link and maps it onto the configured hub address.
-    pub fn resolve(&self, link: &str) -> Result<Url, String> {
-        let url =
-            Url::parse(link).map_err(|_| "The download link is not a valid URL.".to_string())?;
+    pub fn resolve(&self, link: &str) -> Result<Url, DownloadError> {
+        let url = Url::parse(link).map_err(|_| DownloadError::InvalidLink)?;
         let official = Url::parse(HUB).expect("hub address");
         if same_origin(&url, &self.hub) {
             return Ok(url);
@@ -124,38 +155,28 @@ impl Downloader {
                 mapped.push('?');
                 mapped.push_str(q);
             }
-            return Url::parse(&mapped)
-                .map_err(|_| "The download link is not a valid URL.".to_string());
+            return Url::parse(&mapped).map_err(|_| DownloadError::InvalidLink);
         }
-        Err("Only https links to the Hugging Face hub can be downloaded.".into())
+        Err(DownloadError::NotHubLink)
     }
 
-    pub fn start(&self, name: &str, link: &str) -> Result<(), ApiError> {
+    pub fn start(&self, name: &str, link: &str) -> Result<(), DownloadError> {
         if !names::is_download_name(name) {
-            return Err(ApiError::new(
-                400,
-                "The name must be a plain file name ending in .gguf.",
-            ));
+            return Err(DownloadError::BadName);
         }
-        let url = self.resolve(link).map_err(|e| ApiError::new(400, e))?;
+        let url = self.resolve(link)?;
         if self.shared.shutting_down.load(Ordering::Relaxed) {
-            return Err(ApiError::new(503, "The engine is shutting down."));
+            return Err(DownloadError::ShuttingDown);
         }
         let target = self.shared.dir.join(name);
         if std::fs::symlink_metadata(&target).is_ok() {
-            return Err(ApiError::new(
-                409,
-                format!("A model named {name} is already in the folder."),
-            ));
+            return Err(DownloadError::InFolder(name.to_string()));
         }
         let cancel = Arc::new(AtomicBool::new(false));
         {
             let mut downloads = lock(&self.shared.downloads);
             if downloads.contains_key(name) {
-                return Err(ApiError::new(
-                    409,
-                    format!("{name} is already downloading."),
-                ));
+                return Err(DownloadError::AlreadyDownloading(name.to_string()));
             }
             let part = part_path(&self.shared.dir, name);
             let bytes = std::fs::metadata(&part)

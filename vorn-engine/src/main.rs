@@ -1,11 +1,9 @@
 //! vorn-engine: the local inference server that the Vorn app launches.
 
 use axum::serve::ListenerExt as _;
-use vorn_engine::{download, engine, server, state};
+use vorn_engine::{engine, server};
 
 use std::path::PathBuf;
-use std::sync::atomic::Ordering;
-use std::sync::{Arc, Mutex};
 
 const USAGE: &str = "usage: vorn-engine app --port <port> --models-dir <path> [--no-open]\n       vorn-engine --version";
 
@@ -159,15 +157,8 @@ async fn run(args: Args) -> i32 {
             return 1;
         }
     };
-    let shared = Arc::new(state::Shared::new(args.dir.clone(), args.port));
-    let engine = engine::spawn(shared.clone());
-    let downloads = download::Downloader::new(shared.clone());
-    let app = server::App {
-        shared: shared.clone(),
-        engine: Arc::new(Mutex::new(engine)),
-        downloads: downloads.clone(),
-    };
-    let router = server::router(app);
+    let app = server::App::new(args.dir.clone(), args.port);
+    let router = server::router(app.clone());
     // Replies stream as many small writes; with Nagle's algorithm each one after the
     // first can wait for the app's delayed acknowledgement, up to 40 ms.
     let listener = listener.tap_io(|stream| {
@@ -185,8 +176,7 @@ async fn run(args: Args) -> i32 {
         }
         _ = shutdown_signal() => {}
     }
-    shared.shutting_down.store(true, Ordering::Relaxed);
-    downloads.stop_all().await;
+    app.shut_down().await;
     0
 }
 

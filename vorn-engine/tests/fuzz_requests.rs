@@ -18,9 +18,8 @@ use fuzzing::rng::Rng;
 use fuzzing::{memory, shape, Target};
 use serde_json::{json, Value};
 use std::path::PathBuf;
-use std::sync::{Arc, Mutex};
 use tower::ServiceExt;
-use vorn_engine::{download, engine, server, state};
+use vorn_engine::{engine, server};
 
 const PORT: u16 = 4000;
 const HOST: &str = "127.0.0.1:4000";
@@ -490,17 +489,10 @@ impl RequestTarget {
             .enable_all()
             .build()
             .expect("runtime");
-        let shared = Arc::new(state::Shared::new(dir.clone(), PORT));
-        let engine = engine::spawn(shared.clone());
-        let downloads = {
+        let router = {
             let _inside = runtime.enter();
-            download::Downloader::new(shared.clone())
+            server::router(server::App::new(dir.clone(), PORT))
         };
-        let router = server::router(server::App {
-            shared,
-            engine: Arc::new(Mutex::new(engine)),
-            downloads,
-        });
         RequestTarget {
             runtime,
             router,

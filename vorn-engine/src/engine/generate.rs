@@ -1,0 +1,203 @@
+//! One reply: fit and evaluate the prompt, then sample tokens until the
+//! model stops, a stop string or the limit is reached, or the client leaves.
+
+use super::prefill::{Key, PrefillError};
+use super::session::Session;
+use super::{ChatJob, EngineError, FinishReason, Sampling, Usage};
+use crate::prompt::{StopMatcher, StopOutcome};
+use crate::state::{lock, RunMetrics};
+use crate::utf8::Utf8Stream;
+use llama_cpp_2::llama_batch::LlamaBatch;
+use llama_cpp_2::sampling::LlamaSampler;
+use std::sync::atomic::Ordering;
+use std::time::Instant;
+
+fn sampler(sampling: &Sampling) -> LlamaSampler {
+    if sampling.temperature <= 0.0 {
+        return LlamaSampler::greedy();
+    }
+    let mut chain = Vec::new();
+    if sampling.top_k > 0 {
+        chain.push(LlamaSampler::top_k(sampling.top_k));
+    }
+    if sampling.top_p > 0.0 && sampling.top_p < 1.0 {
+        chain.push(LlamaSampler::top_p(sampling.top_p, 1));
+    }
+    if sampling.min_p > 0.0 {
+        chain.push(LlamaSampler::min_p(sampling.min_p, 1));
+    }
+    chain.push(LlamaSampler::temp(sampling.temperature));
+    chain.push(LlamaSampler::dist(sampling.seed));
+    LlamaSampler::chain_simple(chain)
+}
+
+/// Tokens per second, or zero when nothing was measured.
+fn rate(tokens: i64, seconds: f64) -> f64 {
+    if seconds > 0.0 && tokens > 0 {
+        tokens as f64 / seconds
+    } else {
+        0.0
+    }
+}
+
+impl Session<'_> {
+    pub(super) fn chat(&mut self, job: ChatJob) {
+        let t_start = Instant::now();
+        self.reused_images = 0;
+        if job.request.messages.iter().any(|m| !m.images.is_empty()) && self.projector.is_none() {
+            job.events.fail(EngineError::ImagesNotAccepted);
+            return;
+        }
+        let context_size = self.context_size as usize;
+        let max_tokens = job
+            .request
+            .max_tokens
+            .map(|m| m as usize)
+            .unwrap_or(usize::MAX);
+        let reserve = max_tokens.min(context_size / 4).max(1);
+        let prompt = match self.fit_prompt(&job.request.messages, reserve) {
+            Ok(p) => p,
+            Err(e) => {
+                job.events.fail(e);
+                return;
+            }
+        };
+        let prompt_tokens = prompt.len() as i64;
+        if prompt_tokens == 0 {
+            job.events.fail(EngineError::EmptyConversation);
+            return;
+        }
+        if !job.events.started() {
+            return;
+        }
+
+        let t_prefill = Instant::now();
+        let prefilled = match self.prefill(&prompt, &|| job.cancelled()) {
+            Ok(p) => p,
+            Err(PrefillError::Failed(e)) => {
+                job.events.fail(e);
+                return;
+            }
+            Err(PrefillError::Cancelled) => {
+                // Cancelled while reading the prompt; still record the run so
+                // the figures never describe an older one.
+                *lock(&self.shared.last) = RunMetrics {
+                    prompt_tokens,
+                    ttft_ms: t_start.elapsed().as_secs_f64() * 1000.0,
+                    ..RunMetrics::default()
+                };
+                return;
+            }
+        };
+        let prefill_secs = t_prefill.elapsed().as_secs_f64();
+        let ttft = t_start.elapsed().as_secs_f64();
+
+        let mut sampler = sampler(&job.request.sampling);
+        let vocab = self.model.vocab();
+        let mut utf8 = Utf8Stream::default();
+        let mut reply = String::new();
+        let mut stop_list = job.request.stop.clone();
+        stop_list.extend(self.template.implicit_stops());
+        let mut stops = StopMatcher::new(stop_list);
+        let mut batch = LlamaBatch::new(1, 1);
+        let mut completion = 0i64;
+        let mut finish = FinishReason::Length;
+        let t_decode = Instant::now();
+        let mut position = prefilled.next_position;
+        let mut piece = Vec::with_capacity(32);
+        loop {
+            if job.cancelled() || self.shared.shutting_down.load(Ordering::Relaxed) {
+                finish = FinishReason::Cancelled;
+                break;
+            }
+            if completion as usize >= max_tokens {
+                break;
+            }
+            if position >= context_size {
+                break;
+            }
+            let token = sampler.sample(&self.ctx, -1);
+            if vocab.is_eog(token) {
+                finish = FinishReason::Stop;
+                break;
+            }
+            completion += 1;
+            piece.clear();
+            vocab.token_to_piece_into(token, &mut piece, false, None);
+            let text = utf8.push(&piece);
+            if !text.is_empty() {
+                match stops.push(&text) {
+                    StopOutcome::Emit(t) => {
+                        reply.push_str(&t);
+                        if !t.is_empty() && !job.events.delta(t) {
+                            finish = FinishReason::Cancelled;
+                            break;
+                        }
+                    }
+                    StopOutcome::Stopped(t) => {
+                        reply.push_str(&t);
+                        if !t.is_empty() {
+                            job.events.delta(t);
+                        }
+                        finish = FinishReason::Stop;
+                        // The stop string stays out of the cache's record of
+                        // the reply; the next turn re-renders it anyway.
+                        break;
+                    }
+                }
+            }
+            if completion as usize >= max_tokens || position + 1 >= context_size {
+                // No need to evaluate a token we will never continue from.
+                break;
+            }
+            batch.clear();
+            if batch.add(token, position as i32, &[0], true).is_err() {
+                break;
+            }
+            if let Err(e) = self.ctx.decode(&mut batch) {
+                job.events
+                    .fail(EngineError::GenerationFailed(e.to_string()));
+                self.cached.clear();
+                self.ctx.clear_kv_cache();
+                return;
+            }
+            self.cached.push(Key::Token(token.0));
+            position += 1;
+        }
+        if finish != FinishReason::Cancelled {
+            let rest = utf8.finish();
+            let mut tail = String::new();
+            if !rest.is_empty() {
+                match stops.push(&rest) {
+                    StopOutcome::Emit(t) | StopOutcome::Stopped(t) => tail.push_str(&t),
+                }
+            }
+            tail.push_str(&stops.finish());
+            reply.push_str(&tail);
+            if !tail.is_empty() {
+                job.events.delta(tail);
+            }
+        }
+        let decode_secs = t_decode.elapsed().as_secs_f64();
+        let evaluated = prefilled.evaluated as i64;
+        *lock(&self.shared.last) = RunMetrics {
+            decode_tps: rate(completion, decode_secs),
+            prefill_tps: rate(evaluated, prefill_secs),
+            prompt_tokens,
+            completion_tokens: completion,
+            evaluated_tokens: evaluated,
+            cached_tokens: prompt_tokens - evaluated,
+            ttft_ms: ttft * 1000.0,
+            reused_images: self.reused_images,
+        };
+        self.history = job.request.messages;
+        self.history_reply = reply;
+        job.events.done(
+            finish,
+            Usage {
+                prompt_tokens,
+                completion_tokens: completion,
+            },
+        );
+    }
+}

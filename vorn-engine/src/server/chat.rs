@@ -1,0 +1,242 @@
+//! /v1/chat/completions: OpenAI-style chat, streamed or in one reply.
+
+use super::error::ApiError;
+use super::json::{Field, JsonBody};
+use super::messages::{conversation, MessagesField};
+use super::stream;
+use super::App;
+use crate::engine::{ChatRequest, EngineError, Event, FinishReason, Reply, Sampling, Usage};
+use crate::state::lock;
+use axum::extract::State;
+use axum::response::{IntoResponse, Response};
+use axum::Json;
+use serde::de::Error as _;
+use serde::{Deserialize, Deserializer, Serialize};
+use serde_json::Value;
+
+#[derive(Deserialize, Default)]
+#[serde(default)]
+pub(super) struct ChatBody {
+    messages: MessagesField,
+    stream: Field<bool>,
+    temperature: Field<f64>,
+    top_p: Field<f64>,
+    min_p: Field<f64>,
+    top_k: Field<f64>,
+    seed: Field<u64>,
+    max_tokens: Field<u64>,
+    max_completion_tokens: Field<u64>,
+    stop: Field<Stop>,
+}
+
+/// `"stop": "text"` or `"stop": ["text", ...]`.
+struct Stop(Vec<String>);
+
+impl<'de> Deserialize<'de> for Stop {
+    fn deserialize<D: Deserializer<'de>>(deserializer: D) -> Result<Self, D::Error> {
+        match Value::deserialize(deserializer)? {
+            Value::String(text) => Ok(Stop(vec![text])),
+            texts @ Value::Array(_) => Vec::deserialize(texts).map(Stop).map_err(D::Error::custom),
+            _ => Err(D::Error::custom("not a text or an array")),
+        }
+    }
+}
+
+/// A sampling number: any JSON number, or `default` when absent or null.
+fn number(field: Field<f64>, name: &'static str, default: f64) -> Result<f64, ApiError> {
+    let value = field.or(default, ApiError::NotNumber(name))?;
+    if value.is_finite() {
+        Ok(value)
+    } else {
+        Err(ApiError::NotNumber(name))
+    }
+}
+
+struct Settings {
+    stream: bool,
+    sampling: Sampling,
+    max_tokens: Option<u32>,
+    stop: Vec<String>,
+}
+
+impl ChatBody {
+    /// Checks the settings in a fixed order. The messages are left for
+    /// later, off the async threads, since they carry the images.
+    fn check(self) -> Result<(Settings, MessagesField), ApiError> {
+        let ChatBody {
+            messages,
+            stream,
+            temperature,
+            top_p,
+            min_p,
+            top_k,
+            seed,
+            max_tokens,
+            max_completion_tokens,
+            stop,
+        } = self;
+        let stream = stream.or(false, ApiError::NotTrueOrFalse("stream"))?;
+        let temperature = number(temperature, "temperature", 0.8)?;
+        let top_p = number(top_p, "top_p", 1.0)?;
+        let min_p = number(min_p, "min_p", 0.0)?;
+        let top_k = number(top_k, "top_k", 0.0)?;
+        // A seed that is not a non-negative integer picks a random one.
+        let seed = match seed.given() {
+            Some(seed) => seed as u32,
+            None => random_seed(),
+        };
+        // A max_tokens that is given, even as null, hides the other spelling.
+        let max_tokens = match max_tokens {
+            Field::Absent => max_completion_tokens,
+            given => given,
+        };
+        let max_tokens = max_tokens
+            .optional(ApiError::NotCount("max_tokens"))?
+            .map(|m| m.min(u32::MAX as u64) as u32);
+        let stop = stop
+            .optional(ApiError::BadStop)?
+            .map(|Stop(texts)| texts)
+            .unwrap_or_default();
+        let settings = Settings {
+            stream,
+            sampling: Sampling {
+                temperature: temperature.clamp(0.0, 10.0) as f32,
+                top_p: top_p.clamp(0.0, 1.0) as f32,
+                top_k: top_k.clamp(0.0, 1e6) as i32,
+                min_p: min_p.clamp(0.0, 1.0) as f32,
+                seed,
+            },
+            max_tokens,
+            stop,
+        };
+        Ok((settings, messages))
+    }
+}
+
+pub(super) async fn chat(
+    State(app): State<App>,
+    JsonBody(body): JsonBody<ChatBody>,
+) -> Result<Response, ApiError> {
+    let (settings, messages) = body.check()?;
+    let messages = tokio::task::spawn_blocking(move || conversation(messages))
+        .await
+        .map_err(|_| ApiError::Internal("parse failed"))??;
+    let Some(loaded) = lock(&app.shared.loaded).clone() else {
+        return Err(EngineError::NoModelLoaded.into());
+    };
+    if !loaded.vision && messages.iter().any(|m| !m.images.is_empty()) {
+        return Err(EngineError::ImagesNotAccepted.into());
+    }
+    let reply = app
+        .engine
+        .chat(ChatRequest {
+            messages,
+            sampling: settings.sampling,
+            max_tokens: settings.max_tokens,
+            stop: settings.stop,
+        })
+        .await?;
+    let head = ReplyHead {
+        id: format!("chatcmpl-{:x}{:08x}", now(), random_seed()),
+        created: now(),
+        model: loaded.name,
+    };
+    if settings.stream {
+        Ok(stream::events(reply, head).into_response())
+    } else {
+        Ok(Json(whole_reply(reply, head).await?).into_response())
+    }
+}
+
+/// What every reply and chunk of one answer carries.
+pub(super) struct ReplyHead {
+    pub(super) id: String,
+    pub(super) created: u64,
+    pub(super) model: String,
+}
+
+#[derive(Serialize)]
+pub(super) struct UsageBody {
+    prompt_tokens: i64,
+    completion_tokens: i64,
+    total_tokens: i64,
+}
+
+impl From<Usage> for UsageBody {
+    fn from(usage: Usage) -> Self {
+        UsageBody {
+            prompt_tokens: usage.prompt_tokens,
+            completion_tokens: usage.completion_tokens,
+            total_tokens: usage.prompt_tokens + usage.completion_tokens,
+        }
+    }
+}
+
+#[derive(Serialize)]
+struct Completion {
+    id: String,
+    object: &'static str,
+    created: u64,
+    model: String,
+    choices: [CompletionChoice; 1],
+    usage: UsageBody,
+}
+
+#[derive(Serialize)]
+struct CompletionChoice {
+    index: u32,
+    message: AssistantMessage,
+    finish_reason: FinishReason,
+}
+
+#[derive(Serialize)]
+struct AssistantMessage {
+    role: &'static str,
+    content: String,
+}
+
+/// Waits for the whole reply.
+async fn whole_reply(mut reply: Reply, head: ReplyHead) -> Result<Completion, ApiError> {
+    let mut text = String::new();
+    loop {
+        match reply.next().await {
+            Some(Event::Delta(delta)) => text.push_str(&delta),
+            Some(Event::Done {
+                finish_reason,
+                usage,
+            }) => {
+                return Ok(Completion {
+                    id: head.id,
+                    object: "chat.completion",
+                    created: head.created,
+                    model: head.model,
+                    choices: [CompletionChoice {
+                        index: 0,
+                        message: AssistantMessage {
+                            role: "assistant",
+                            content: text,
+                        },
+                        finish_reason,
+                    }],
+                    usage: usage.into(),
+                })
+            }
+            Some(Event::Error(e)) => return Err(e.into()),
+            None => return Err(EngineError::StoppedWhileAnswering.into()),
+        }
+    }
+}
+
+fn now() -> u64 {
+    std::time::SystemTime::now()
+        .duration_since(std::time::UNIX_EPOCH)
+        .map(|d| d.as_secs())
+        .unwrap_or(0)
+}
+
+fn random_seed() -> u32 {
+    use std::hash::{BuildHasher, Hasher};
+    let mut hasher = std::collections::hash_map::RandomState::new().build_hasher();
+    hasher.write_u64(now());
+    hasher.finish() as u32
+}

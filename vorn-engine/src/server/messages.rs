@@ -1,0 +1,165 @@
+//! The `messages` of a chat request: text, or parts with text and images.
+
+use super::error::ApiError;
+use super::image::image_from_url;
+use super::json::{Field, Object};
+use crate::engine::ChatMessage;
+use crate::template::MEDIA_MARKER;
+use serde::de::Error as _;
+use serde::{Deserialize, Deserializer};
+use serde_json::Value;
+
+/// What a user may write instead of the media marker.
+const DEFUSED_MARKER: &str = "<_media_>";
+
+/// Messages as sent; anything but an object counts as a message without a role.
+pub(super) type MessagesField = Field<Vec<Field<Object<MessageBody>>>>;
+
+#[derive(Deserialize, Default)]
+#[serde(default)]
+pub(super) struct MessageBody {
+    role: Field<String>,
+    content: Field<Content>,
+}
+
+/// Message content: a text, or an array of parts.
+enum Content {
+    Text(String),
+    Parts(Vec<Field<Object<PartBody>>>),
+}
+
+// By hand rather than untagged, which would copy every text (image data
+// URLs included) while trying the variants.
+impl<'de> Deserialize<'de> for Content {
+    fn deserialize<D: Deserializer<'de>>(deserializer: D) -> Result<Self, D::Error> {
+        match Value::deserialize(deserializer)? {
+            Value::String(text) => Ok(Content::Text(text)),
+            parts @ Value::Array(_) => Vec::deserialize(parts)
+                .map(Content::Parts)
+                .map_err(D::Error::custom),
+            _ => Err(D::Error::custom("not a text or an array")),
+        }
+    }
+}
+
+#[derive(Deserialize, Default)]
+#[serde(default)]
+struct PartBody {
+    #[serde(rename = "type")]
+    kind: Field<String>,
+    text: Field<String>,
+    image_url: Field<ImageUrl>,
+}
+
+/// `"image_url": "data:..."` or `"image_url": {"url": "data:..."}`.
+enum ImageUrl {
+    Link(String),
+    Object(UrlBody),
+}
+
+impl<'de> Deserialize<'de> for ImageUrl {
+    fn deserialize<D: Deserializer<'de>>(deserializer: D) -> Result<Self, D::Error> {
+        match Value::deserialize(deserializer)? {
+            Value::String(link) => Ok(ImageUrl::Link(link)),
+            object @ Value::Object(_) => UrlBody::deserialize(object)
+                .map(ImageUrl::Object)
+                .map_err(D::Error::custom),
+            _ => Err(D::Error::custom("not a text or an object")),
+        }
+    }
+}
+
+#[derive(Deserialize, Default)]
+#[serde(default)]
+struct UrlBody {
+    url: Field<String>,
+}
+
+/// Checks the messages in order and decodes their images.
+pub(super) fn conversation(messages: MessagesField) -> Result<Vec<ChatMessage>, ApiError> {
+    let list = messages.required(ApiError::MessagesNotArray)?;
+    if list.is_empty() {
+        return Err(ApiError::NoMessages);
+    }
+    list.into_iter().map(message).collect()
+}
+
+fn message(entry: Field<Object<MessageBody>>) -> Result<ChatMessage, ApiError> {
+    let Object(body) = entry.given().ok_or(ApiError::NoRole)?;
+    let role = body.role.required(ApiError::NoRole)?;
+    let mut content = String::new();
+    let mut images = Vec::new();
+    match body.content.optional(ApiError::BadContent)? {
+        None => {}
+        Some(Content::Text(text)) => content = text,
+        Some(Content::Parts(parts)) => {
+            for part in parts {
+                let Object(part) = part.given().ok_or(ApiError::UnknownPartType)?;
+                match part.kind.given().as_deref() {
+                    Some("text") => {
+                        content.push_str(&part.text.required(ApiError::TextPartWithoutText)?)
+                    }
+                    Some("image_url") => {
+                        let url = match part.image_url.given() {
+                            Some(ImageUrl::Link(url)) => url,
+                            Some(ImageUrl::Object(body)) => {
+                                body.url.required(ApiError::ImagePartWithoutUrl)?
+                            }
+                            None => return Err(ApiError::ImagePartWithoutUrl),
+                        };
+                        images.push(image_from_url(&url)?);
+                        content.push_str(MEDIA_MARKER);
+                        content.push('\n');
+                    }
+                    _ => return Err(ApiError::UnknownPartType),
+                }
+            }
+        }
+    }
+    if images.is_empty() && content.contains(MEDIA_MARKER) {
+        // A user must not smuggle image slots in through plain text.
+        content = content.replace(MEDIA_MARKER, DEFUSED_MARKER);
+    }
+    Ok(ChatMessage {
+        role,
+        content,
+        images,
+    })
+}
+
+#[cfg(test)]
+mod tests {
+    use super::*;
+    use serde_json::json;
+
+    fn read(messages: serde_json::Value) -> Result<Vec<ChatMessage>, ApiError> {
+        conversation(MessagesField::deserialize(messages).unwrap())
+    }
+
+    #[test]
+    fn messages_with_parts() {
+        let messages = read(json!([
+            {"role": "system", "content": "s"},
+            {"role": "user", "content": [
+                {"type": "image_url", "image_url": {"url": "data:image/png;base64,aGk="}},
+                {"type": "text", "text": "what?"}
+            ]},
+            {"role": "assistant", "content": "sneaky <__media__>"}
+        ]))
+        .unwrap();
+        assert_eq!(messages.len(), 3);
+        assert_eq!(messages[1].images.len(), 1);
+        assert_eq!(messages[1].images[0].bytes.as_slice(), b"hi");
+        assert_eq!(messages[1].content, format!("{MEDIA_MARKER}\nwhat?"));
+        assert_eq!(messages[2].content, "sneaky <_media_>");
+        assert_eq!(
+            read(json!([{"content": "x"}])).err(),
+            Some(ApiError::NoRole)
+        );
+        assert_eq!(read(json!("x")).err(), Some(ApiError::MessagesNotArray));
+        assert_eq!(
+            read(json!([{"role": "user", "content": 5}])).err(),
+            Some(ApiError::BadContent)
+        );
+    }
+}

@@ -1,0 +1,153 @@
+//! The models folder and the loaded model: /api/state, /api/load, /api/unload.
+
+use super::error::ApiError;
+use super::json::{Field, JsonBody};
+use super::{done, App, Done};
+use crate::engine::LoadRequest;
+use crate::names;
+use crate::state::{lock, DownloadState, LocalModel, RunMetrics};
+use axum::extract::State;
+use axum::Json;
+use serde::{Deserialize, Serialize};
+use std::path::PathBuf;
+
+/// The context a model gets when the request names none.
+const DEFAULT_CONTEXT: u32 = 4096;
+/// The largest context a request may ask for.
+const MAX_CONTEXT: u64 = 1 << 20;
+
+#[derive(Serialize)]
+pub(super) struct StateReply {
+    version: &'static str,
+    dir: String,
+    loaded: Option<String>,
+    backend: &'static str,
+    ctx: i64,
+    vision: bool,
+    projector: Option<String>,
+    models: Vec<LocalModel>,
+    downloads: Vec<DownloadState>,
+    last: RunMetrics,
+}
+
+pub(super) async fn state(State(app): State<App>) -> Result<Json<StateReply>, ApiError> {
+    let shared = app.shared.clone();
+    // Listing the folder reads model headers: not on the async threads.
+    let reply = tokio::task::spawn_blocking(move || {
+        let loaded = lock(&shared.loaded).clone();
+        let last = lock(&shared.last).clone();
+        StateReply {
+            version: env!("CARGO_PKG_VERSION"),
+            dir: shared.dir.to_string_lossy().into_owned(),
+            loaded: loaded.as_ref().map(|l| l.name.clone()),
+            backend: loaded.as_ref().map(|l| l.backend).unwrap_or("cpu"),
+            ctx: loaded.as_ref().map(|l| l.ctx as i64).unwrap_or(0),
+            vision: loaded.as_ref().map(|l| l.vision).unwrap_or(false),
+            projector: loaded.as_ref().and_then(|l| l.projector.clone()),
+            models: shared.list_models(),
+            downloads: shared.download_states(),
+            last,
+        }
+    })
+    .await
+    .map_err(|_| ApiError::Internal("Could not read the state."))?;
+    Ok(Json(reply))
+}
+
+#[derive(Deserialize, Default)]
+#[serde(default)]
+pub(super) struct LoadBody {
+    name: Field<String>,
+    gpu: Field<bool>,
+    ctx: Field<u64>,
+}
+
+pub(super) async fn load(
+    State(app): State<App>,
+    JsonBody(body): JsonBody<LoadBody>,
+) -> Result<Json<Done>, ApiError> {
+    let name = body.name.required(ApiError::NotText("name"))?;
+    let gpu = body.gpu.or(false, ApiError::NotTrueOrFalse("gpu"))?;
+    let ctx = match body.ctx.optional(ApiError::BadContextSize)? {
+        None => DEFAULT_CONTEXT,
+        Some(c) if c <= MAX_CONTEXT => c as u32,
+        Some(_) => return Err(ApiError::BadContextSize),
+    };
+    let path = model_path(&app, &name)?;
+    let projector = {
+        let app = app.clone();
+        let name = name.clone();
+        tokio::task::spawn_blocking(move || pick_projector(&app, &name))
+            .await
+            .ok()
+            .flatten()
+    };
+    app.engine
+        .load(LoadRequest {
+            name,
+            path,
+            gpu,
+            ctx,
+            projector,
+        })
+        .await?;
+    Ok(done())
+}
+
+/// The path of a model file named in a request: a plain name of a file in
+/// the folder (or a link to one).
+fn model_path(app: &App, name: &str) -> Result<PathBuf, ApiError> {
+    if !names::is_plain_file_name(name) {
+        return Err(ApiError::NotPlainName);
+    }
+    let path = app.shared.dir.join(name);
+    match std::fs::symlink_metadata(&path) {
+        Err(_) => return Err(ApiError::NoSuchModel(name.to_string())),
+        Ok(m) if m.is_dir() => return Err(ApiError::ModelIsFolder(name.to_string())),
+        Ok(_) => {}
+    }
+    match std::fs::metadata(&path) {
+        Ok(m) if m.is_file() => Ok(path),
+        Ok(_) => Err(ApiError::ModelIsNotFile(name.to_string())),
+        Err(_) => Err(ApiError::ModelFileMissing(name.to_string())),
+    }
+}
+
+/// Picks the projector that fits a model: same embedding width, preferring
+/// the one whose name shares the model's stem.
+fn pick_projector(app: &App, model_name: &str) -> Option<(String, PathBuf)> {
+    let shared = &app.shared;
+    let model_width = shared.header_info(&shared.dir.join(model_name))?.embedding;
+    let mut best: Option<(usize, String)> = None;
+    for model in shared.list_models() {
+        if !model.projector {
+            continue;
+        }
+        let Some(info) = shared.header_info(&shared.dir.join(&model.name)) else {
+            continue;
+        };
+        if info.embedding.is_none() || info.embedding != model_width {
+            continue;
+        }
+        let score = names::projector_affinity(model_name, &model.name);
+        if best.as_ref().is_none_or(|(s, _)| score > *s) {
+            best = Some((score, model.name));
+        }
+    }
+    best.map(|(_, name)| {
+        let path = shared.dir.join(&name);
+        (name, path)
+    })
+}
+
+/// Any JSON object.
+#[derive(Deserialize)]
+pub(super) struct UnloadBody {}
+
+pub(super) async fn unload(
+    State(app): State<App>,
+    JsonBody(_): JsonBody<UnloadBody>,
+) -> Result<Json<Done>, ApiError> {
+    app.engine.unload().await?;
+    Ok(done())
+}
