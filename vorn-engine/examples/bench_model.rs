@@ -233,11 +233,13 @@ fn write_model(out_path: &Path, vocab: &Path, shape: &Shape) -> Result<(), Strin
     let e = shape.n_embd;
     let head = e / shape.n_head;
     let kv = head * shape.n_head_kv;
-    if e % shape.n_head != 0 || shape.n_head % shape.n_head_kv != 0 {
+    if !e.is_multiple_of(shape.n_head) || !shape.n_head.is_multiple_of(shape.n_head_kv) {
         return Err("the heads must divide the width and the key/value heads the heads".into());
     }
     if shape.kind != Kind::F32
-        && (e % BLOCK as u64 != 0 || kv % BLOCK as u64 != 0 || shape.n_ff % BLOCK as u64 != 0)
+        && (!e.is_multiple_of(BLOCK as u64)
+            || !kv.is_multiple_of(BLOCK as u64)
+            || !shape.n_ff.is_multiple_of(BLOCK as u64))
     {
         return Err("quantized rows must be whole blocks of 32".into());
     }
@@ -314,7 +316,7 @@ fn write_model(out_path: &Path, vocab: &Path, shape: &Shape) -> Result<(), Strin
         header.extend_from_slice(&offset.to_le_bytes());
         offset += (kind.row_bytes(*row) * rows).div_ceil(ALIGNMENT) * ALIGNMENT;
     }
-    while header.len() as u64 % ALIGNMENT != 0 {
+    while !(header.len() as u64).is_multiple_of(ALIGNMENT) {
         header.push(0);
     }
 

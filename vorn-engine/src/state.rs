@@ -50,13 +50,21 @@ pub struct HeaderInfo {
     pub embedding: Option<u64>,
 }
 
+/// Header facts of a file as it was when read: size, modification time and
+/// what the header said (None when it could not be read).
+struct CachedHeader {
+    size: u64,
+    modified: Option<SystemTime>,
+    info: Option<HeaderInfo>,
+}
+
 pub struct Shared {
     pub dir: PathBuf,
     pub port: u16,
     pub loaded: Mutex<Option<Loaded>>,
     pub last: Mutex<RunMetrics>,
     pub downloads: Mutex<BTreeMap<String, Download>>,
-    header_cache: Mutex<HashMap<PathBuf, (u64, Option<SystemTime>, Option<HeaderInfo>)>>,
+    header_cache: Mutex<HashMap<PathBuf, CachedHeader>>,
     pub shutting_down: AtomicBool,
 }
 
@@ -87,21 +95,26 @@ impl Shared {
             return None;
         }
         let size = meta.len();
-        let mtime = meta.modified().ok();
-        if let Some((s, m, info)) = lock(&self.header_cache).get(path) {
-            if *s == size && *m == mtime {
-                return info.clone();
+        let modified = meta.modified().ok();
+        if let Some(cached) = lock(&self.header_cache).get(path) {
+            if cached.size == size && cached.modified == modified {
+                return cached.info.clone();
             }
         }
-        let info = gguf::read_file(path).ok().map(|h| HeaderInfo {
-            projector: h.is_projector(),
-            embedding: if h.is_projector() {
-                h.projector_output_dim()
+        let info = gguf::read_file(path).ok().map(|header| HeaderInfo {
+            projector: header.is_projector(),
+            embedding: if header.is_projector() {
+                header.projector_output_dim()
             } else {
-                h.embedding_length()
+                header.embedding_length()
             },
         });
-        lock(&self.header_cache).insert(path.to_path_buf(), (size, mtime, info.clone()));
+        let cached = CachedHeader {
+            size,
+            modified,
+            info: info.clone(),
+        };
+        lock(&self.header_cache).insert(path.to_path_buf(), cached);
         info
     }
 
@@ -118,8 +131,10 @@ impl Shared {
             if !crate::names::has_gguf_extension(&name) || name.starts_with('.') {
                 continue;
             }
-            let Ok(ft) = entry.file_type() else { continue };
-            if !(ft.is_file() || ft.is_symlink()) {
+            let Ok(file_type) = entry.file_type() else {
+                continue;
+            };
+            if !(file_type.is_file() || file_type.is_symlink()) {
                 continue;
             }
             let path = entry.path();

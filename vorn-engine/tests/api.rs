@@ -481,6 +481,8 @@ fn sigterm_exits_cleanly() {
     let e = Engine::start(&stories_dir("sigterm"));
     assert_eq!(e.load("stories260K.gguf").status, 200);
     let mut e = e;
+    // SAFETY: kill takes plain integers and touches no memory; the pid is
+    // our own child, not yet reaped.
     unsafe { libc::kill(e.child.id() as i32, libc::SIGTERM) };
     let deadline = Instant::now() + Duration::from_secs(20);
     loop {
@@ -544,6 +546,8 @@ fn engine_exits_when_its_parent_dies() {
     )
     .unwrap();
     let pid: i32 = line.trim().parse().unwrap();
+    // SAFETY: signal 0 only asks whether the process exists; nothing is sent
+    // and no memory is touched.
     let alive = |pid: i32| unsafe { libc::kill(pid, 0) } == 0 && !is_zombie(pid);
     let deadline = Instant::now() + Duration::from_secs(20);
     while request(

@@ -279,7 +279,8 @@ fn data_url(rng: &mut Rng) -> String {
     let mut b64 = base64::engine::general_purpose::STANDARD.encode(bytes);
     if rng.one_in(4) && !b64.is_empty() {
         let at = rng.below(b64.len());
-        b64.insert_str(at, *rng.pick(&[" ", "\n", "@", "=", "-_", "\u{e9}"]));
+        let noise = *rng.pick(&[" ", "\n", "@", "=", "-_", "\u{e9}"]);
+        b64.insert_str(at, noise);
     }
     let meta = *rng.pick(&[
         "data:image/png;base64,",
@@ -314,6 +315,9 @@ fn content(rng: &mut Rng) -> Value {
     }
 }
 
+/// Makes a random value for one optional field.
+type ValueMaker = fn(&mut Rng) -> Value;
+
 fn chat_body(rng: &mut Rng) -> Value {
     let messages: Vec<Value> = (0..rng.small(5))
         .map(|_| {
@@ -323,7 +327,7 @@ fn chat_body(rng: &mut Rng) -> Value {
         })
         .collect();
     let mut body = json!({ "messages": messages });
-    let optional: [(&str, fn(&mut Rng) -> Value); 10] = [
+    let optional: [(&str, ValueMaker); 10] = [
         ("stream", |r| json!(r.one_in(2))),
         ("temperature", |r| json!(r.small(30) as f64 / 10.0)),
         ("top_p", |r| json!(r.small(10) as f64 / 10.0)),
@@ -465,6 +469,9 @@ fn mutate_value(rng: &mut Rng, v: &mut Value, depth: u32) {
     }
 }
 
+/// A seed input: method, path, headers and JSON body (null for none).
+type SeedRequest<'a> = (&'a str, &'a str, &'a [(&'a str, &'a str)], Value);
+
 struct RequestTarget {
     runtime: tokio::runtime::Runtime,
     router: axum::Router,
@@ -532,7 +539,7 @@ impl Target for RequestTarget {
         ], "stream": true, "temperature": 0.7, "top_p": 0.9, "min_p": 0.05, "top_k": 40,
            "seed": 7, "max_tokens": 32, "stop": ["</s>", "\n\n"]});
         let plain: &[(&str, &str)] = &[("Host", HOST), ("Content-Type", "application/json")];
-        let bodies: [(&str, &str, &[(&str, &str)], Value); 9] = [
+        let bodies: [SeedRequest; 9] = [
             ("GET", "/api/state", &h, Value::Null),
             (
                 "POST",

@@ -44,7 +44,7 @@ fn model_with_its_own_chat_template() {
     // The phi-3 template wraps the turn in <|user|> ... <|end|> <|assistant|>,
     // which are single special tokens: a handful of tokens in all.
     let prompt = v["usage"]["prompt_tokens"].as_i64().unwrap();
-    assert!(prompt >= 4 && prompt <= 12, "{v}");
+    assert!((4..=12).contains(&prompt), "{v}");
     messages.push(json!({"role": "assistant", "content": reply}));
     messages.push(user("And then?"));
     let r =

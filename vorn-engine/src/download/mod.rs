@@ -157,28 +157,28 @@ impl Downloader {
         });
         let tasks = self.tasks.clone();
         tokio::spawn(async move {
-            let mut t = tasks.lock().await;
-            t.retain(|h| !h.is_finished());
-            t.push(handle);
+            let mut running = tasks.lock().await;
+            running.retain(|task| !task.is_finished());
+            running.push(handle);
         });
         Ok(())
     }
 
     /// Stops every download, keeping the partial files, and waits for them.
     pub async fn stop_all(&self) {
-        for d in lock(&self.shared.downloads).values() {
-            d.cancel.store(true, Ordering::Relaxed);
+        for download in lock(&self.shared.downloads).values() {
+            download.cancel.store(true, Ordering::Relaxed);
         }
         let handles: Vec<_> = std::mem::take(&mut *self.tasks.lock().await);
-        for h in handles {
-            let _ = tokio::time::timeout(Duration::from_secs(3), h).await;
+        for handle in handles {
+            let _ = tokio::time::timeout(Duration::from_secs(3), handle).await;
         }
     }
 
     fn set_progress(&self, name: &str, bytes: u64, total: u64) {
-        if let Some(d) = lock(&self.shared.downloads).get_mut(name) {
-            d.bytes = bytes as i64;
-            d.total = total as i64;
+        if let Some(download) = lock(&self.shared.downloads).get_mut(name) {
+            download.bytes = bytes as i64;
+            download.total = total as i64;
         }
     }
 }

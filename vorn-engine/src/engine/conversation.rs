@@ -145,8 +145,8 @@ impl Session<'_> {
                 };
             }
             // Cut where the previous overflow cut, so the cache stays useful.
-            if let Some(a) = anchor.filter(|a| *a > start && a + 1 < rest.len()) {
-                start = a;
+            if let Some(at) = anchor.filter(|at| *at > start && at + 1 < rest.len()) {
+                start = at;
                 bound = limit;
                 continue;
             }

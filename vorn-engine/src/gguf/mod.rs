@@ -104,9 +104,9 @@ impl<R: Read + Seek> Reader<R> {
 
     fn skip(&mut self, n: u64) -> Result<(), GgufError> {
         self.need(n)?;
-        let off = i64::try_from(n).map_err(|_| GgufError("length overflow".into()))?;
+        let distance = i64::try_from(n).map_err(|_| GgufError("length overflow".into()))?;
         self.inner
-            .seek(SeekFrom::Current(off))
+            .seek(SeekFrom::Current(distance))
             .map_err(|e| GgufError(format!("seek failed: {e}")))?;
         self.pos += n;
         Ok(())
@@ -128,18 +128,18 @@ impl<R: Read + Seek> Reader<R> {
         Ok(Some(String::from_utf8_lossy(&buf).into_owned()))
     }
 
-    fn scalar_size(ty: u32) -> Option<u64> {
-        match ty {
+    fn scalar_size(value_type: u32) -> Option<u64> {
+        match value_type {
             0 | 1 | 7 => Some(1),
             2 | 3 => Some(2),
-            4 | 5 | 6 => Some(4),
-            10 | 11 | 12 => Some(8),
+            4..=6 => Some(4),
+            10..=12 => Some(8),
             _ => None,
         }
     }
 
-    fn value(&mut self, ty: u32, depth: u32) -> Result<Value, GgufError> {
-        Ok(match ty {
+    fn value(&mut self, value_type: u32, depth: u32) -> Result<Value, GgufError> {
+        Ok(match value_type {
             0 => Value::Uint(u64::from(self.bytes::<1>()?[0])),
             1 => Value::Int(i64::from(self.bytes::<1>()?[0] as i8)),
             2 => Value::Uint(u64::from(u16::from_le_bytes(self.bytes::<2>()?))),
@@ -156,9 +156,9 @@ impl<R: Read + Seek> Reader<R> {
                 if depth > 2 {
                     return err("GGUF arrays nested too deeply");
                 }
-                let elem = self.u32()?;
+                let element_type = self.u32()?;
                 let count = self.u64()?;
-                if let Some(size) = Self::scalar_size(elem) {
+                if let Some(size) = Self::scalar_size(element_type) {
                     let total = count
                         .checked_mul(size)
                         .ok_or_else(|| GgufError("array size overflow".into()))?;
@@ -166,12 +166,12 @@ impl<R: Read + Seek> Reader<R> {
                 } else {
                     // Every string or nested array takes at least 8 bytes, which
                     // bounds the loop by the file size.
-                    let min = count
+                    let smallest = count
                         .checked_mul(8)
                         .ok_or_else(|| GgufError("array size overflow".into()))?;
-                    self.need(min)?;
+                    self.need(smallest)?;
                     for _ in 0..count {
-                        match elem {
+                        match element_type {
                             8 => {
                                 self.string(0)?;
                             }
@@ -192,7 +192,6 @@ impl<R: Read + Seek> Reader<R> {
     }
 }
 
-/// Parses a GGUF header from any seekable source of `len` bytes.
 /// The projector tensors whose outer dimension is the width of the text model the
 /// projector feeds, in the order they are looked for.
 pub const PROJECTION_TENSORS: [&str; 6] = [
@@ -204,24 +203,29 @@ pub const PROJECTION_TENSORS: [&str; 6] = [
     "mm.fc.weight",
 ];
 
+/// Parses a GGUF header from any seekable source of `len` bytes.
 pub fn parse<R: Read + Seek>(inner: R, len: u64) -> Result<Header, GgufError> {
-    let mut r = Reader { inner, pos: 0, len };
-    if &r.bytes::<4>()? != b"GGUF" {
+    let mut reader = Reader { inner, pos: 0, len };
+    if &reader.bytes::<4>()? != b"GGUF" {
         return err("not a GGUF file");
     }
-    let version = r.u32()?;
+    let version = reader.u32()?;
     if !(2..=3).contains(&version) {
         return err(format!("unsupported GGUF version {version}"));
     }
-    let n_tensors = r.u64()?;
-    let n_kv = r.u64()?;
+    let n_tensors = reader.u64()?;
+    let n_kv = reader.u64()?;
     // A key/value pair needs at least 8 (key length) + 4 (type) + 1 bytes,
     // a tensor entry at least 8 + 4 + 4 + 8 bytes.
-    let min = n_kv
+    let smallest = n_kv
         .checked_mul(13)
-        .and_then(|a| n_tensors.checked_mul(24).and_then(|b| a.checked_add(b)))
+        .and_then(|pairs| {
+            n_tensors
+                .checked_mul(24)
+                .and_then(|tensors| pairs.checked_add(tensors))
+        })
         .ok_or_else(|| GgufError("GGUF counts overflow".into()))?;
-    r.need(min)?;
+    reader.need(smallest)?;
 
     let mut header = Header {
         version,
@@ -230,11 +234,11 @@ pub fn parse<R: Read + Seek>(inner: R, len: u64) -> Result<Header, GgufError> {
     debug_assert!(header.version >= 2);
     let mut budget = MAX_KEPT_BYTES;
     for _ in 0..n_kv {
-        let key = r
+        let key = reader
             .string(MAX_KEPT_STRING)?
             .ok_or_else(|| GgufError("GGUF key too long".into()))?;
-        let ty = r.u32()?;
-        let value = r.value(ty, 0)?;
+        let value_type = reader.u32()?;
+        let value = reader.value(value_type, 0)?;
         let text = match &value {
             Value::Str(s) => s.len(),
             _ => 0,
@@ -246,19 +250,19 @@ pub fn parse<R: Read + Seek>(inner: R, len: u64) -> Result<Header, GgufError> {
         }
     }
     for _ in 0..n_tensors {
-        let name = r
+        let name = reader
             .string(MAX_KEPT_STRING)?
             .ok_or_else(|| GgufError("GGUF tensor name too long".into()))?;
-        let n_dims = r.u32()?;
+        let n_dims = reader.u32()?;
         if n_dims > MAX_DIMS {
             return err(format!("tensor {name} has {n_dims} dimensions"));
         }
         let mut dims = Vec::with_capacity(n_dims as usize);
         for _ in 0..n_dims {
-            dims.push(r.u64()?);
+            dims.push(reader.u64()?);
         }
-        let _ty = r.u32()?;
-        let _offset = r.u64()?;
+        let _tensor_type = reader.u32()?;
+        let _offset = reader.u64()?;
         let cost = ENTRY_COST + name.len() + 8 * dims.len();
         if cost <= budget {
             budget -= cost;
@@ -287,8 +291,8 @@ impl Header {
 
     pub fn get_uint(&self, key: &str) -> Option<u64> {
         match self.kv.get(key) {
-            Some(Value::Uint(v)) => Some(*v),
-            Some(Value::Int(v)) if *v >= 0 => Some(*v as u64),
+            Some(Value::Uint(value)) => Some(*value),
+            Some(Value::Int(value)) if *value >= 0 => Some(*value as u64),
             _ => None,
         }
     }
@@ -309,17 +313,21 @@ impl Header {
 
     /// Width of the embeddings a projector produces for the text model.
     pub fn projector_output_dim(&self) -> Option<u64> {
-        if let Some(v) = self.get_uint("clip.vision.projection_dim") {
-            return Some(v);
+        if let Some(width) = self.get_uint("clip.vision.projection_dim") {
+            return Some(width);
         }
         // Otherwise it is the outer dimension of the last projection matrix.
         for name in PROJECTION_TENSORS {
-            if let Some(t) = self.tensors.iter().find(|t| t.name == name) {
+            if let Some(tensor) = self.tensors.iter().find(|t| t.name == name) {
                 if name == "mm.input_projection.weight" {
                     // Stored transposed: [vision width, text width].
-                    return t.dims.get(1).copied();
+                    return tensor.dims.get(1).copied();
                 }
-                return t.dims.get(1).copied().or_else(|| t.dims.first().copied());
+                return tensor
+                    .dims
+                    .get(1)
+                    .copied()
+                    .or_else(|| tensor.dims.first().copied());
             }
         }
         None

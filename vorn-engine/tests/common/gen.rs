@@ -30,8 +30,8 @@ impl Cursor<'_> {
         match ty {
             0 | 1 | 7 => self.p += 1,
             2 | 3 => self.p += 2,
-            4 | 5 | 6 => self.p += 4,
-            10 | 11 | 12 => self.p += 8,
+            4..=6 => self.p += 4,
+            10..=12 => self.p += 8,
             8 => {
                 self.string();
             }
@@ -198,7 +198,7 @@ pub fn write_model(out_path: &Path, vocab: &Path, shape: &ModelShape) {
         let bytes = dims.iter().product::<u64>() * 4;
         offset += bytes.div_ceil(32) * 32;
     }
-    while header.len() % 32 != 0 {
+    while !header.len().is_multiple_of(32) {
         header.push(0);
     }
 

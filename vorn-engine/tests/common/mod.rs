@@ -257,10 +257,7 @@ pub fn parse_response(raw: &[u8]) -> std::io::Result<Response> {
 
 fn dechunk(mut data: &[u8]) -> Vec<u8> {
     let mut out = Vec::new();
-    loop {
-        let Some(eol) = data.windows(2).position(|w| w == b"\r\n") else {
-            break;
-        };
+    while let Some(eol) = data.windows(2).position(|w| w == b"\r\n") {
         let size_line = String::from_utf8_lossy(&data[..eol]).into_owned();
         let Ok(size) = usize::from_str_radix(size_line.split(';').next().unwrap_or("").trim(), 16)
         else {
