@@ -21,6 +21,24 @@ struct TestApp {
     dir: PathBuf,
 }
 
+/// Image links that are not usable data URLs, with the error each one gets.
+const BAD_DATA_URLS: [(&str, &str); 5] = [
+    (
+        "https://example.com/a.png",
+        "Images must be sent as data URLs.",
+    ),
+    ("data:image/png;base64", "Malformed data URL."),
+    (
+        "data:image/png,aGk=",
+        "Image data URLs must be base64 encoded.",
+    ),
+    (
+        "data:image/png;base64,@@@",
+        "The image data is not valid base64.",
+    ),
+    ("data:image/png;base64,", "The image is empty."),
+];
+
 static APP: OnceLock<TestApp> = OnceLock::new();
 
 impl TestApp {
@@ -58,6 +76,11 @@ impl TestApp {
             headers,
             body: body.to_vec(),
         }
+    }
+
+    /// A GET with exactly these headers.
+    async fn get(&self, path: &str, headers: &[(&str, &str)]) -> Reply {
+        self.send(request("GET", path, headers, "")).await
     }
 
     /// A request with the headers the app sends on `/api/*`.
@@ -145,50 +168,29 @@ async fn host_must_be_our_loopback_address() {
         "[::1]:4000",
         "",
     ] {
-        let r = app
-            .send(request(
-                "GET",
-                "/api/state",
-                &[("host", host), ("x-vorn-app", "1")],
-                "",
-            ))
+        let reply = app
+            .get("/api/state", &[("host", host), ("x-vorn-app", "1")])
             .await;
-        r.assert_error(403, refused);
+        reply.assert_error(403, refused);
     }
-    let r = app
-        .send(request("GET", "/api/state", &[("x-vorn-app", "1")], ""))
-        .await;
-    r.assert_error(403, refused);
+    let reply = app.get("/api/state", &[("x-vorn-app", "1")]).await;
+    reply.assert_error(403, refused);
     // Two Host headers are ambiguous, even when both are ours.
-    let r = app
-        .send(request(
-            "GET",
+    let reply = app
+        .get(
             "/api/state",
             &[("host", HOST), ("host", HOST), ("x-vorn-app", "1")],
-            "",
-        ))
+        )
         .await;
-    r.assert_error(403, refused);
+    reply.assert_error(403, refused);
     // The Host check runs before routing: unknown paths are refused the same way.
-    let r = app
-        .send(request(
-            "GET",
-            "/nothing",
-            &[("host", "evil.example:4000")],
-            "",
-        ))
-        .await;
-    r.assert_error(403, refused);
+    let reply = app.get("/nothing", &[("host", "evil.example:4000")]).await;
+    reply.assert_error(403, refused);
     for host in [HOST, "localhost:4000", "LOCALHOST:4000", " 127.0.0.1:4000 "] {
-        let r = app
-            .send(request(
-                "GET",
-                "/api/state",
-                &[("host", host), ("x-vorn-app", "1")],
-                "",
-            ))
+        let reply = app
+            .get("/api/state", &[("host", host), ("x-vorn-app", "1")])
             .await;
-        assert_eq!(r.status, 200, "{host}");
+        assert_eq!(reply.status, 200, "{host}");
     }
 }
 
@@ -202,17 +204,15 @@ async fn cross_site_origins_are_refused() {
         "http://127.0.0.1:4001",
         "http://localhost:4000.evil.example",
     ] {
-        let r = app
-            .send(request(
-                "GET",
+        let reply = app
+            .get(
                 "/api/state",
                 &[("host", HOST), ("x-vorn-app", "1"), ("origin", origin)],
-                "",
-            ))
+            )
             .await;
-        r.assert_error(403, "Cross-site requests are not allowed.");
+        reply.assert_error(403, "Cross-site requests are not allowed.");
     }
-    let r = app
+    let reply = app
         .send(request(
             "OPTIONS",
             "/v1/chat/completions",
@@ -224,18 +224,18 @@ async fn cross_site_origins_are_refused() {
             "",
         ))
         .await;
-    r.assert_error(403, "Cross-site requests are not allowed.");
+    reply.assert_error(403, "Cross-site requests are not allowed.");
     for origin in ["http://127.0.0.1:4000", "http://localhost:4000"] {
-        let r = app
-            .send(request(
-                "GET",
+        let reply = app
+            .get(
                 "/api/state",
                 &[("host", HOST), ("x-vorn-app", "1"), ("origin", origin)],
-                "",
-            ))
+            )
             .await;
-        assert_eq!(r.status, 200, "{origin}");
-        assert!(!r.headers.contains_key(header::ACCESS_CONTROL_ALLOW_ORIGIN));
+        assert_eq!(reply.status, 200, "{origin}");
+        assert!(!reply
+            .headers
+            .contains_key(header::ACCESS_CONTROL_ALLOW_ORIGIN));
     }
 }
 
@@ -247,14 +247,14 @@ async fn api_paths_need_the_app_header() {
         if let Some(v) = value {
             headers.push(("x-vorn-app", v));
         }
-        let r = app.send(request("GET", "/api/state", &headers, "")).await;
-        r.assert_error(403, "Missing X-Vorn-App header.");
+        let reply = app.get("/api/state", &headers).await;
+        reply.assert_error(403, "Missing X-Vorn-App header.");
         // Also on paths that do not exist under /api/.
-        let r = app.send(request("GET", "/api/nothing", &headers, "")).await;
-        r.assert_error(403, "Missing X-Vorn-App header.");
+        let reply = app.get("/api/nothing", &headers).await;
+        reply.assert_error(403, "Missing X-Vorn-App header.");
     }
     // The chat endpoint does not need it: the app does not send it there.
-    let r = app
+    let reply = app
         .send(request(
             "POST",
             "/v1/chat/completions",
@@ -262,7 +262,7 @@ async fn api_paths_need_the_app_header() {
             r#"{"messages": []}"#,
         ))
         .await;
-    r.assert_error(400, "\"messages\" must not be empty.");
+    reply.assert_error(400, "\"messages\" must not be empty.");
 }
 
 #[tokio::test]
@@ -281,12 +281,12 @@ async fn post_bodies_must_be_declared_json() {
             headers.push(("content-type", t));
         }
         for path in ["/api/unload", "/v1/chat/completions", "/api/nothing"] {
-            let r = app.send(request("POST", path, &headers, "{}")).await;
-            r.assert_error(415, refused);
+            let reply = app.send(request("POST", path, &headers, "{}")).await;
+            reply.assert_error(415, refused);
         }
     }
     for content_type in ["application/json; charset=utf-8", "APPLICATION/JSON"] {
-        let r = app
+        let reply = app
             .send(request(
                 "POST",
                 "/api/unload",
@@ -298,23 +298,21 @@ async fn post_bodies_must_be_declared_json() {
                 "{}",
             ))
             .await;
-        assert_eq!(r.status, 200, "{content_type}");
-        assert_eq!(r.json(), json!({"ok": true}));
+        assert_eq!(reply.status, 200, "{content_type}");
+        assert_eq!(reply.json(), json!({"ok": true}));
     }
     // A GET may carry the header, as the app sends it.
-    let r = app
-        .send(request(
-            "GET",
+    let reply = app
+        .get(
             "/api/state",
             &[
                 ("host", HOST),
                 ("x-vorn-app", "1"),
                 ("content-type", "application/json"),
             ],
-            "",
-        ))
+        )
         .await;
-    assert_eq!(r.status, 200);
+    assert_eq!(reply.status, 200);
 }
 
 #[tokio::test]
@@ -352,11 +350,11 @@ async fn bodies_above_the_limit_are_refused() {
 async fn unknown_paths_and_methods() {
     let app = TestApp::shared();
     for path in ["/", "/nothing", "/v1/models", "/v1/chat/completions/"] {
-        let r = app.send(request("GET", path, &[("host", HOST)], "")).await;
-        r.assert_error(404, "Not found.");
+        let reply = app.get(path, &[("host", HOST)]).await;
+        reply.assert_error(404, "Not found.");
     }
-    let r = app.api("GET", "/api/state/", "").await;
-    r.assert_error(404, "Not found.");
+    let reply = app.api("GET", "/api/state/", "").await;
+    reply.assert_error(404, "Not found.");
     for (method, path) in [
         ("DELETE", "/api/state"),
         ("PUT", "/api/load"),
@@ -364,26 +362,19 @@ async fn unknown_paths_and_methods() {
         ("GET", "/api/pull"),
         ("PATCH", "/api/encode"),
     ] {
-        let r = app.api(method, path, "").await;
-        r.assert_error(405, "Method not allowed.");
+        let reply = app.api(method, path, "").await;
+        reply.assert_error(405, "Method not allowed.");
     }
-    let r = app
-        .send(request(
-            "GET",
-            "/v1/chat/completions",
-            &[("host", HOST)],
-            "",
-        ))
-        .await;
-    r.assert_error(405, "Method not allowed.");
+    let reply = app.get("/v1/chat/completions", &[("host", HOST)]).await;
+    reply.assert_error(405, "Method not allowed.");
 }
 
 #[tokio::test]
 async fn state_without_a_model() {
     let app = TestApp::shared();
-    let r = app.api("GET", "/api/state", "").await;
-    assert_eq!(r.status, 200);
-    let state = r.json();
+    let reply = app.api("GET", "/api/state", "").await;
+    assert_eq!(reply.status, 200);
+    let state = reply.json();
     assert_eq!(state["version"], env!("CARGO_PKG_VERSION"));
     assert_eq!(state["dir"], app.dir.to_string_lossy().as_ref());
     assert_eq!(state["loaded"], Value::Null);
@@ -402,9 +393,9 @@ async fn state_without_a_model() {
     );
     assert_eq!(state["last"]["completion_tokens"], 0);
     // HEAD answers like GET, without a body.
-    let r = app.api("HEAD", "/api/state", "").await;
-    assert_eq!(r.status, 200);
-    assert!(r.body.is_empty());
+    let reply = app.api("HEAD", "/api/state", "").await;
+    assert_eq!(reply.status, 200);
+    assert!(reply.body.is_empty());
 }
 
 #[tokio::test]
@@ -503,9 +494,9 @@ async fn load_fields() {
     app.post("/api/load", json!({"name": "dangling.gguf"}))
         .await
         .assert_error(404, "The file behind dangling.gguf is missing.");
-    let r = app.post("/api/load", json!({"name": "garbage.gguf"})).await;
-    assert_eq!(r.status, 500);
-    let error = r.json()["error"].as_str().unwrap().to_string();
+    let reply = app.post("/api/load", json!({"name": "garbage.gguf"})).await;
+    assert_eq!(reply.status, 500);
+    let error = reply.json()["error"].as_str().unwrap().to_string();
     assert!(
         error.starts_with("garbage.gguf is not a usable GGUF file: "),
         "{error}"
@@ -530,8 +521,11 @@ async fn load_fields() {
 async fn unload_takes_any_object() {
     let app = TestApp::shared();
     for body in ["{}", r#"{"name": 5}"#, r#"{"a": [1, {"b": null}]}"#] {
-        let r = app.api("POST", "/api/unload", body).await;
-        assert_eq!((r.status.as_u16(), r.json()), (200, json!({"ok": true})));
+        let reply = app.api("POST", "/api/unload", body).await;
+        assert_eq!(
+            (reply.status.as_u16(), reply.json()),
+            (200, json!({"ok": true}))
+        );
     }
 }
 
@@ -597,22 +591,7 @@ async fn encode_fields() {
             .await
             .assert_error(400, "\"url\" must be a text.");
     }
-    for (url, text) in [
-        (
-            "https://example.com/a.png",
-            "Images must be sent as data URLs.",
-        ),
-        ("data:image/png;base64", "Malformed data URL."),
-        (
-            "data:image/png,aGk=",
-            "Image data URLs must be base64 encoded.",
-        ),
-        (
-            "data:image/png;base64,@@@",
-            "The image data is not valid base64.",
-        ),
-        ("data:image/png;base64,", "The image is empty."),
-    ] {
+    for (url, text) in BAD_DATA_URLS {
         app.post("/api/encode", json!({ "url": url }))
             .await
             .assert_error(400, text);
@@ -757,22 +736,7 @@ async fn chat_messages() {
             .await
             .assert_error(400, "Unknown content part type.");
     }
-    for (url, text) in [
-        (
-            "https://example.com/a.png",
-            "Images must be sent as data URLs.",
-        ),
-        ("data:image/png;base64", "Malformed data URL."),
-        (
-            "data:image/png,aGk=",
-            "Image data URLs must be base64 encoded.",
-        ),
-        (
-            "data:image/png;base64,@@@",
-            "The image data is not valid base64.",
-        ),
-        ("data:image/png;base64,", "The image is empty."),
-    ] {
+    for (url, text) in BAD_DATA_URLS {
         let part = json!({"type": "image_url", "image_url": {"url": url}});
         chat(json!([user(json!([part]))]))
             .await

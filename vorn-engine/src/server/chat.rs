@@ -1,7 +1,7 @@
 //! /v1/chat/completions: OpenAI-style chat, streamed or in one reply.
 
 use super::error::ApiError;
-use super::json::{Field, JsonBody};
+use super::json::{Field, JsonBody, TextOr};
 use super::messages::{conversation, MessagesField};
 use super::stream;
 use super::App;
@@ -10,9 +10,7 @@ use crate::state::lock;
 use axum::extract::State;
 use axum::response::{IntoResponse, Response};
 use axum::Json;
-use serde::de::Error as _;
-use serde::{Deserialize, Deserializer, Serialize};
-use serde_json::Value;
+use serde::{Deserialize, Serialize};
 
 #[derive(Deserialize, Default)]
 #[serde(default)]
@@ -26,20 +24,8 @@ pub(super) struct ChatBody {
     seed: Field<u64>,
     max_tokens: Field<u64>,
     max_completion_tokens: Field<u64>,
-    stop: Field<Stop>,
-}
-
-/// `"stop": "text"` or `"stop": ["text", ...]`.
-struct Stop(Vec<String>);
-
-impl<'de> Deserialize<'de> for Stop {
-    fn deserialize<D: Deserializer<'de>>(deserializer: D) -> Result<Self, D::Error> {
-        match Value::deserialize(deserializer)? {
-            Value::String(text) => Ok(Stop(vec![text])),
-            texts @ Value::Array(_) => Vec::deserialize(texts).map(Stop).map_err(D::Error::custom),
-            _ => Err(D::Error::custom("not a text or an array")),
-        }
-    }
+    /// One stop text or several.
+    stop: Field<TextOr<Vec<String>>>,
 }
 
 /// A sampling number: any JSON number, or `default` when absent or null.
@@ -93,10 +79,11 @@ impl ChatBody {
         let max_tokens = max_tokens
             .optional(ApiError::NotCount("max_tokens"))?
             .map(|m| m.min(u32::MAX as u64) as u32);
-        let stop = stop
-            .optional(ApiError::BadStop)?
-            .map(|Stop(texts)| texts)
-            .unwrap_or_default();
+        let stop = match stop.optional(ApiError::BadStop)? {
+            None => Vec::new(),
+            Some(TextOr::Text(text)) => vec![text],
+            Some(TextOr::Other(texts)) => texts,
+        };
         let settings = Settings {
             stream,
             sampling: Sampling {

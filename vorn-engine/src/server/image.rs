@@ -3,7 +3,7 @@
 
 use super::error::ApiError;
 use super::json::{Field, JsonBody};
-use super::{done, App, Done};
+use super::{ok_reply, App, OkReply};
 use crate::engine::Image;
 use crate::state::lock;
 use axum::extract::State;
@@ -14,7 +14,7 @@ use sha2::{Digest, Sha256};
 use std::sync::Arc;
 
 /// Decodes a `data:` URL into its bytes.
-pub fn decode_data_url(url: &str) -> Result<Vec<u8>, ApiError> {
+pub(super) fn decode_data_url(url: &str) -> Result<Vec<u8>, ApiError> {
     let rest = url.strip_prefix("data:").ok_or(ApiError::NotDataUrl)?;
     let (meta, data) = rest.split_once(',').ok_or(ApiError::MalformedDataUrl)?;
     if !meta.to_ascii_lowercase().ends_with(";base64") {
@@ -49,7 +49,7 @@ pub(super) struct EncodeBody {
 pub(super) async fn encode(
     State(app): State<App>,
     JsonBody(body): JsonBody<EncodeBody>,
-) -> Result<Json<Done>, ApiError> {
+) -> Result<Json<OkReply>, ApiError> {
     let url = body.url.required(ApiError::NotText("url"))?;
     // Decoding and hashing tens of megabytes: not on the async threads.
     let image = tokio::task::spawn_blocking(move || image_from_url(&url))
@@ -63,7 +63,7 @@ pub(super) async fn encode(
         return Err(ApiError::NoVisionModel);
     }
     app.engine.encode(image).await?;
-    Ok(done())
+    Ok(ok_reply())
 }
 
 #[cfg(test)]

@@ -113,6 +113,26 @@ impl<'de, T: DeserializeOwned> Deserialize<'de> for Object<T> {
     }
 }
 
+/// A value sent either as a plain text or in a fuller form `T`.
+#[derive(Debug, Clone, PartialEq)]
+pub enum TextOr<T> {
+    Text(String),
+    Other(T),
+}
+
+// By hand rather than untagged, which would copy every text (image data URLs
+// included) while trying the variants.
+impl<'de, T: DeserializeOwned> Deserialize<'de> for TextOr<T> {
+    fn deserialize<D: Deserializer<'de>>(deserializer: D) -> Result<Self, D::Error> {
+        match Value::deserialize(deserializer)? {
+            Value::String(text) => Ok(TextOr::Text(text)),
+            other => T::deserialize(other)
+                .map(TextOr::Other)
+                .map_err(D::Error::custom),
+        }
+    }
+}
+
 #[cfg(test)]
 mod tests {
     use super::*;
@@ -157,6 +177,18 @@ mod tests {
     fn objects_are_not_read_from_arrays() {
         assert_eq!(read(json!({"inner": [true]})).inner, Field::Wrong);
         assert_eq!(read(json!({"inner": "x"})).inner, Field::Wrong);
+    }
+
+    #[test]
+    fn texts_or_fuller_forms() {
+        let read = |value: Value| Field::<TextOr<Vec<String>>>::deserialize(value).unwrap();
+        assert_eq!(read(json!("a")), Field::Given(TextOr::Text("a".into())));
+        assert_eq!(
+            read(json!(["a", "b"])),
+            Field::Given(TextOr::Other(vec!["a".into(), "b".into()]))
+        );
+        assert_eq!(read(json!(["a", 1])), Field::Wrong);
+        assert_eq!(read(json!(5)), Field::Wrong);
     }
 
     #[test]

@@ -2,12 +2,10 @@
 
 use super::error::ApiError;
 use super::image::image_from_url;
-use super::json::{Field, Object};
+use super::json::{Field, Object, TextOr};
 use crate::engine::ChatMessage;
 use crate::template::MEDIA_MARKER;
-use serde::de::Error as _;
-use serde::{Deserialize, Deserializer};
-use serde_json::Value;
+use serde::Deserialize;
 
 /// What a user may write instead of the media marker.
 const DEFUSED_MARKER: &str = "<_media_>";
@@ -23,24 +21,7 @@ pub(super) struct MessageBody {
 }
 
 /// Message content: a text, or an array of parts.
-enum Content {
-    Text(String),
-    Parts(Vec<Field<Object<PartBody>>>),
-}
-
-// By hand rather than untagged, which would copy every text (image data
-// URLs included) while trying the variants.
-impl<'de> Deserialize<'de> for Content {
-    fn deserialize<D: Deserializer<'de>>(deserializer: D) -> Result<Self, D::Error> {
-        match Value::deserialize(deserializer)? {
-            Value::String(text) => Ok(Content::Text(text)),
-            parts @ Value::Array(_) => Vec::deserialize(parts)
-                .map(Content::Parts)
-                .map_err(D::Error::custom),
-            _ => Err(D::Error::custom("not a text or an array")),
-        }
-    }
-}
+type Content = TextOr<Vec<Field<Object<PartBody>>>>;
 
 #[derive(Deserialize, Default)]
 #[serde(default)]
@@ -52,22 +33,7 @@ struct PartBody {
 }
 
 /// `"image_url": "data:..."` or `"image_url": {"url": "data:..."}`.
-enum ImageUrl {
-    Link(String),
-    Object(UrlBody),
-}
-
-impl<'de> Deserialize<'de> for ImageUrl {
-    fn deserialize<D: Deserializer<'de>>(deserializer: D) -> Result<Self, D::Error> {
-        match Value::deserialize(deserializer)? {
-            Value::String(link) => Ok(ImageUrl::Link(link)),
-            object @ Value::Object(_) => UrlBody::deserialize(object)
-                .map(ImageUrl::Object)
-                .map_err(D::Error::custom),
-            _ => Err(D::Error::custom("not a text or an object")),
-        }
-    }
-}
+type ImageUrl = TextOr<Object<UrlBody>>;
 
 #[derive(Deserialize, Default)]
 #[serde(default)]
@@ -91,8 +57,8 @@ fn message(entry: Field<Object<MessageBody>>) -> Result<ChatMessage, ApiError> {
     let mut images = Vec::new();
     match body.content.optional(ApiError::BadContent)? {
         None => {}
-        Some(Content::Text(text)) => content = text,
-        Some(Content::Parts(parts)) => {
+        Some(TextOr::Text(text)) => content = text,
+        Some(TextOr::Other(parts)) => {
             for part in parts {
                 let Object(part) = part.given().ok_or(ApiError::UnknownPartType)?;
                 match part.kind.given().as_deref() {
@@ -101,8 +67,8 @@ fn message(entry: Field<Object<MessageBody>>) -> Result<ChatMessage, ApiError> {
                     }
                     Some("image_url") => {
                         let url = match part.image_url.given() {
-                            Some(ImageUrl::Link(url)) => url,
-                            Some(ImageUrl::Object(body)) => {
+                            Some(TextOr::Text(url)) => url,
+                            Some(TextOr::Other(Object(body))) => {
                                 body.url.required(ApiError::ImagePartWithoutUrl)?
                             }
                             None => return Err(ApiError::ImagePartWithoutUrl),

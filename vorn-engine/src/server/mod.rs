@@ -9,7 +9,7 @@
 //! - `messages`, `chat`, `stream`: /v1/chat/completions
 
 mod chat;
-pub mod error;
+mod error;
 mod guard;
 mod image;
 mod json;
@@ -20,7 +20,6 @@ mod stream;
 
 pub use error::ApiError;
 pub use guard::BODY_LIMIT;
-pub use image::decode_data_url;
 
 use crate::download::Downloader;
 use crate::engine::Engine;
@@ -83,10 +82,10 @@ async fn method_not_allowed() -> ApiError {
 
 /// The reply of commands that have nothing to say but that they worked.
 #[derive(serde::Serialize)]
-struct Done {
+struct OkReply {
     ok: bool,
 }
 
-fn done() -> axum::Json<Done> {
-    axum::Json(Done { ok: true })
+fn ok_reply() -> axum::Json<OkReply> {
+    axum::Json(OkReply { ok: true })
 }

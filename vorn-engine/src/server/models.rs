@@ -2,7 +2,7 @@
 
 use super::error::ApiError;
 use super::json::{Field, JsonBody};
-use super::{done, App, Done};
+use super::{ok_reply, App, OkReply};
 use crate::engine::LoadRequest;
 use crate::names;
 use crate::state::{lock, DownloadState, LocalModel, RunMetrics};
@@ -65,7 +65,7 @@ pub(super) struct LoadBody {
 pub(super) async fn load(
     State(app): State<App>,
     JsonBody(body): JsonBody<LoadBody>,
-) -> Result<Json<Done>, ApiError> {
+) -> Result<Json<OkReply>, ApiError> {
     let name = body.name.required(ApiError::NotText("name"))?;
     let gpu = body.gpu.or(false, ApiError::NotTrueOrFalse("gpu"))?;
     let ctx = match body.ctx.optional(ApiError::BadContextSize)? {
@@ -91,7 +91,7 @@ pub(super) async fn load(
             projector,
         })
         .await?;
-    Ok(done())
+    Ok(ok_reply())
 }
 
 /// The path of a model file named in a request: a plain name of a file in
@@ -147,7 +147,7 @@ pub(super) struct UnloadBody {}
 pub(super) async fn unload(
     State(app): State<App>,
     JsonBody(_): JsonBody<UnloadBody>,
-) -> Result<Json<Done>, ApiError> {
+) -> Result<Json<OkReply>, ApiError> {
     app.engine.unload().await?;
-    Ok(done())
+    Ok(ok_reply())
 }

@@ -2,7 +2,7 @@
 
 use super::error::ApiError;
 use super::json::{Field, JsonBody};
-use super::{done, App, Done};
+use super::{ok_reply, App, OkReply};
 use axum::extract::State;
 use axum::Json;
 use serde::Deserialize;
@@ -18,9 +18,9 @@ pub(super) struct PullBody {
 pub(super) async fn pull(
     State(app): State<App>,
     JsonBody(body): JsonBody<PullBody>,
-) -> Result<Json<Done>, ApiError> {
+) -> Result<Json<OkReply>, ApiError> {
     let name = body.name.required(ApiError::NotText("name"))?;
     let url = body.url.required(ApiError::NotText("url"))?;
     app.downloads.start(&name, &url)?;
-    Ok(done())
+    Ok(ok_reply())
 }
