@@ -3,7 +3,7 @@
 //! on inference; [`Engine`] is the handle the HTTP layer talks to.
 //!
 //! - `worker`: the thread itself, before any model is loaded
-//! - `load`: checking, probing and loading a model into a [`session`]
+//! - `load`: checking, probing and loading a model into a session
 //! - `session`: a loaded model and the commands it serves
 //! - `conversation`: messages to prompt tokens that fit the context
 //! - `prefill`: evaluating a prompt after what the KV cache already holds
@@ -11,6 +11,8 @@
 //! - `vision`: images, the encoder output cache and early encoding
 //! - `probe`: the child process that tries a file before the engine loads it
 //! - `threads`: how many CPU threads a model gets
+//! - `lru`: the eviction of the image caches
+//! - `error`: every way a command can fail
 
 mod conversation;
 mod error;
@@ -37,8 +39,10 @@ use tokio::sync::{mpsc as async_mpsc, oneshot};
 pub struct LoadRequest {
     pub name: String,
     pub path: PathBuf,
+    /// Offload every layer to the GPU, when there is one.
     pub gpu: bool,
-    pub ctx: u32,
+    /// Context length in tokens; 0 takes the length the model was trained with.
+    pub context_size: u32,
     /// The projector paired with the model: its file name and path.
     pub projector: Option<(String, PathBuf)>,
 }

@@ -57,10 +57,10 @@ impl<'m> Session<'m> {
         offload: bool,
         shared: &Arc<Shared>,
     ) -> Result<(Session<'m>, Option<String>), EngineError> {
-        let context_size = if request.ctx == 0 {
+        let context_size = if request.context_size == 0 {
             model.n_ctx_train().max(512)
         } else {
-            request.ctx.clamp(64, 1 << 20)
+            request.context_size.clamp(64, 1 << 20)
         };
         let batch_size = 512u32.min(context_size);
         let params = LlamaContextParams::default()

@@ -68,7 +68,7 @@ pub(super) async fn load(
 ) -> Result<Json<OkReply>, ApiError> {
     let name = body.name.required(ApiError::NotText("name"))?;
     let gpu = body.gpu.or(false, ApiError::NotTrueOrFalse("gpu"))?;
-    let ctx = match body.ctx.optional(ApiError::BadContextSize)? {
+    let context_size = match body.ctx.optional(ApiError::BadContextSize)? {
         None => DEFAULT_CONTEXT,
         Some(c) if c <= MAX_CONTEXT => c as u32,
         Some(_) => return Err(ApiError::BadContextSize),
@@ -87,7 +87,7 @@ pub(super) async fn load(
             name,
             path,
             gpu,
-            ctx,
+            context_size,
             projector,
         })
         .await?;
