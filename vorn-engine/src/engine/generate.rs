@@ -92,25 +92,57 @@ impl Session<'_> {
         let prefill_secs = t_prefill.elapsed().as_secs_f64();
         let ttft = t_start.elapsed().as_secs_f64();
 
+        let t_decode = Instant::now();
+        let Some(decoded) = self.decode_reply(&job, prefilled.next_position, max_tokens) else {
+            return;
+        };
+        let decode_secs = t_decode.elapsed().as_secs_f64();
+        let evaluated = prefilled.evaluated as i64;
+        *lock(&self.shared.last) = RunMetrics {
+            decode_tps: rate(decoded.tokens, decode_secs),
+            prefill_tps: rate(evaluated, prefill_secs),
+            prompt_tokens,
+            completion_tokens: decoded.tokens,
+            evaluated_tokens: evaluated,
+            cached_tokens: prompt_tokens - evaluated,
+            ttft_ms: ttft * 1000.0,
+            reused_images: self.reused_images,
+        };
+        self.history = job.request.messages;
+        self.history_reply = decoded.text;
+        job.events.done(
+            decoded.finish_reason,
+            Usage {
+                prompt_tokens,
+                completion_tokens: decoded.tokens,
+            },
+        );
+    }
+
+    /// Samples tokens from `position` on and sends the text as it comes.
+    /// None when llama.cpp failed; the client has been told.
+    fn decode_reply(
+        &mut self,
+        job: &ChatJob,
+        mut position: usize,
+        max_tokens: usize,
+    ) -> Option<Decoded> {
+        let context_size = self.context_size as usize;
         let mut sampler = sampler(&job.request.sampling);
         let vocab = self.model.vocab();
-        let mut utf8 = Utf8Stream::default();
-        let mut reply = String::new();
-        let mut stop_list = job.request.stop.clone();
-        stop_list.extend(self.template.implicit_stops());
-        let mut stops = StopMatcher::new(stop_list);
+        let mut stops = job.request.stop.clone();
+        stops.extend(self.template.implicit_stops());
+        let mut text = ReplyText::new(stops);
         let mut batch = LlamaBatch::new(1, 1);
-        let mut completion = 0i64;
-        let mut finish = FinishReason::Length;
-        let t_decode = Instant::now();
-        let mut position = prefilled.next_position;
+        let mut tokens = 0i64;
+        let mut finish_reason = FinishReason::Length;
         let mut piece = Vec::with_capacity(32);
         loop {
             if job.cancelled() || self.shared.shutting_down.load(Ordering::Relaxed) {
-                finish = FinishReason::Cancelled;
+                finish_reason = FinishReason::Cancelled;
                 break;
             }
-            if completion as usize >= max_tokens {
+            if tokens as usize >= max_tokens {
                 break;
             }
             if position >= context_size {
@@ -118,35 +150,33 @@ impl Session<'_> {
             }
             let token = sampler.sample(&self.ctx, -1);
             if vocab.is_eog(token) {
-                finish = FinishReason::Stop;
+                finish_reason = FinishReason::Stop;
                 break;
             }
-            completion += 1;
+            tokens += 1;
             piece.clear();
             vocab.token_to_piece_into(token, &mut piece, false, None);
-            let text = utf8.push(&piece);
-            if !text.is_empty() {
-                match stops.push(&text) {
-                    StopOutcome::Emit(t) => {
-                        reply.push_str(&t);
-                        if !t.is_empty() && !job.events.delta(t) {
-                            finish = FinishReason::Cancelled;
-                            break;
-                        }
-                    }
-                    StopOutcome::Stopped(t) => {
-                        reply.push_str(&t);
-                        if !t.is_empty() {
-                            job.events.delta(t);
-                        }
-                        finish = FinishReason::Stop;
-                        // The stop string stays out of the cache's record of
-                        // the reply; the next turn re-renders it anyway.
+            match text.push(&piece) {
+                Some(StopOutcome::Emit(delta)) => {
+                    // Sending fails when the client has gone.
+                    let sent = delta.is_empty() || job.events.delta(delta);
+                    if !sent {
+                        finish_reason = FinishReason::Cancelled;
                         break;
                     }
                 }
+                Some(StopOutcome::Stopped(delta)) => {
+                    if !delta.is_empty() {
+                        job.events.delta(delta);
+                    }
+                    finish_reason = FinishReason::Stop;
+                    // The stop string stays out of the cache's record of
+                    // the reply; the next turn re-renders it anyway.
+                    break;
+                }
+                None => {}
             }
-            if completion as usize >= max_tokens || position + 1 >= context_size {
+            if tokens as usize >= max_tokens || position + 1 >= context_size {
                 // No need to evaluate a token we will never continue from.
                 break;
             }
@@ -159,45 +189,112 @@ impl Session<'_> {
                     .fail(EngineError::GenerationFailed(e.to_string()));
                 self.cached.clear();
                 self.ctx.clear_kv_cache();
-                return;
+                return None;
             }
             self.cached.push(Key::Token(token.0));
             position += 1;
         }
-        if finish != FinishReason::Cancelled {
-            let rest = utf8.finish();
-            let mut tail = String::new();
-            if !rest.is_empty() {
-                match stops.push(&rest) {
-                    StopOutcome::Emit(t) | StopOutcome::Stopped(t) => tail.push_str(&t),
-                }
-            }
-            tail.push_str(&stops.finish());
-            reply.push_str(&tail);
+        if finish_reason != FinishReason::Cancelled {
+            let tail = text.finish();
             if !tail.is_empty() {
                 job.events.delta(tail);
             }
         }
-        let decode_secs = t_decode.elapsed().as_secs_f64();
-        let evaluated = prefilled.evaluated as i64;
-        *lock(&self.shared.last) = RunMetrics {
-            decode_tps: rate(completion, decode_secs),
-            prefill_tps: rate(evaluated, prefill_secs),
-            prompt_tokens,
-            completion_tokens: completion,
-            evaluated_tokens: evaluated,
-            cached_tokens: prompt_tokens - evaluated,
-            ttft_ms: ttft * 1000.0,
-            reused_images: self.reused_images,
-        };
-        self.history = job.request.messages;
-        self.history_reply = reply;
-        job.events.done(
-            finish,
-            Usage {
-                prompt_tokens,
-                completion_tokens: completion,
-            },
-        );
+        Some(Decoded {
+            text: text.into_text(),
+            tokens,
+            finish_reason,
+        })
+    }
+}
+
+/// A reply as generated.
+struct Decoded {
+    /// Everything sent, stop strings left out.
+    text: String,
+    tokens: i64,
+    finish_reason: FinishReason,
+}
+
+/// Token bytes into the text the client sees: whole characters only, cut
+/// before a stop string, and what was sent kept as the reply.
+struct ReplyText {
+    utf8: Utf8Stream,
+    stops: StopMatcher,
+    text: String,
+}
+
+impl ReplyText {
+    fn new(stops: Vec<String>) -> Self {
+        ReplyText {
+            utf8: Utf8Stream::default(),
+            stops: StopMatcher::new(stops),
+            text: String::new(),
+        }
+    }
+
+    /// Adds a token's bytes; None while they complete no character.
+    fn push(&mut self, bytes: &[u8]) -> Option<StopOutcome> {
+        let text = self.utf8.push(bytes);
+        if text.is_empty() {
+            return None;
+        }
+        let outcome = self.stops.push(&text);
+        match &outcome {
+            StopOutcome::Emit(t) | StopOutcome::Stopped(t) => self.text.push_str(t),
+        }
+        Some(outcome)
+    }
+
+    /// What was held back, at the end of a reply that was not cancelled.
+    fn finish(&mut self) -> String {
+        let rest = self.utf8.finish();
+        let mut tail = String::new();
+        if !rest.is_empty() {
+            match self.stops.push(&rest) {
+                StopOutcome::Emit(t) | StopOutcome::Stopped(t) => tail.push_str(&t),
+            }
+        }
+        tail.push_str(&self.stops.finish());
+        self.text.push_str(&tail);
+        tail
+    }
+
+    fn into_text(self) -> String {
+        self.text
+    }
+}
+
+#[cfg(test)]
+mod tests {
+    use super::*;
+
+    fn emitted(outcome: Option<StopOutcome>) -> Option<String> {
+        match outcome {
+            Some(StopOutcome::Emit(text)) => Some(text),
+            _ => None,
+        }
+    }
+
+    #[test]
+    fn reply_text_holds_back_partial_characters_and_stop_strings() {
+        let mut text = ReplyText::new(vec!["END".into()]);
+        let euro = "€".as_bytes();
+        assert!(text.push(&euro[..2]).is_none());
+        assert_eq!(emitted(text.push(&euro[2..])).as_deref(), Some("€"));
+        assert_eq!(emitted(text.push(b"a E")).as_deref(), Some("a "));
+        match text.push(b"ND b") {
+            Some(StopOutcome::Stopped(before)) => assert_eq!(before, ""),
+            _ => panic!("the stop string was not found"),
+        }
+        assert_eq!(text.into_text(), "€a ");
+    }
+
+    #[test]
+    fn finishing_sends_what_was_held_back() {
+        let mut text = ReplyText::new(vec!["END".into()]);
+        assert_eq!(emitted(text.push(b"x EN")).as_deref(), Some("x "));
+        assert_eq!(text.finish(), "EN");
+        assert_eq!(text.into_text(), "x EN");
     }
 }

@@ -239,14 +239,12 @@ impl Session<'_> {
         let id = chunks.get(index).and_then(|c| c.id()).unwrap_or_default();
         let encoded = self.embeddings.get(&id);
         let projector = self.projector.as_mut().ok_or(EngineError::NoProjector)?;
-        let handles = (|| {
-            Some((
-                ffi::mtmd_ptr(projector)?,
-                ctx_ptr?,
-                ffi::chunk_ptr(chunks, index)?,
-            ))
-        })();
-        let Some((projector_ptr, ctx_ptr, chunk_ptr)) = handles else {
+        let handles = (
+            ffi::mtmd_ptr(projector),
+            ctx_ptr,
+            ffi::chunk_ptr(chunks, index),
+        );
+        let (Some(projector_ptr), Some(ctx_ptr), Some(chunk_ptr)) = handles else {
             return Err(EngineError::ImagesUnsupportedByBuild);
         };
         let mut next_position = position;
