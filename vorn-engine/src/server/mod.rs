@@ -32,11 +32,12 @@ use std::path::PathBuf;
 use std::sync::atomic::Ordering;
 use std::sync::Arc;
 
+/// What every handler works with; cheap to clone.
 #[derive(Clone)]
 pub struct App {
-    pub shared: Arc<Shared>,
-    pub engine: Engine,
-    pub downloads: Downloader,
+    shared: Arc<Shared>,
+    engine: Engine,
+    downloads: Downloader,
 }
 
 impl App {
