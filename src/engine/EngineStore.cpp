@@ -333,3 +333,9 @@ void EngineStore::connectForTesting(const QUrl &baseURL)
 {
     m_baseURL = baseURL;
 }
+
+void EngineStore::setTimeoutsForTesting(int requestMilliseconds, int chatMilliseconds)
+{
+    m_requestTimeoutMilliseconds = requestMilliseconds;
+    m_chatTimeoutMilliseconds = chatMilliseconds;
+}

@@ -130,8 +130,6 @@ public:
     QString historyFile() const { return m_historyFile; }
     std::optional<QUrl> baseURL() const { return m_baseURL; }
     QProcess *process() const { return m_process; }
-    // The engine ended on its own (not through shutdown); its message is already shown.
-    bool engineStopped() const { return m_engineStopped; }
     CancellableTask *pollTask() const { return m_pollTask; }
     CancellableTask *generationTask() const { return m_generationTask; }
 
@@ -153,6 +151,9 @@ public:
                            std::function<void(const EngineReply &)> done);
     // Fetches and applies the engine status; done gets whether it was applied.
     QNetworkReply *refresh(std::function<void(bool)> done = {});
+    // Stops a call of request() on behalf of its caller: done then gets a cancellation,
+    // never the time-out that the network layer would report in the same way.
+    static void cancelRequest(QNetworkReply *reply);
 
     // --- chat --------------------------------------------------------------------
     Q_INVOKABLE void send();
@@ -176,6 +177,8 @@ public:
     static void setEngineLocationForTesting(const QString &path);
     // Tests talk to a stand-in server without launching a process.
     void connectForTesting(const QUrl &baseURL);
+    // Tests shorten the time a call or a chat reply may stall before it fails.
+    void setTimeoutsForTesting(int requestMilliseconds, int chatMilliseconds);
     static QString engineLocation();
 
 signals:
@@ -221,10 +224,12 @@ private:
     int m_tokenLimit = 512;
 
     QProcess *m_process = nullptr;
-    bool m_engineStopped = false;
     QPointer<CancellableTask> m_pollTask;
     QPointer<CancellableTask> m_generationTask;
     std::optional<QUrl> m_baseURL;
+    // How long a call may go without any bytes moving before it fails as timed out.
+    int m_requestTimeoutMilliseconds = 180 * 1000;
+    int m_chatTimeoutMilliseconds = 600 * 1000;
     QString m_directory;
     QString m_dataFolder;
     QString m_historyFile;

@@ -320,6 +320,40 @@ private slots:
         QVERIFY(!store.error());
     }
 
+    void aReplyThatNeverStartsTimesOutWithItsOwnMessage()
+    {
+        TestHome home;
+        FakeEngine engine;
+        EngineStore store;
+        connect(store, engine);
+        store.setTimeoutsForTesting(10000, 300);
+        FakeResponse silent;
+        silent.neverAnswer = true;
+        engine.route("POST", "/v1/chat/completions", silent);
+        store.setPrompt(QStringLiteral("Hello"));
+        store.send();
+        waitUntilIdle(store);
+        QCOMPARE(store.error().value_or(QString()), QStringLiteral("The request timed out."));
+        QCOMPARE(lastText(store), QStringLiteral("The request did not complete."));
+    }
+
+    void aReplyThatStallsKeepsItsTextAndSaysItTimedOut()
+    {
+        TestHome home;
+        FakeEngine engine;
+        EngineStore store;
+        connect(store, engine);
+        store.setTimeoutsForTesting(10000, 300);
+        FakeResponse stalling = FakeResponse::stream({delta("Half a")});
+        stalling.parts.append({60000, delta(" reply")});
+        engine.route("POST", "/v1/chat/completions", stalling);
+        store.setPrompt(QStringLiteral("Hello"));
+        store.send();
+        waitUntilIdle(store);
+        QCOMPARE(store.error().value_or(QString()), QStringLiteral("The request timed out."));
+        QCOMPARE(lastText(store), QStringLiteral("Half a"));
+    }
+
     void stopRightAfterSend()
     {
         TestHome home;

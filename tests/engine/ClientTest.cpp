@@ -55,6 +55,44 @@ private slots:
         }
     }
 
+    void aCallThatGetsNoAnswerTimesOut()
+    {
+        TestHome home;
+        FakeEngine engine;
+        QVERIFY(engine.listen());
+        FakeResponse silent;
+        silent.neverAnswer = true;
+        engine.route("POST", "/api/load", silent);
+        EngineStore store;
+        store.connectForTesting(engine.baseURL());
+        store.setTimeoutsForTesting(300, 10000);
+        const EngineReply reply = call(store, "api/load", QJsonObject{{"name", "m.gguf"}});
+        QVERIFY(!reply.ok());
+        QCOMPARE(reply.failure->kind, EngineFailure::Kind::Transport);
+        QCOMPARE(reply.failure->message, QStringLiteral("The request timed out."));
+    }
+
+    void aCallItsCallerStopsIsCancelled()
+    {
+        TestHome home;
+        FakeEngine engine;
+        QVERIFY(engine.listen());
+        FakeResponse silent;
+        silent.neverAnswer = true;
+        engine.route("POST", "/api/load", silent);
+        EngineStore store;
+        store.connectForTesting(engine.baseURL());
+        std::optional<EngineReply> result;
+        QNetworkReply *reply = store.request("api/load", QJsonObject{{"name", "m.gguf"}},
+                                             [&](const EngineReply &answer) { result = answer; });
+        QVERIFY(reply);
+        QTRY_COMPARE(engine.countOf("/api/load"), 1);
+        EngineStore::cancelRequest(reply);
+        QTRY_VERIFY(result.has_value());
+        QVERIFY(!result->ok());
+        QCOMPARE(result->failure->kind, EngineFailure::Kind::Cancelled);
+    }
+
     void successReturnsTheBody()
     {
         TestHome home;

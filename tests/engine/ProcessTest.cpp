@@ -5,6 +5,8 @@
 #include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QSignalSpy>
+#include <memory>
 #include <QtTest>
 
 // Launching, watching and stopping the engine, with small scripts standing in for it.
@@ -170,6 +172,68 @@ private slots:
         store.start();
         QTRY_VERIFY_WITH_TIMEOUT(store.error().has_value(), 5000);
         QCOMPARE(*store.error(), QStringLiteral("The local engine stopped (9). Relaunch Vorn to reconnect."));
+        store.shutdown();
+    }
+
+    // The engine's end has been reported and the user dismissed it: what fails later
+    // is shown all the same.
+    void aSendAfterTheEngineStoppedShowsItsError()
+    {
+        TestHome home;
+        writeEngine(home.path(), "exec sleep 30\n");
+        EngineStore store;
+        store.start();
+        auto engine = std::make_unique<FakeEngine>();
+        QVERIFY(engine->listen(static_cast<quint16>(store.baseURL()->port())));
+        engine->setState(FakeEngine::stateJson(QStringLiteral("m.gguf")));
+        QTRY_VERIFY_WITH_TIMEOUT(store.ready() && store.hasLoadedModel(), 5000);
+        store.process()->kill();
+        QTRY_COMPARE_WITH_TIMEOUT(store.error().value_or(QString()),
+                                  QStringLiteral("The local engine stopped (9). Relaunch Vorn to reconnect."), 5000);
+        engine.reset();
+        store.clearError();
+
+        store.setPrompt(QStringLiteral("Still there?"));
+        store.send();
+        QVERIFY(store.generating());
+        QTRY_VERIFY_WITH_TIMEOUT(!store.generating(), 5000);
+        QVERIFY(store.error());
+        QVERIFY(!store.error()->isEmpty());
+        QVERIFY(!store.error()->startsWith(QStringLiteral("The local engine stopped")));
+        QCOMPARE(store.messages().last().text, QStringLiteral("The request did not complete."));
+        store.shutdown();
+    }
+
+    // A reply breaks when its engine dies; the engine's end is the message that stays.
+    void theEnginesEndOutlastsTheBrokenReply()
+    {
+        TestHome home;
+        writeEngine(home.path(), "exec sleep 30\n");
+        EngineStore store;
+        store.start();
+        auto engine = std::make_unique<FakeEngine>();
+        QVERIFY(engine->listen(static_cast<quint16>(store.baseURL()->port())));
+        engine->setState(FakeEngine::stateJson(QStringLiteral("m.gguf")));
+        FakeResponse endless = FakeResponse::stream({"data: {\"choices\":[{\"delta\":{\"content\":\"Half\"}}]}\n\n"});
+        endless.parts.append({60000, "data: [DONE]\n\n"});
+        engine->route("POST", "/v1/chat/completions", endless);
+        QTRY_VERIFY_WITH_TIMEOUT(store.ready() && store.hasLoadedModel(), 5000);
+        store.setPrompt(QStringLiteral("Tell me"));
+        store.send();
+        QTRY_COMPARE_WITH_TIMEOUT(store.messages().last().text, QStringLiteral("Half"), 5000);
+
+        // The process ends first; its connections break a moment later.
+        QSignalSpy finished(store.process(), &QProcess::finished);
+        store.process()->kill();
+        QVERIFY(finished.wait(5000));
+        QCoreApplication::processEvents();
+        engine.reset();
+        QTRY_VERIFY_WITH_TIMEOUT(!store.generating(), 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(!store.ready(), 5000);
+        QCOMPARE(store.error().value_or(QString()),
+                 QStringLiteral("The local engine stopped (9). Relaunch Vorn to reconnect."));
+        QCOMPARE(store.activity(), QStringLiteral("Engine stopped"));
+        QCOMPARE(store.messages().last().text, QStringLiteral("Half"));
         store.shutdown();
     }
 

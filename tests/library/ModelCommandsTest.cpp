@@ -207,6 +207,19 @@ private slots:
 
     // --- unload -------------------------------------------------------------------
 
+    void aLoadThatGetsNoAnswerSaysItTimedOut()
+    {
+        Setup setup;
+        setup.store.setTimeoutsForTesting(300, 10000);
+        FakeResponse silent;
+        silent.neverAnswer = true;
+        setup.engine.route("POST", "/api/load", silent);
+        setup.store.load(QStringLiteral("m.gguf"));
+        QVERIFY(setup.store.loading());
+        QTRY_VERIFY_WITH_TIMEOUT(!setup.store.loading(), 5000);
+        QCOMPARE(setup.store.error().value_or(QString()), QStringLiteral("The request timed out."));
+    }
+
     void unloadBodyIsEmptyObject()
     {
         Setup setup(FakeEngine::stateJson());
