@@ -42,6 +42,8 @@ EngineStore::EngineStore(QObject *parent)
         HistoryFile::keepUnreadableCopy(m_historyFile);
 
     m_selectedID = m_conversations.first().id;
+
+    followCanSend();
 }
 
 EngineStore::~EngineStore()

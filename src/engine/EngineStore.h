@@ -58,6 +58,9 @@ class EngineStore : public QObject {
     Q_PROPERTY(bool hasLoadedModel READ hasLoadedModel NOTIFY stateChanged)
     Q_PROPERTY(QString loadedName READ loadedName NOTIFY stateChanged)
     Q_PROPERTY(bool vision READ vision NOTIFY stateChanged)
+    // Whether the send/stop control acts: it stops while generating, and otherwise
+    // sends only what the engine can take.
+    Q_PROPERTY(bool canSend READ canSend NOTIFY canSendChanged)
     // Single members of the status, so rows and badges need not convert it whole.
     Q_PROPERTY(QString loadedFile READ loadedFile NOTIFY stateChanged)
     Q_PROPERTY(QString backend READ backend NOTIFY stateChanged)
@@ -122,6 +125,7 @@ public:
     QString loadedFile() const { return m_state ? m_state->loaded.value_or(QString()) : QString(); }
     QString backend() const { return m_state ? m_state->backend.value_or(QString()) : QString(); }
     QList<ChatMessage> messages() const;
+    bool canSend() const;
     // Index of the selected conversation in conversations(), or -1.
     int selectedIndex() const;
 
@@ -195,6 +199,7 @@ signals:
     void showLibraryChanged();
     void temperatureChanged();
     void tokenLimitChanged();
+    void canSendChanged();
 
 private:
     friend class EnginePoller;
@@ -206,6 +211,7 @@ private:
     void appendMessage(int conversationIndex, const ChatMessage &message);
     void setMessageText(int conversationIndex, int messageIndex, const QString &text);
 
+    void followCanSend();
     void handleProcessFinished(QProcess *process);
     void runStatusChange();
 
@@ -222,6 +228,7 @@ private:
     bool m_showLibrary = false;
     double m_temperature = 0.7;
     int m_tokenLimit = 512;
+    bool m_canSend = false;
 
     QProcess *m_process = nullptr;
     QPointer<CancellableTask> m_pollTask;

@@ -207,6 +207,46 @@ private slots:
         QCOMPARE(view.store().messages().last().text, QStringLiteral("ok"));
     }
 
+    // The keys follow the same rules as the button: Ctrl+Return is the button's
+    // shortcut and does nothing while it is disabled; Return hands the prompt to send().
+    void theKeyboardFollowsTheSendRules()
+    {
+        ViewHarness view(FakeEngine::stateJson("m.gguf", false));
+        view.fake().route("POST", "/v1/chat/completions",
+                          FakeResponse::json(400, R"({"error":"this model cannot see images"})"));
+        QVERIFY(view.refresh());
+        view.store().setAttachment(pngDataURL(4, 4));
+        view.typeInto(view.item("promptField"), QStringLiteral("What is this?"));
+        QVERIFY(!sendEnabled(view));
+        QVERIFY(!view.store().canSend());
+
+        view.key(Qt::Key_Return, Qt::ControlModifier);
+        view.key(Qt::Key_Enter, Qt::ControlModifier);
+        // Also from outside the prompt field.
+        view.item("searchField")->forceActiveFocus();
+        view.key(Qt::Key_Return, Qt::ControlModifier);
+        QVERIFY(view.store().messages().isEmpty());
+        QCOMPARE(view.store().prompt(), QStringLiteral("What is this?"));
+        QVERIFY(view.store().attachment());
+
+        // Return sends whatever send() accepts; the engine's refusal is shown.
+        view.item("promptField")->forceActiveFocus();
+        view.key(Qt::Key_Return);
+        QVERIFY(view.waitFor([&] { return view.fake().countOf("/v1/chat/completions") == 1 && !view.store().generating(); }));
+        QCOMPARE(view.store().error().value_or(QString()),
+                 QStringLiteral("The model could not answer. Check its image support and available memory."));
+
+        // A prompt of spaces enables the button, and send() then refuses it.
+        view.store().clearError();
+        view.typeInto(view.item("promptField"), QStringLiteral("  "));
+        QVERIFY(sendEnabled(view));
+        view.key(Qt::Key_Return, Qt::ControlModifier);
+        view.key(Qt::Key_Return);
+        QCOMPARE(view.store().messages().size(), 2);
+        QCOMPARE(view.store().prompt(), QStringLiteral("  "));
+        QCOMPARE(view.fake().countOf("/v1/chat/completions"), 1);
+    }
+
     void aLongStreamKeepsTheEndInViewEvenAfterScrollingUp()
     {
         ViewHarness view(FakeEngine::stateJson("m.gguf"));
