@@ -438,6 +438,58 @@ private slots:
         }
     }
 
+    // The reply is written only into its own conversation: a new chat is refused while
+    // it streams, another conversation is never touched, and coming back catches up.
+    void aReplyOnlyEverLandsInItsOwnConversation()
+    {
+        TestHome home;
+        FakeEngine engine;
+        EngineStore store;
+        connect(store, engine);
+        QList<QByteArray> parts{delta("one")};
+        for (int index = 0; index < 8; ++index)
+            parts.append(delta(" more"));
+        parts.append("data: [DONE]\n");
+        engine.route("POST", "/v1/chat/completions", FakeResponse::stream(parts, 120));
+
+        // Another conversation with a reply of its own.
+        const QUuid other = *store.selectedID();
+        engine.route("POST", "/v1/chat/completions", FakeResponse::stream({delta("Other reply"), "data: [DONE]\n"}));
+        store.setPrompt(QStringLiteral("Other question"));
+        store.send();
+        waitUntilIdle(store);
+        engine.route("POST", "/v1/chat/completions", FakeResponse::stream(parts, 120));
+        store.newChat();
+        const QUuid own = *store.selectedID();
+        QCOMPARE(store.conversations().size(), 2);
+
+        store.setPrompt(QStringLiteral("Count"));
+        store.send();
+        QTRY_VERIFY_WITH_TIMEOUT(lastText(store).startsWith(QStringLiteral("one")), 5000);
+        store.newChat();
+        QCOMPARE(store.conversations().size(), 2);
+        QCOMPARE(*store.selectedID(), own);
+
+        // Away while a few more pieces arrive.
+        store.setSelectedID(other);
+        QTest::qWait(300);
+        QVERIFY(store.generating());
+        QCOMPARE(store.messages().size(), 2);
+        QCOMPARE(lastText(store), QStringLiteral("Other reply"));
+        store.setSelectedID(own);
+        waitUntilIdle(store);
+        const QString whole = QStringLiteral("one") + QStringLiteral(" more").repeated(8);
+        QCOMPARE(lastText(store), whole);
+
+        const auto saved = HistoryFile::load(home.historyFile());
+        QVERIFY(saved);
+        QCOMPARE(saved->size(), 2);
+        for (const Conversation &conversation : *saved) {
+            QCOMPARE(conversation.messages.size(), 2);
+            QCOMPARE(conversation.messages.last().text, conversation.id == own ? whole : QStringLiteral("Other reply"));
+        }
+    }
+
     void noEngineAddressLeavesTheReplyEmpty()
     {
         TestHome home;
