@@ -78,6 +78,11 @@ Item {
             id: modelScroll
             objectName: "modelScroll"
             Layout.fillWidth: true
+            // 190 to 310 high; in a window too short for the whole sheet it takes what
+            // the other sections leave.
+            Layout.fillHeight: true
+            Layout.minimumHeight: 190
+            Layout.maximumHeight: 310
             Layout.preferredHeight: Math.max(190, Math.min(310, entries.implicitHeight))
             contentWidth: availableWidth
             clip: true

@@ -381,6 +381,49 @@ private slots:
         QVERIFY(ViewHarness::shown(indicator(full)));
     }
 
+    // At the window's smallest size a long list scrolls inside the sheet, and the rest
+    // of the sheet stays in the window.
+    void theWholeSheetFitsTheSmallestWindow()
+    {
+        QByteArray many = "[";
+        for (int index = 0; index < 24; ++index)
+            many += (index ? "," : "") + ViewHarness::modelJson(QStringLiteral("model-%1.gguf").arg(index), 1'000'000);
+        many += "]";
+        const QByteArray downloads = "[" + ViewHarness::downloadJson("next.gguf", 300, 1000) + "]";
+        for (const char *appearance : {"light", "dark"}) {
+            ViewHarness::resetSettings();
+            QSettings().setValue("appearance", appearance);
+            ViewHarness view(FakeEngine::stateJson(QString(), false, many, downloads));
+            view.window()->resize(920, 660);
+            QVERIFY(view.waitFor([&] { return view.window()->height() == 660; }));
+            QVERIFY(view.refresh());
+            open(view);
+
+            const qreal windowHeight = view.window()->contentItem()->height();
+            QQuickItem *sheet = view.object("librarySheet")->property("contentItem").value<QQuickItem *>();
+            QVERIFY(sheet);
+            const qreal sheetTop = sheet->mapToScene({0, 0}).y();
+            QVERIFY2(sheetTop >= 20, qPrintable(QString::number(sheetTop)));
+            for (const char *name : {"doneButton", "settingsRow", "replyLimitPicker", "libraryFootnote", "downloadButton"}) {
+                QQuickItem *item = view.item(QLatin1String(name));
+                QVERIFY2(ViewHarness::shown(item), name);
+                const qreal bottom = item->mapToScene({0, item->height()}).y();
+                QVERIFY2(bottom <= windowHeight - 20, qPrintable(QStringLiteral("%1 ends at %2").arg(QLatin1String(name)).arg(bottom)));
+            }
+            // The footnote stays inside the sheet with its margin below.
+            QQuickItem *footnote = view.item("libraryFootnote");
+            QVERIFY(footnote->mapToScene({0, footnote->height()}).y() <= sheetTop + sheet->height() - 28 + 0.5);
+
+            // The list gave way, within its bounds, and scrolls to its last rows.
+            QQuickItem *list = view.item("modelScroll");
+            QVERIFY2(list->height() >= 190 && list->height() <= 310, qPrintable(QString::number(list->height())));
+            auto *flickable = list->property("contentItem").value<QQuickItem *>();
+            QVERIFY(flickable);
+            QVERIFY(flickable->property("contentHeight").toDouble() > list->height());
+            view.saveScreenshot(QStringLiteral("library-smallest-window-") + QLatin1String(appearance));
+        }
+    }
+
     void emptyLibraryScreenshots()
     {
         for (const char *appearance : {"light", "dark"}) {
