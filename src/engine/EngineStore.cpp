@@ -179,9 +179,11 @@ void EngineStore::setSelectedID(const std::optional<QUuid> &id)
     if (m_selectedID == id)
         return;
     const int previousIndex = selectedIndex();
+    // The message list announces its reset while it still shows the old conversation.
+    m_messageList->beginSelectionChange();
     m_selectedID = id;
+    m_messageList->finishSelectionChange();
     m_conversationList->selectionMoved(previousIndex, selectedIndex());
-    m_messageList->selectionReplaced();
     emit selectedIDChanged();
 }
 

@@ -4,6 +4,7 @@
 // is downloaded through the library from a local stand-in for the hub. Every step is
 // worked through the window and saved as a screenshot.
 #include "AppDelegate.h"
+#include "ListModelChecks.h"
 #include "LoopbackHub.h"
 #include "ScriptedFileChooser.h"
 #include "BuiltEngine.h"
@@ -52,14 +53,18 @@ class AppEndToEndTest : public QObject {
 
 private:
     std::shared_ptr<ScriptedFileChooser> m_chooser;
+    std::unique_ptr<StoreListModelChecks> m_checks;
 
     // Launches the app as main() does, with the scripted chooser in place of dialogs.
     std::unique_ptr<AppDelegate> launch(WindowDriver &driver)
     {
         auto shell = std::make_unique<AppDelegate>();
         shell->store().setFileChooser(m_chooser);
+        m_checks = std::make_unique<StoreListModelChecks>(shell->store());
         shell->launch();
         driver.setWindow(shell->window());
+        if (auto *filter = qobject_cast<QAbstractItemModel *>(driver.object(QStringLiteral("conversationFilter"))))
+            m_checks->addProxy(filter);
         if (shell->window())
             QTest::qWaitForWindowExposed(shell->window());
         return shell;
