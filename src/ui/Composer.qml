@@ -163,6 +163,8 @@ Item {
                     enabled: store.canSend
                     hoverEnabled: true
                     focusPolicy: Qt.NoFocus
+                    // Disabled, the arrow fades with its square.
+                    opacity: enabled ? 1 : 0.35
                     onClicked: composer.sendOrStop()
 
                     ToolTip.visible: hovered
@@ -172,7 +174,6 @@ Item {
                     background: Rectangle {
                         radius: 10
                         color: sendButton.pressed ? Qt.darker(Theme.accent, 1.15) : Theme.accent
-                        opacity: sendButton.enabled ? 1 : 0.35
                     }
                     contentItem: Icon {
                         objectName: "sendSymbol"

@@ -184,6 +184,74 @@ private slots:
         QVERIFY(view.visibleItems("modelRow").first()->isEnabled());
     }
 
+    // The sheet's sections are 20 apart, and Done sits level with the title block.
+    void theSheetKeepsItsSpacing()
+    {
+        ViewHarness view;
+        open(view);
+        const QRectF title = ViewHarness::sceneRect(view.item("libraryTitleBlock"));
+        const QRectF done = ViewHarness::sceneRect(view.item("doneButton"));
+        QVERIFY2(qAbs(done.center().y() - title.center().y()) <= 0.5,
+                 qPrintable(QStringLiteral("%1 against %2").arg(done.center().y()).arg(title.center().y())));
+        const QRectF divider = ViewHarness::sceneRect(view.item("libraryDivider"));
+        const QRectF heading = ViewHarness::sceneRect(view.item("downloadHeading"));
+        const QRectF field = ViewHarness::sceneRect(view.item("downloadLinkField"));
+        QCOMPARE(heading.top() - divider.bottom(), 20.0);
+        QCOMPARE(field.top() - heading.bottom(), 20.0);
+    }
+
+    // The reply-limit picker is drawn rounded, as the buttons and fields beside it.
+    void theReplyLimitPickerIsRounded()
+    {
+        ViewHarness view;
+        open(view);
+        auto *picker = view.item("replyLimitPicker");
+        auto *background = picker->property("background").value<QQuickItem *>();
+        auto *doneBackground = view.item("doneButton")->property("background").value<QQuickItem *>();
+        QVERIFY(background && doneBackground);
+        QVERIFY(doneBackground->property("radius").toDouble() > 0);
+        QCOMPARE(background->property("radius").toDouble(), doneBackground->property("radius").toDouble());
+        QCOMPARE(background->property("border.color").value<QColor>(), doneBackground->property("border.color").value<QColor>());
+        QCOMPARE(picker->height(), view.item("doneButton")->height());
+    }
+
+    // Disabled rows and the disabled settings row dim every label they hold.
+    void disabledRowsDimTheirLabels()
+    {
+        ViewHarness view(FakeEngine::stateJson("alpha.gguf", false, threeModels()));
+        QVERIFY(view.refresh());
+        open(view);
+        const QStringList settingsLabels{"temperatureLabel", "temperatureSlider", "temperatureValue", "replyLimitLabel",
+                                         "replyLimitPicker"};
+        const QStringList rowLabels{"modelIcon", "modelName", "modelSize"};
+        for (const QString &name : settingsLabels)
+            QCOMPARE(ViewHarness::drawnOpacity(view.item(name)), 1.0);
+        for (const QString &name : rowLabels)
+            QCOMPARE(ViewHarness::drawnOpacity(child(view.visibleItems("modelRow").first(), name)), 1.0);
+
+        FakeResponse endless;
+        endless.neverAnswer = true;
+        view.fake().route("POST", "/v1/chat/completions", endless);
+        view.store().setPrompt(QStringLiteral("Hi"));
+        view.store().send();
+        QVERIFY(view.waitFor([&] { return view.store().generating(); }));
+        for (const QString &name : settingsLabels)
+            QVERIFY2(ViewHarness::drawnOpacity(view.item(name)) < 0.6, qPrintable(name));
+        for (QQuickItem *row : view.visibleItems("modelRow")) {
+            for (const QString &name : rowLabels)
+                QVERIFY2(ViewHarness::drawnOpacity(child(row, name)) < 0.6, qPrintable(name));
+        }
+        view.saveScreenshot(QStringLiteral("library-while-replying-light"));
+        view.click(view.item("doneButton"));
+        view.click(view.item("appearanceDark"));
+        open(view);
+        view.saveScreenshot(QStringLiteral("library-while-replying-dark"));
+        view.store().stop();
+        QVERIFY(view.waitFor([&] { return !view.store().generating(); }));
+        for (const QString &name : settingsLabels)
+            QCOMPARE(ViewHarness::drawnOpacity(view.item(name)), 1.0);
+    }
+
     void spacesEnableDownloadAndAreRefusedWithoutBeingCleared()
     {
         ViewHarness view;

@@ -54,6 +54,19 @@ bool WindowDriver::shown(const QQuickItem *item)
     return item && item->isVisible() && item->opacity() > 0;
 }
 
+qreal WindowDriver::drawnOpacity(const QQuickItem *item)
+{
+    qreal opacity = 1;
+    for (; item; item = item->parentItem())
+        opacity *= item->opacity();
+    return opacity;
+}
+
+QRectF WindowDriver::sceneRect(const QQuickItem *item)
+{
+    return item ? item->mapRectToScene(QRectF(0, 0, item->width(), item->height())) : QRectF();
+}
+
 QString WindowDriver::text(const QQuickItem *item)
 {
     return item ? item->property("text").toString() : QString();

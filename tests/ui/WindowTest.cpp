@@ -313,6 +313,33 @@ private slots:
         QVERIFY(!view.window()->findChild<QObject *>("redoItem"));
     }
 
+    // The conversation rows line up with the search field and the buttons above them.
+    void conversationRowsSpanTheSidebar()
+    {
+        ViewHarness view(FakeEngine::stateJson(), searchHistory());
+        const QRectF search = ViewHarness::sceneRect(view.item("searchField"));
+        const QRectF newConversation = ViewHarness::sceneRect(view.item("newConversationButton"));
+        QCOMPARE(newConversation.right(), search.right());
+        for (QQuickItem *row : view.visibleItems("conversationRow")) {
+            QCOMPARE(ViewHarness::sceneRect(row).left(), search.left());
+            QCOMPARE(ViewHarness::sceneRect(row).right(), search.right());
+        }
+    }
+
+    // A disabled send button dims its arrow with it.
+    void aDisabledSendButtonDimsItsArrow()
+    {
+        ViewHarness view(FakeEngine::stateJson("m.gguf"));
+        QVERIFY(view.refresh());
+        QVERIFY(!view.item("sendButton")->isEnabled());
+        const qreal dimmed = ViewHarness::drawnOpacity(view.item("sendSymbol"));
+        QVERIFY2(dimmed < 0.6, qPrintable(QString::number(dimmed)));
+        view.store().setPrompt(QStringLiteral("Hi"));
+        view.settle();
+        QVERIFY(view.item("sendButton")->isEnabled());
+        QCOMPARE(ViewHarness::drawnOpacity(view.item("sendSymbol")), 1.0);
+    }
+
     void mainScreenshots()
     {
         {
