@@ -15,7 +15,7 @@
 #include "engine/EngineStore.h"
 #include "model/ByteCountText.h"
 #include "model/HistoryFile.h"
-#include "model/PlatformWords.h"
+#include "PlatformText.h"
 
 #include <QAction>
 #include <QApplication>
@@ -109,7 +109,7 @@ private slots:
 
             // The engine comes up by itself.
             QVERIFY(window.waitFor([&] { return store.ready(); }, engineStartMs));
-            QCOMPARE(store.activity(), PlatformWords::readyActivity());
+            QCOMPARE(store.activity(), PlatformText::readyActivity());
             QCOMPARE(WindowDriver::text(window.item(QStringLiteral("engineText"))), QStringLiteral("Private · local engine"));
             QCOMPARE(WindowDriver::text(window.item(QStringLiteral("headerTitle"))), QStringLiteral("No model loaded"));
             QVERIFY(store.process());

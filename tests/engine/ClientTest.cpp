@@ -1,7 +1,7 @@
 #include "FakeEngine.h"
 #include "TestHome.h"
 #include "engine/EngineStore.h"
-#include "model/PlatformWords.h"
+#include "PlatformText.h"
 
 #include <QSignalSpy>
 #include <QTcpServer>
@@ -195,7 +195,7 @@ private slots:
         QVERIFY(refreshNow(store));
         QVERIFY(store.state());
         QVERIFY(store.ready());
-        QCOMPARE(store.activity(), PlatformWords::readyActivity());
+        QCOMPARE(store.activity(), PlatformText::readyActivity());
         QCOMPARE(notices, 1);
         QCOMPARE(*store.error(), QStringLiteral("earlier"));
 
@@ -257,12 +257,6 @@ private slots:
         store.setLoading(true);
         QVERIFY(refreshNow(store));
         QCOMPARE(store.activity(), QStringLiteral("Answering"));
-    }
-
-    void readyTextsForBothPlatforms()
-    {
-        QCOMPARE(PlatformWords::readyActivity(PlatformWords::Platform::Mac), QStringLiteral("Ready on this Mac"));
-        QCOMPARE(PlatformWords::readyActivity(PlatformWords::Platform::Other), QStringLiteral("Ready on this computer"));
     }
 };
 

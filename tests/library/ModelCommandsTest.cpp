@@ -2,7 +2,7 @@
 #include "StoreFixture.h"
 #include "TestHome.h"
 #include "engine/EngineStore.h"
-#include "model/PlatformWords.h"
+#include "PlatformText.h"
 
 #include <QDesktopServices>
 #include <QSignalSpy>
@@ -174,7 +174,7 @@ private slots:
         QCOMPARE(setup.engine.countOf("/api/state"), 0);
 
         roundTrip(setup.store);
-        QCOMPARE(setup.store.activity(), PlatformWords::readyActivity());
+        QCOMPARE(setup.store.activity(), PlatformText::readyActivity());
     }
 
     void refusedLoadWithoutMessageShowsGenericText()

@@ -1,7 +1,7 @@
 // The model library sheet.
 #include "ScriptedFileChooser.h"
 #include "ViewHarness.h"
-#include "model/PlatformWords.h"
+#include "PlatformText.h"
 
 #include <QApplication>
 #include <QSettings>
@@ -329,12 +329,18 @@ private slots:
     {
         ViewHarness view;
         open(view);
-        QCOMPARE(ViewHarness::text(view.item("libraryTagline")), PlatformWords::modelsStayLocal());
-        QCOMPARE(view.item("revealModelsButton")->property("text").toString(), PlatformWords::revealInFileBrowser());
-        const QString footnote = ViewHarness::text(view.item("libraryFootnote"));
-        QCOMPARE(footnote, PlatformWords::historyFootnote(view.store().dataFolder()));
-        QVERIFY(footnote.startsWith(QStringLiteral("Use a compatible GGUF model. For images, add its matching projector too.")));
-        QVERIFY(footnote.contains(QStringLiteral("~/")));
+        QCOMPARE(ViewHarness::text(view.item("libraryTagline")),
+                 PlatformText::expected(QStringLiteral("Your models stay on this Mac."),
+                                        QStringLiteral("Your models stay on this computer.")));
+        QCOMPARE(view.item("revealModelsButton")->property("text").toString(),
+                 PlatformText::expected(QStringLiteral("Show in Finder"), QStringLiteral("Show in File Manager"),
+                                        QStringLiteral("Show in Explorer")));
+        // The test home keeps the data in ~/.local/share (XDG_DATA_HOME), shown with ~.
+        QCOMPARE(ViewHarness::text(view.item("libraryFootnote")),
+                 QStringLiteral("Use a compatible GGUF model. For images, add its matching projector too. "
+                                "Chat history is stored locally in ")
+                     + PlatformText::expected(QStringLiteral("Application Support/Vorn."),
+                                              QStringLiteral("~/.local/share/Vorn.")));
     }
 
     void importButtonAsksForFiles()

@@ -2,7 +2,7 @@
 #include "MessageImage.h"
 #include "ViewHarness.h"
 #include "chat/MessageListModel.h"
-#include "model/PlatformWords.h"
+#include "PlatformText.h"
 
 #include <QApplication>
 #include <QBuffer>
@@ -49,7 +49,9 @@ private slots:
         QVERIFY(view.refresh());
         QVERIFY(ViewHarness::shown(view.item("welcomePanel")));
         QCOMPARE(ViewHarness::text(view.item("welcomeTitle")), QStringLiteral("Intelligence, right here."));
-        QCOMPARE(ViewHarness::text(view.item("welcomeText")), PlatformWords::bringModelWelcome());
+        QCOMPARE(ViewHarness::text(view.item("welcomeText")),
+                 PlatformText::expected(QStringLiteral("Bring a model to your Mac.\nKeep your work on your Mac."),
+                                        QStringLiteral("Bring a model to your computer.\nKeep your work on your computer.")));
         QVERIFY(ViewHarness::shown(view.item("openLibraryButton")));
         view.click(view.item("openLibraryButton"));
         QVERIFY(view.store().showLibrary());
@@ -82,7 +84,8 @@ private slots:
         view.store().setPrompt(QString());
         view.settle();
         QVERIFY(!sendEnabled(view));
-        QCOMPARE(view.item("sendButton")->property("help").toString(), PlatformWords::sendHelp());
+        QCOMPARE(view.item("sendButton")->property("help").toString(),
+                 PlatformText::expected(QStringLiteral("Send \u00b7 \u2318 Return"), QStringLiteral("Send \u00b7 Ctrl+Return")));
         QCOMPARE(view.item("sendSymbol")->property("name").toString(), QStringLiteral("arrow.up"));
     }
 

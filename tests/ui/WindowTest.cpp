@@ -1,4 +1,5 @@
 // The main window: sidebar, header, alert, appearance and the Edit keys.
+#include "PlatformText.h"
 #include "ScriptedFileChooser.h"
 #include "ViewHarness.h"
 #include "chat/ConversationListModel.h"
@@ -189,7 +190,8 @@ private slots:
         QVERIFY(view.refresh());
         QCOMPARE(ViewHarness::text(view.item("headerTitle")), QStringLiteral("llama-q4"));
         QVERIFY(ViewHarness::shown(view.item("backendBadge")));
-        QCOMPARE(ViewHarness::text(view.item("backendBadge")), QStringLiteral("GPU"));
+        QCOMPARE(ViewHarness::text(view.item("backendBadge")),
+                 PlatformText::expected(QStringLiteral("METAL"), QStringLiteral("GPU")));
 
         view.setEngineState(FakeEngine::stateJson("m.gguf", false, "[]", "[]", 0, 0, "vulkan"));
         QVERIFY(view.refresh());
