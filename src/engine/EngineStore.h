@@ -217,7 +217,7 @@ private:
 
     std::optional<EngineState> m_state;
     bool m_ready = false;
-    QString m_activity = QString::fromUtf8("Starting local engine\u2026");
+    QString m_activity = QStringLiteral("Starting local engine\u2026");
     std::optional<QString> m_error;
     bool m_loading = false;
     bool m_generating = false;

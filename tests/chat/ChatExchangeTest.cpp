@@ -156,7 +156,7 @@ private slots:
         connect(store, engine);
         engine.route("POST", "/v1/chat/completions", FakeResponse::stream({"data: [DONE]\n"}));
         // A family emoji is several code points but one character.
-        const QString family = QString::fromUtf8("\U0001F468\u200D\U0001F469\u200D\U0001F467");
+        const QString family = QStringLiteral("\U0001F468\u200D\U0001F469\u200D\U0001F467");
         store.setPrompt(family.repeated(45));
         store.send();
         QCOMPARE(store.conversations().at(store.selectedIndex()).title, family.repeated(40));

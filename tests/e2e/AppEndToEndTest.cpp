@@ -110,7 +110,7 @@ private slots:
             // The engine comes up by itself.
             QVERIFY(window.waitFor([&] { return store.ready(); }, engineStartMs));
             QCOMPARE(store.activity(), PlatformText::readyActivity());
-            QCOMPARE(WindowDriver::text(window.item(QStringLiteral("engineText"))), QStringLiteral("Private · local engine"));
+            QCOMPARE(WindowDriver::text(window.item(QStringLiteral("engineText"))), QStringLiteral("Private \u00b7 local engine"));
             QCOMPARE(WindowDriver::text(window.item(QStringLiteral("headerTitle"))), QStringLiteral("No model loaded"));
             QVERIFY(store.process());
             firstEnginePid = store.process()->processId();
@@ -163,7 +163,7 @@ private slots:
             // The footer gives the last reply's speed and length.
             QVERIFY(window.waitFor([&] { return store.state() && store.state()->last.decode_tps > 0; }, 10000));
             const QString speed = WindowDriver::text(window.item(QStringLiteral("throughputLabel")));
-            QVERIFY2(QRegularExpression(QStringLiteral("^Last reply · \\d+\\.\\d tok/s$")).match(speed).hasMatch(), qPrintable(speed));
+            QVERIFY2(QRegularExpression(QStringLiteral("^Last reply \u00b7 \\d+\\.\\d tok/s$")).match(speed).hasMatch(), qPrintable(speed));
             QCOMPARE(WindowDriver::text(window.item(QStringLiteral("tokensLabel"))),
                      QStringLiteral(" %1 tokens").arg(static_cast<qint64>(store.state()->last.completion_tokens)));
             // The sidebar lists the conversation under its first words.

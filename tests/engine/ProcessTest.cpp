@@ -287,7 +287,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(store.error().has_value(), 30000);
         QCOMPARE(*store.error(), QStringLiteral("The local engine did not respond. Relaunch Vorn to try again."));
         QVERIFY(!store.ready());
-        QCOMPARE(store.activity(), QString::fromUtf8("Starting local engine\u2026"));
+        QCOMPARE(store.activity(), QStringLiteral("Starting local engine\u2026"));
 
         FakeEngine engine;
         QVERIFY(engine.listen(port));

@@ -112,7 +112,7 @@ private slots:
         Setup setup;
         setup.engine.route("POST", "/api/load", FakeResponse::json(200, "{}"));
         setup.store.load(QStringLiteral("Qwen 2.5 Q4_K_M.gguf"));
-        QCOMPARE(setup.store.activity(), QString::fromUtf8("Loading Qwen 2.5 Q4_K_M.gguf\u2026"));
+        QCOMPARE(setup.store.activity(), QStringLiteral("Loading Qwen 2.5 Q4_K_M.gguf\u2026"));
         QTRY_VERIFY(!setup.store.loading());
         QCOMPARE(setup.engine.requestsTo("/api/load").first().json().value("name").toString(),
                  QStringLiteral("Qwen 2.5 Q4_K_M.gguf"));

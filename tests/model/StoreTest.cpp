@@ -44,7 +44,7 @@ private slots:
         EngineStore store;
         QVERIFY(!store.state());
         QVERIFY(!store.ready());
-        QCOMPARE(store.activity(), QString::fromUtf8("Starting local engine\u2026"));
+        QCOMPARE(store.activity(), QStringLiteral("Starting local engine\u2026"));
         QVERIFY(!store.error());
         QVERIFY(!store.loading());
         QVERIFY(!store.generating());

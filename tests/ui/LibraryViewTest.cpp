@@ -128,7 +128,7 @@ private slots:
         QQuickItem *projector = view.visibleItems("modelRow").at(2);
         QCOMPARE(child(projector, "modelIcon")->property("symbol").toString(), QStringLiteral("photo.stack"));
         QCOMPARE(child(view.visibleItems("modelRow").at(0), "modelIcon")->property("symbol").toString(), QStringLiteral("cube"));
-        QCOMPARE(ViewHarness::text(child(projector, "modelSize")), QString::fromUtf8("600 KB \u00b7 image projector"));
+        QCOMPARE(ViewHarness::text(child(projector, "modelSize")), QStringLiteral("600 KB \u00b7 image projector"));
         QVERIFY(!ViewHarness::shown(child(projector, "modelActionButton")));
     }
 
@@ -259,7 +259,7 @@ private slots:
         open(view);
         QVERIFY(!view.item("downloadButton")->isEnabled());
         QCOMPARE(view.item("downloadLinkField")->property("placeholderText").toString(),
-                 QString::fromUtf8("https://huggingface.co/\u2026/model.gguf"));
+                 QStringLiteral("https://huggingface.co/\u2026/model.gguf"));
         view.typeInto(view.item("downloadLinkField"), QStringLiteral("   "));
         QVERIFY(view.item("downloadButton")->isEnabled());
         // Return in the field does nothing.

@@ -339,7 +339,7 @@ private slots:
         view.setEngineState(FakeEngine::stateJson("m.gguf", false, "[]", "[]", 12.345, 128));
         QVERIFY(view.refresh());
         QVERIFY(ViewHarness::shown(view.item("throughputLabel")));
-        QCOMPARE(ViewHarness::text(view.item("throughputLabel")), QString::fromUtf8("Last reply \u00b7 12.3 tok/s"));
+        QCOMPARE(ViewHarness::text(view.item("throughputLabel")), QStringLiteral("Last reply \u00b7 12.3 tok/s"));
         QCOMPARE(ViewHarness::text(view.item("tokensLabel")), QStringLiteral(" 128 tokens"));
         view.setEngineState(FakeEngine::stateJson("m.gguf", false, "[]", "[]", 0, 5));
         QVERIFY(view.refresh());
@@ -366,7 +366,7 @@ private slots:
         view.settle();
         QCOMPARE(scroll->height(), sixLines);
         QVERIFY(field->height() > sixLines);
-        QCOMPARE(field->property("placeholderText").toString(), QString::fromUtf8("Ask Vorn\u2026"));
+        QCOMPARE(field->property("placeholderText").toString(), QStringLiteral("Ask Vorn\u2026"));
     }
 
     void screenshots()
@@ -376,7 +376,7 @@ private slots:
                          {conversation});
         view.fake().route("POST", "/v1/chat/completions", FakeResponse::stream(reply({
             "A good starter needs three things: ", "flour, water and patience.\n\n",
-            "1. Mix equal weights of flour and water.\n", "2. Keep it warm, around 24 °C.\n",
+            "1. Mix equal weights of flour and water.\n", QStringLiteral("2. Keep it warm, around 24 \u00b0C.\n"),
             "3. Feed it every day for about a week, discarding half before each feed.\n\n",
             "Once it doubles within a few hours of feeding, it is ready to bake with."}), 2));
         QVERIFY(view.refresh());

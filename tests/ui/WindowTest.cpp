@@ -136,10 +136,10 @@ private slots:
     void engineIndicatorFollowsReady()
     {
         ViewHarness view;
-        QCOMPARE(ViewHarness::text(view.item("engineText")), QString::fromUtf8("Starting engine\u2026"));
+        QCOMPARE(ViewHarness::text(view.item("engineText")), QStringLiteral("Starting engine\u2026"));
         QVERIFY(view.refresh());
         QVERIFY(view.store().ready());
-        QCOMPARE(ViewHarness::text(view.item("engineText")), QString::fromUtf8("Private \u00b7 local engine"));
+        QCOMPARE(ViewHarness::text(view.item("engineText")), QStringLiteral("Private \u00b7 local engine"));
     }
 
     void darkAppearanceRecoloursAtOnceAndSurvivesARelaunch()
