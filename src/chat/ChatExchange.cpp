@@ -152,7 +152,11 @@ void ChatExchange::detachReply()
     m_ended = true;
     if (m_networkReply) {
         m_networkReply->disconnect(this);
-        m_networkReply->abort();
+        // A refused reply fails on its own; aborting it as well would report a second
+        // error. Deleting it drops its connection all the same.
+        const QVariant status = m_networkReply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+        if (!status.isValid() || status.toInt() == 200)
+            m_networkReply->abort();
         m_networkReply->deleteLater();
     }
 }
