@@ -228,8 +228,10 @@ void FakeEngine::sendResponse(QTcpSocket *socket, const FakeResponse &response)
     QPointer<QTcpSocket> guarded(socket);
     auto sendPart = std::make_shared<std::function<void(int)>>();
     *sendPart = [this, guarded, response, sendPart, rawParts](int index) {
-        if (!guarded)
+        if (!guarded) {
+            ++m_abandonedReplies;
             return;
+        }
         if (index >= response.parts.size()) {
             if (response.dropAfterParts) {
                 guarded->abort();
@@ -245,6 +247,7 @@ void FakeEngine::sendResponse(QTcpSocket *socket, const FakeResponse &response)
         else if (!data.isEmpty())
             guarded->write(QByteArray::number(data.size(), 16) + "\r\n" + data + "\r\n");
         guarded->flush();
+        ++m_partsSent;
         const int nextDelay = index + 1 < response.parts.size() ? response.parts.at(index + 1).first : 0;
         if (nextDelay > 0)
             QTimer::singleShot(nextDelay, this, [sendPart, index] { (*sendPart)(index + 1); });

@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QKeyEvent>
+#include <QtQuickTest/quicktest.h>
 #include <QtTest>
 
 namespace {
@@ -103,8 +104,11 @@ void WindowDriver::key(int key, Qt::KeyboardModifiers modifiers)
 
 void WindowDriver::settle()
 {
+    // Posted events (bindings, deferred deletes, queued calls) first, then every
+    // pending polish, which is where layouts and views place their items.
     QCoreApplication::processEvents();
-    QTest::qWait(30);
+    if (m_window && !QQuickTest::qWaitForPolish(m_window.data(), 5000))
+        qWarning("The window did not finish laying out its items");
     QCoreApplication::processEvents();
 }
 

@@ -30,7 +30,7 @@ public:
     void click(QQuickItem *item);
     void typeInto(QQuickItem *field, const QString &text);
     void key(int key, Qt::KeyboardModifiers modifiers = Qt::NoModifier);
-    // Lets bindings, layouts and one frame run.
+    // Lets posted events, bindings and layouts run.
     void settle();
     bool waitFor(const std::function<bool()> &condition, int timeoutMs = 5000);
 
