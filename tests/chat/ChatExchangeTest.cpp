@@ -12,11 +12,7 @@ class ChatExchangeTest : public QObject {
     Q_OBJECT
 
 private:
-    static QByteArray delta(const QString &content)
-    {
-        const QJsonObject event{{"choices", QJsonArray{QJsonObject{{"delta", QJsonObject{{"content", content}}}}}}};
-        return "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
-    }
+    static QByteArray delta(const QString &content) { return FakeResponse::delta(content); }
 
     static QByteArray roleOnly() { return R"(data: {"choices":[{"delta":{"role":"assistant"}}]})" "\n\n"; }
 
@@ -308,9 +304,7 @@ private slots:
         FakeEngine engine;
         EngineStore store;
         connect(store, engine);
-        FakeResponse response;
-        response.neverAnswer = true;
-        engine.route("POST", "/v1/chat/completions", response);
+        engine.route("POST", "/v1/chat/completions", FakeResponse::silent());
         store.setPrompt(QStringLiteral("Hello"));
         store.send();
         QTRY_COMPARE(engine.countOf("/v1/chat/completions"), 1);
@@ -327,9 +321,7 @@ private slots:
         EngineStore store;
         connect(store, engine);
         store.setTimeoutsForTesting(10000, 300);
-        FakeResponse silent;
-        silent.neverAnswer = true;
-        engine.route("POST", "/v1/chat/completions", silent);
+        engine.route("POST", "/v1/chat/completions", FakeResponse::silent());
         store.setPrompt(QStringLiteral("Hello"));
         store.send();
         waitUntilIdle(store);

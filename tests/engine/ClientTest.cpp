@@ -21,6 +21,14 @@ private:
         return *result;
     }
 
+    // A store talking to an engine that takes every load and never answers it.
+    static void connectToASilentLoad(EngineStore &store, FakeEngine &engine)
+    {
+        QVERIFY(engine.listen());
+        engine.route("POST", "/api/load", FakeResponse::silent());
+        store.connectForTesting(engine.baseURL());
+    }
+
     static bool refreshNow(EngineStore &store)
     {
         std::optional<bool> applied;
@@ -59,12 +67,8 @@ private slots:
     {
         TestHome home;
         FakeEngine engine;
-        QVERIFY(engine.listen());
-        FakeResponse silent;
-        silent.neverAnswer = true;
-        engine.route("POST", "/api/load", silent);
         EngineStore store;
-        store.connectForTesting(engine.baseURL());
+        connectToASilentLoad(store, engine);
         store.setTimeoutsForTesting(300, 10000);
         const EngineReply reply = call(store, "api/load", QJsonObject{{"name", "m.gguf"}});
         QVERIFY(!reply.ok());
@@ -76,12 +80,8 @@ private slots:
     {
         TestHome home;
         FakeEngine engine;
-        QVERIFY(engine.listen());
-        FakeResponse silent;
-        silent.neverAnswer = true;
-        engine.route("POST", "/api/load", silent);
         EngineStore store;
-        store.connectForTesting(engine.baseURL());
+        connectToASilentLoad(store, engine);
         std::optional<EngineReply> result;
         QNetworkReply *reply = store.request("api/load", QJsonObject{{"name", "m.gguf"}},
                                              [&](const EngineReply &answer) { result = answer; });

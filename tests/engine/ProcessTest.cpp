@@ -42,6 +42,21 @@ private:
         return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     }
 
+    // Starts a stand-in engine process, with a fake engine on its port that reports a
+    // loaded model; empty when the store did not get ready with it.
+    static std::unique_ptr<FakeEngine> startWithALoadedModel(const TestHome &home, EngineStore &store)
+    {
+        writeEngine(home.path(), "exec sleep 30\n");
+        store.start();
+        auto engine = std::make_unique<FakeEngine>();
+        if (!store.baseURL() || !engine->listen(static_cast<quint16>(store.baseURL()->port())))
+            return {};
+        engine->setState(FakeEngine::stateJson(QStringLiteral("m.gguf")));
+        if (!QTest::qWaitFor([&] { return store.ready() && store.hasLoadedModel(); }, 5000))
+            return {};
+        return engine;
+    }
+
     static int launchCount(const TestHome &home) { return static_cast<int>(launches(home).count(QStringLiteral("---"))); }
 
 private slots:
@@ -183,13 +198,9 @@ private slots:
     void aSendAfterTheEngineStoppedShowsItsError()
     {
         TestHome home;
-        writeEngine(home.path(), "exec sleep 30\n");
         EngineStore store;
-        store.start();
-        auto engine = std::make_unique<FakeEngine>();
-        QVERIFY(engine->listen(static_cast<quint16>(store.baseURL()->port())));
-        engine->setState(FakeEngine::stateJson(QStringLiteral("m.gguf")));
-        QTRY_VERIFY_WITH_TIMEOUT(store.ready() && store.hasLoadedModel(), 5000);
+        std::unique_ptr<FakeEngine> engine = startWithALoadedModel(home, store);
+        QVERIFY(engine);
         store.process()->kill();
         QTRY_COMPARE_WITH_TIMEOUT(store.error().value_or(QString()),
                                   QStringLiteral("The local engine stopped (9). Relaunch Vorn to reconnect."), 5000);
@@ -211,16 +222,12 @@ private slots:
     void theEnginesEndOutlastsTheBrokenReply()
     {
         TestHome home;
-        writeEngine(home.path(), "exec sleep 30\n");
         EngineStore store;
-        store.start();
-        auto engine = std::make_unique<FakeEngine>();
-        QVERIFY(engine->listen(static_cast<quint16>(store.baseURL()->port())));
-        engine->setState(FakeEngine::stateJson(QStringLiteral("m.gguf")));
-        FakeResponse endless = FakeResponse::stream({"data: {\"choices\":[{\"delta\":{\"content\":\"Half\"}}]}\n\n"});
+        std::unique_ptr<FakeEngine> engine = startWithALoadedModel(home, store);
+        QVERIFY(engine);
+        FakeResponse endless = FakeResponse::stream({FakeResponse::delta(QStringLiteral("Half"))});
         endless.parts.append({60000, "data: [DONE]\n\n"});
         engine->route("POST", "/v1/chat/completions", endless);
-        QTRY_VERIFY_WITH_TIMEOUT(store.ready() && store.hasLoadedModel(), 5000);
         store.setPrompt(QStringLiteral("Tell me"));
         store.send();
         QTRY_COMPARE_WITH_TIMEOUT(store.messages().last().text, QStringLiteral("Half"), 5000);

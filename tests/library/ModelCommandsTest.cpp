@@ -211,9 +211,7 @@ private slots:
     {
         Setup setup;
         setup.store.setTimeoutsForTesting(300, 10000);
-        FakeResponse silent;
-        silent.neverAnswer = true;
-        setup.engine.route("POST", "/api/load", silent);
+        setup.engine.route("POST", "/api/load", FakeResponse::silent());
         setup.store.load(QStringLiteral("m.gguf"));
         QVERIFY(setup.store.loading());
         QTRY_VERIFY_WITH_TIMEOUT(!setup.store.loading(), 5000);

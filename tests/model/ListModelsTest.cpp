@@ -20,11 +20,7 @@ class ListModelsTest : public QObject {
     Q_OBJECT
 
 private:
-    static QByteArray delta(const QString &content)
-    {
-        const QJsonObject event{{"choices", QJsonArray{QJsonObject{{"delta", QJsonObject{{"content", content}}}}}}};
-        return "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
-    }
+    static QByteArray delta(const QString &content) { return FakeResponse::delta(content); }
 
     static QByteArray models(const QList<QPair<QString, qint64>> &entries)
     {

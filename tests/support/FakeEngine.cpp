@@ -1,5 +1,6 @@
 #include "FakeEngine.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QPointer>
 #include <QTcpServer>
@@ -35,6 +36,19 @@ FakeResponse FakeResponse::stream(const QList<QByteArray> &lines, int delayBetwe
     for (const QByteArray &line : lines)
         response.parts.append({delayBetweenMs, line});
     return response;
+}
+
+FakeResponse FakeResponse::silent()
+{
+    FakeResponse response;
+    response.neverAnswer = true;
+    return response;
+}
+
+QByteArray FakeResponse::delta(const QString &content)
+{
+    const QJsonObject event{{"choices", QJsonArray{QJsonObject{{"delta", QJsonObject{{"content", content}}}}}}};
+    return "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
 }
 
 FakeResponse FakeResponse::file(const QByteArray &contents, const RecordedRequest &request, int pieceSize, int delayMs)

@@ -40,6 +40,10 @@ struct FakeResponse {
 
     static FakeResponse json(int status, const QByteArray &body);
     static FakeResponse stream(const QList<QByteArray> &lines, int delayBetweenMs = 0);
+    // Takes the request and never says a word.
+    static FakeResponse silent();
+    // One streamed chat event whose delta carries this content.
+    static QByteArray delta(const QString &content);
     // A file served like a download host: honours "Range: bytes=N-", sends the body in
     // pieces of pieceSize bytes with delayMs between them.
     static FakeResponse file(const QByteArray &contents, const RecordedRequest &request, int pieceSize, int delayMs);

@@ -150,12 +150,7 @@ private slots:
     {
         ViewHarness view(FakeEngine::stateJson("alpha.gguf", false, threeModels()));
         QVERIFY(view.refresh());
-        FakeResponse endless;
-        endless.neverAnswer = true;
-        view.fake().route("POST", "/v1/chat/completions", endless);
-        view.store().setPrompt(QStringLiteral("Hi"));
-        view.store().send();
-        QVERIFY(view.waitFor([&] { return view.store().generating(); }));
+        QVERIFY(view.startEndlessReply());
         open(view);
         view.typeInto(view.item("downloadLinkField"), QStringLiteral("x"));
         for (QQuickItem *row : view.visibleItems("modelRow"))
@@ -229,12 +224,7 @@ private slots:
         for (const QString &name : rowLabels)
             QCOMPARE(ViewHarness::drawnOpacity(child(view.visibleItems("modelRow").first(), name)), 1.0);
 
-        FakeResponse endless;
-        endless.neverAnswer = true;
-        view.fake().route("POST", "/v1/chat/completions", endless);
-        view.store().setPrompt(QStringLiteral("Hi"));
-        view.store().send();
-        QVERIFY(view.waitFor([&] { return view.store().generating(); }));
+        QVERIFY(view.startEndlessReply());
         for (const QString &name : settingsLabels)
             QVERIFY2(ViewHarness::drawnOpacity(view.item(name)) < 0.6, qPrintable(name));
         for (QQuickItem *row : view.visibleItems("modelRow")) {

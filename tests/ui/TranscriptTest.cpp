@@ -178,9 +178,7 @@ private slots:
     void whileGeneratingTheReplyShowsASpinnerAndCtrlReturnStops()
     {
         ViewHarness view(FakeEngine::stateJson("m.gguf"));
-        FakeResponse endless;
-        endless.neverAnswer = true;
-        view.fake().route("POST", "/v1/chat/completions", endless);
+        view.fake().route("POST", "/v1/chat/completions", FakeResponse::silent());
         QVERIFY(view.refresh());
         view.typeInto(view.item("promptField"), QStringLiteral("Tell me"));
         view.click(view.item("sendButton"));

@@ -46,8 +46,7 @@ void ViewHarness::resetSettings()
 
 QByteArray ViewHarness::delta(const QString &content)
 {
-    const QJsonObject event{{"choices", QJsonArray{QJsonObject{{"delta", QJsonObject{{"content", content}}}}}}};
-    return "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
+    return FakeResponse::delta(content);
 }
 
 QByteArray ViewHarness::modelJson(const QString &name, qint64 size, bool projector)
@@ -116,6 +115,14 @@ ViewHarness::~ViewHarness()
     m_engine.reset();
     m_checks.reset();
     m_store.reset();
+}
+
+bool ViewHarness::startEndlessReply(const QString &prompt)
+{
+    m_fake.route("POST", "/v1/chat/completions", FakeResponse::silent());
+    m_store->setPrompt(prompt);
+    m_store->send();
+    return waitFor([&] { return m_store->generating(); });
 }
 
 bool ViewHarness::refresh()

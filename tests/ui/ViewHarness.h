@@ -44,6 +44,8 @@ public:
 
     // One status call to the fake engine; true once it was applied.
     bool refresh();
+    // Sends the prompt to a reply that never comes; true once generating.
+    bool startEndlessReply(const QString &prompt = QStringLiteral("Hello"));
     void setEngineState(const QByteArray &stateJson);
 
 private:

@@ -32,15 +32,7 @@ private:
                 ViewHarness::conversation("Taxes", {"Deadline?", "April."})};
     }
 
-    static void startEndlessReply(ViewHarness &view)
-    {
-        FakeResponse endless;
-        endless.neverAnswer = true;
-        view.fake().route("POST", "/v1/chat/completions", endless);
-        view.store().setPrompt(QStringLiteral("Hello"));
-        view.store().send();
-        QVERIFY(view.waitFor([&] { return view.store().generating(); }));
-    }
+    static void startEndlessReply(ViewHarness &view) { QVERIFY(view.startEndlessReply()); }
 
 private slots:
     void init() { ViewHarness::resetSettings(); }
