@@ -290,3 +290,4 @@ pub fn user(text: &str) -> serde_json::Value {
 }
 
 pub mod gen;
+pub mod gguf_edit;
