@@ -290,4 +290,3 @@ pub fn user(text: &str) -> serde_json::Value {
 }
 
 pub mod gen;
-pub mod gguf_edit;
