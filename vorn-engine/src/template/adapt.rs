@@ -84,3 +84,67 @@ fn fold_system(messages: &[TemplateMessage]) -> Vec<TemplateMessage> {
     }
     folded
 }
+
+#[cfg(test)]
+mod tests {
+    use super::*;
+
+    fn conversation(turns: &[(&str, &str)]) -> Vec<TemplateMessage> {
+        turns
+            .iter()
+            .map(|(role, content)| TemplateMessage {
+                role: role.to_string(),
+                content: content.to_string(),
+            })
+            .collect()
+    }
+
+    #[test]
+    fn shapes_are_tried_lightest_first_and_only_when_they_differ() {
+        let sent = conversation(&[("system", "S"), ("user", "a"), ("user", "b")]);
+        assert_eq!(
+            alternatives(&sent),
+            [
+                conversation(&[("system", "S"), ("user", "a\n\nb")]),
+                conversation(&[("user", "S\n\na"), ("user", "b")]),
+                conversation(&[("user", "S\n\na\n\nb")]),
+            ]
+        );
+        let plain = conversation(&[("user", "a"), ("assistant", "b")]);
+        assert!(alternatives(&plain).is_empty());
+        let pair = conversation(&[("user", "a"), ("user", "b")]);
+        assert_eq!(alternatives(&pair), [conversation(&[("user", "a\n\nb")])]);
+    }
+
+    #[test]
+    fn system_texts_go_to_the_next_user_message() {
+        let sent = conversation(&[
+            ("user", "a"),
+            ("system", "S"),
+            ("assistant", "b"),
+            ("user", "c"),
+            ("system", "T"),
+        ]);
+        assert_eq!(
+            fold_system(&sent),
+            conversation(&[
+                ("user", "a"),
+                ("assistant", "b"),
+                ("user", "S\n\nc"),
+                ("user", "T")
+            ])
+        );
+    }
+
+    #[test]
+    fn only_earlier_answers_lose_their_reasoning() {
+        let sent = conversation(&[
+            ("user", "<think>mine</think>q"),
+            ("assistant", "<think>r</think>\n\nA"),
+        ]);
+        assert_eq!(
+            prepared(&sent),
+            conversation(&[("user", "<think>mine</think>q"), ("assistant", "A")])
+        );
+    }
+}
