@@ -3,6 +3,7 @@
 
 use super::session::Session;
 use super::{ChatMessage, EngineError, Image};
+use crate::template::reasoning::prompt_opens_reasoning;
 use crate::template::TemplateMessage;
 use llama_cpp_2::mtmd::{MtmdBitmap, MtmdInputChunks, MtmdInputText};
 use llama_cpp_2::token::LlamaToken;
@@ -64,6 +65,7 @@ impl Session<'_> {
             .template
             .render(&template_messages)
             .map_err(EngineError::Template)?;
+        self.prompt_opens_reasoning = prompt_opens_reasoning(&text);
         let images: Vec<&Image> = messages.iter().flat_map(|m| m.images.iter()).collect();
         self.tokenize_prompt(&text, &images)
     }

@@ -1,7 +1,8 @@
 //! A streamed reply as server-sent events: a first chunk with the role,
-//! one chunk per delta, a last chunk with the finish reason and usage, then
-//! `data: [DONE]`. The reply lives inside the stream, so a client that goes
-//! away drops it and stops the generation.
+//! one chunk per delta (`content`, or `reasoning_content` for the reasoning
+//! of models that write one), a last chunk with the finish reason and
+//! usage, then `data: [DONE]`. The reply lives inside the stream, so a
+//! client that goes away drops it and stops the generation.
 
 use super::chat::{ReplyHead, UsageBody};
 use crate::engine::{EngineError, Event, FinishReason, Reply};
@@ -34,6 +35,8 @@ struct Delta {
     role: Option<&'static str>,
     #[serde(skip_serializing_if = "Option::is_none")]
     content: Option<String>,
+    #[serde(skip_serializing_if = "Option::is_none")]
+    reasoning_content: Option<String>,
 }
 
 #[derive(Serialize)]
@@ -97,6 +100,7 @@ pub(super) fn events(
         Delta {
             role: Some("assistant"),
             content: Some(String::new()),
+            reasoning_content: None,
         },
         None,
         None,
@@ -108,8 +112,15 @@ pub(super) fn events(
                 Phase::Streaming(mut reply) => match reply.next().await? {
                     Event::Delta(text) => {
                         let delta = Delta {
-                            role: None,
                             content: Some(text),
+                            ..Delta::default()
+                        };
+                        (head.chunk(delta, None, None), Phase::Streaming(reply))
+                    }
+                    Event::Reasoning(text) => {
+                        let delta = Delta {
+                            reasoning_content: Some(text),
+                            ..Delta::default()
                         };
                         (head.chunk(delta, None, None), Phase::Streaming(reply))
                     }
