@@ -22,7 +22,7 @@ ComboBox {
         radius: 7
         color: Theme.controlFill(picker.pressed || picker.down, picker.hovered)
         border.width: picker.visualFocus ? 2 : 1
-        border.color: picker.visualFocus ? Qt.rgba(Theme.tint.r, Theme.tint.g, Theme.tint.b, 0.7) : Theme.controlBorder
+        border.color: picker.visualFocus ? Theme.focusBorder : Theme.controlBorder
     }
 
     contentItem: Label {

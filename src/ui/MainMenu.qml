@@ -15,14 +15,14 @@ MenuBar {
         MenuItem {
             objectName: "aboutItem"
             text: "About Vorn"
-            onTriggered: if (shell) shell.about()
+            onTriggered: Shell.about()
         }
         MenuSeparator {}
         Action {
             objectName: "quitItem"
             text: "Quit Vorn"
             shortcut: StandardKey.Quit
-            onTriggered: if (shell) shell.quit()
+            onTriggered: Shell.quit()
         }
     }
 

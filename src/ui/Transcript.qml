@@ -8,7 +8,7 @@ Item {
     id: transcript
     objectName: "transcript"
 
-    readonly property bool empty: store.messageList.count === 0
+    readonly property bool empty: Store.messageList.count === 0
     // Set by a text change; while set, the end stays in view as the blocks finish their
     // layout. Scrolling by hand clears it until the next change.
     property bool followingEnd: false
@@ -59,7 +59,7 @@ Item {
             width: messages.width - 64
             spacing: 8
             Repeater {
-                model: store.messageList
+                model: Store.messageList
                 delegate: MessageBlock {
                     width: blocks.width
                 }
@@ -89,7 +89,7 @@ Item {
     }
 
     Connections {
-        target: store.messageList
+        target: Store.messageList
         // Many text changes in one turn of the event loop scroll once.
         function onLastTextChanged() {
             transcript.followingEnd = true

@@ -1,6 +1,9 @@
 #include "FakeEngine.h"
 #include "TestHome.h"
+#include "engine/EngineConnection.h"
+#include "chat/ChatSession.h"
 #include "engine/EngineStore.h"
+#include "library/ModelLibrary.h"
 #include "model/HistoryFile.h"
 
 #include <QJsonArray>
@@ -21,7 +24,7 @@ private:
     {
         QVERIFY(engine.listen());
         engine.setState(FakeEngine::stateJson("m.gguf", vision));
-        store.connectForTesting(engine.baseURL());
+        store.engine().client().setBaseURL(engine.baseURL());
         bool applied = false;
         store.refresh([&](bool ok) { applied = ok; });
         QTRY_VERIFY(applied);
@@ -55,11 +58,11 @@ private slots:
         store.send();  // no status yet: no model
         QVERIFY(store.messages().isEmpty());
         connect(store, engine);
-        store.setLoading(true);
+        store.library().setLoading(true);
         store.send();
         QVERIFY(store.messages().isEmpty());
-        store.setLoading(false);
-        store.setGenerating(true);
+        store.library().setLoading(false);
+        store.chat().setGenerating(true);
         store.send();
         QVERIFY(store.messages().isEmpty());
         QCOMPARE(store.prompt(), QStringLiteral("Hi"));
@@ -320,7 +323,7 @@ private slots:
         FakeEngine engine;
         EngineStore store;
         connect(store, engine);
-        store.setTimeoutsForTesting(10000, 300);
+        store.engine().client().setTimeouts(10000, 300);
         engine.route("POST", "/v1/chat/completions", FakeResponse::silent());
         store.setPrompt(QStringLiteral("Hello"));
         store.send();
@@ -335,7 +338,7 @@ private slots:
         FakeEngine engine;
         EngineStore store;
         connect(store, engine);
-        store.setTimeoutsForTesting(10000, 300);
+        store.engine().client().setTimeouts(10000, 300);
         FakeResponse stalling = FakeResponse::stream({delta("Half a")});
         stalling.parts.append({60000, delta(" reply")});
         engine.route("POST", "/v1/chat/completions", stalling);
@@ -492,7 +495,7 @@ private slots:
         EngineStore store;
         EngineState state;
         state.loaded = QStringLiteral("m.gguf");
-        store.setState(state);
+        store.engine().setState(state);
         store.setPrompt(QStringLiteral("Hello"));
         store.send();
         waitUntilIdle(store);

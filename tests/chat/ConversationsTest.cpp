@@ -1,5 +1,6 @@
 #include "TestHome.h"
 #include "chat/ConversationListModel.h"
+#include "chat/ChatSession.h"
 #include "engine/EngineStore.h"
 #include "model/HistoryFile.h"
 
@@ -52,7 +53,7 @@ private slots:
         TestHome home;
         EngineStore store;
         const QUuid selected = *store.selectedID();
-        store.setGenerating(true);
+        store.chat().setGenerating(true);
         store.newChat();
         QCOMPARE(store.conversations().size(), 1);
         QCOMPARE(*store.selectedID(), selected);

@@ -1,5 +1,6 @@
 #include "FakeEngine.h"
 #include "TestHome.h"
+#include "engine/EngineConnection.h"
 #include "engine/EngineStore.h"
 
 #include <QDir>
@@ -30,7 +31,7 @@ private:
         if (executable)
             permissions |= QFileDevice::ExeOwner;
         file.setPermissions(permissions);
-        EngineStore::setEngineLocationForTesting(path);
+        EngineConnection::setEngineLocationForTesting(path);
         return path;
     }
 
@@ -60,7 +61,7 @@ private:
     static int launchCount(const TestHome &home) { return static_cast<int>(launches(home).count(QStringLiteral("---"))); }
 
 private slots:
-    void cleanup() { EngineStore::setEngineLocationForTesting({}); }
+    void cleanup() { EngineConnection::setEngineLocationForTesting({}); }
 
     void launchesWithSixArgumentsOnALoopbackPort()
     {
@@ -133,7 +134,7 @@ private slots:
     void absentEngineIsMissing()
     {
         TestHome home;
-        EngineStore::setEngineLocationForTesting(QDir(home.path()).filePath("nowhere/vorn-engine"));
+        EngineConnection::setEngineLocationForTesting(QDir(home.path()).filePath("nowhere/vorn-engine"));
         EngineStore store;
         store.start();
         QVERIFY(!store.process());
@@ -149,7 +150,7 @@ private slots:
         file.write(QByteArray("\x7f" "ELF not really", 15));
         file.close();
         file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-        EngineStore::setEngineLocationForTesting(path);
+        EngineConnection::setEngineLocationForTesting(path);
         EngineStore store;
         store.start();
         QVERIFY(!store.process());

@@ -1,6 +1,8 @@
 #include "FakeEngine.h"
 #include "StoreFixture.h"
 #include "TestHome.h"
+#include "engine/EngineConnection.h"
+#include "chat/ChatSession.h"
 #include "engine/EngineStore.h"
 #include "PlatformText.h"
 
@@ -146,7 +148,7 @@ private slots:
         Setup setup;
         setup.engine.route("POST", "/api/load", FakeResponse::json(200, "{}"));
         setup.engine.route("POST", "/api/unload", FakeResponse::json(200, "{}"));
-        setup.store.setGenerating(true);
+        setup.store.chat().setGenerating(true);
         setup.store.setError(QStringLiteral("Earlier problem"));
         const QString activity = setup.store.activity();
 
@@ -196,7 +198,7 @@ private slots:
         QVERIFY(closed.listen(QHostAddress::LocalHost));
         const quint16 port = closed.serverPort();
         closed.close();
-        store.connectForTesting(QUrl(QStringLiteral("http://127.0.0.1:%1").arg(port)));
+        store.engine().client().setBaseURL(QUrl(QStringLiteral("http://127.0.0.1:%1").arg(port)));
 
         store.load(QStringLiteral("m.gguf"));
         QTRY_VERIFY(!store.loading());
@@ -210,7 +212,7 @@ private slots:
     void aLoadThatGetsNoAnswerSaysItTimedOut()
     {
         Setup setup;
-        setup.store.setTimeoutsForTesting(300, 10000);
+        setup.store.engine().client().setTimeouts(300, 10000);
         setup.engine.route("POST", "/api/load", FakeResponse::silent());
         setup.store.load(QStringLiteral("m.gguf"));
         QVERIFY(setup.store.loading());

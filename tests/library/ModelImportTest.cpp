@@ -3,6 +3,7 @@
 #include "ScriptedFileChooser.h"
 #include "TestHome.h"
 #include "engine/EngineStore.h"
+#include "library/ModelLibrary.h"
 
 #include <QDir>
 #include <QFile>
@@ -327,7 +328,7 @@ private slots:
     void importIgnoresLoadingAndKeepsEarlierError()
     {
         Setup setup;
-        setup.store.setLoading(true);
+        setup.store.library().setLoading(true);
         setup.store.setError(QStringLiteral("Earlier problem"));
         const QString source = setup.userFile("Documents", "m.gguf");
         setup.chooser->openAnswers.append({source});

@@ -5,6 +5,7 @@
 #include "TestHome.h"
 #include "chat/ConversationListModel.h"
 #include "chat/MessageListModel.h"
+#include "engine/EngineConnection.h"
 #include "engine/EngineStore.h"
 #include "library/DownloadListModel.h"
 #include "library/LocalModelListModel.h"
@@ -63,7 +64,7 @@ private slots:
         FakeEngine engine;
         QVERIFY(engine.listen());
         EngineStore store;
-        store.connectForTesting(engine.baseURL());
+        store.engine().client().setBaseURL(engine.baseURL());
         StoreListModelChecks checks(store);
 
         const QString none;
@@ -84,7 +85,7 @@ private slots:
         refresh(store, engine, FakeEngine::stateJson(none, false, models({{"d.gguf", 1000}}), downloads({{"e.gguf", 2}})));
         QCOMPARE(store.downloadList()->rowCount(), 1);
         QCOMPARE(store.modelList()->rowCount(), 1);
-        store.setState(std::nullopt);
+        store.engine().setState(std::nullopt);
         QCOMPARE(store.modelList()->rowCount(), 0);
         QCOMPARE(store.downloadList()->rowCount(), 0);
     }
@@ -99,7 +100,7 @@ private slots:
         FakeEngine engine;
         QVERIFY(engine.listen());
         EngineStore store;
-        store.connectForTesting(engine.baseURL());
+        store.engine().client().setBaseURL(engine.baseURL());
         StoreListModelChecks checks(store);
         refresh(store, engine, FakeEngine::stateJson("m.gguf"));
         QCOMPARE(store.messageList()->rowCount(), 3);

@@ -1,7 +1,10 @@
 #include "TestHome.h"
 #include "chat/ConversationListModel.h"
 #include "chat/MessageListModel.h"
+#include "engine/EngineConnection.h"
+#include "chat/ChatSession.h"
 #include "engine/EngineStore.h"
+#include "library/ModelLibrary.h"
 #include "model/HistoryFile.h"
 
 #include <QDir>
@@ -166,10 +169,10 @@ private slots:
         EngineStore store;
         QVERIFY(!store.hasLoadedModel());
         QCOMPARE(store.loadedName(), QStringLiteral("No model loaded"));
-        store.setState(stateWithLoaded(QString()));
+        store.engine().setState(stateWithLoaded(QString()));
         QVERIFY(!store.hasLoadedModel());
         QCOMPARE(store.loadedName(), QStringLiteral("No model loaded"));
-        store.setState(stateWithLoaded(std::nullopt));
+        store.engine().setState(stateWithLoaded(std::nullopt));
         QVERIFY(!store.hasLoadedModel());
     }
 
@@ -177,10 +180,10 @@ private slots:
     {
         TestHome home;
         EngineStore store;
-        store.setState(stateWithLoaded(QStringLiteral("my-model.gguf")));
+        store.engine().setState(stateWithLoaded(QStringLiteral("my-model.gguf")));
         QVERIFY(store.hasLoadedModel());
         QCOMPARE(store.loadedName(), QStringLiteral("my-model"));
-        store.setState(stateWithLoaded(QStringLiteral("a.gguf.b.gguf")));
+        store.engine().setState(stateWithLoaded(QStringLiteral("a.gguf.b.gguf")));
         QCOMPARE(store.loadedName(), QStringLiteral("a.b"));
     }
 
@@ -192,16 +195,16 @@ private slots:
         QSignalSpy changes(&store, &EngineStore::canSendChanged);
         store.setPrompt(QStringLiteral("Hi"));
         QVERIFY(!store.canSend());  // no status, so no model
-        store.setState(stateWithLoaded(QStringLiteral("m.gguf")));
+        store.engine().setState(stateWithLoaded(QStringLiteral("m.gguf")));
         QVERIFY(store.canSend());
         QCOMPARE(changes.size(), 1);
 
-        store.setLoading(true);
+        store.library().setLoading(true);
         QVERIFY(!store.canSend());
-        store.setGenerating(true);
+        store.chat().setGenerating(true);
         QVERIFY(store.canSend());  // stop comes first
-        store.setGenerating(false);
-        store.setLoading(false);
+        store.chat().setGenerating(false);
+        store.library().setLoading(false);
         QVERIFY(store.canSend());
 
         store.setPrompt(QString());
@@ -216,14 +219,14 @@ private slots:
         QVERIFY(!store.canSend());
         EngineState seeing = stateWithLoaded(QStringLiteral("m.gguf"));
         seeing.vision = true;
-        store.setState(seeing);
+        store.engine().setState(seeing);
         QVERIFY(store.canSend());
-        store.setState(std::nullopt);
+        store.engine().setState(std::nullopt);
         QVERIFY(!store.canSend());
-        store.setState(seeing);
+        store.engine().setState(seeing);
         store.clearAttachment();
         QVERIFY(!store.canSend());
-        store.setGenerating(true);
+        store.chat().setGenerating(true);
         QVERIFY(store.canSend());
 
         // Every change of the answer was announced, and only those.
@@ -260,7 +263,7 @@ private slots:
         QVERIFY(store.setProperty("error", "Oops"));
         QVERIFY(store.setProperty("attachment", "data:image/png;base64,AA"));
         QVERIFY(store.setProperty("selectedID", QUuid::createUuid().toString(QUuid::WithoutBraces)));
-        store.setState(stateWithLoaded(QStringLiteral("m.gguf")));
+        store.engine().setState(stateWithLoaded(QStringLiteral("m.gguf")));
         QCOMPARE(prompt.count(), 1);
         QCOMPARE(error.count(), 1);
         QCOMPARE(attachment.count(), 1);

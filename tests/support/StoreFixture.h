@@ -4,6 +4,7 @@
 #include "ListModelChecks.h"
 #include "ScriptedFileChooser.h"
 #include "TestHome.h"
+#include "engine/EngineConnection.h"
 #include "engine/EngineStore.h"
 
 #include <QDir>
@@ -24,7 +25,7 @@ struct StoreFixture {
     {
         engine.listen();
         engine.setState(state);
-        store.connectForTesting(engine.baseURL());
+        store.engine().client().setBaseURL(engine.baseURL());
         store.setFileChooser(chooser);
     }
 

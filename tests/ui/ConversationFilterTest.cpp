@@ -46,7 +46,7 @@ private slots:
                                    ViewHarness::conversation("Gamma", {"one more"})}));
         EngineStore store;
         ConversationFilter filter;
-        filter.setStore(&store);
+        filter.setConversations(store.conversationList());
         QCOMPARE(titles(filter), (QStringList{"Alpha", "Beta", "Gamma"}));
         QSignalSpy counted(&filter, &ConversationFilter::countChanged);
         filter.setSearch(QStringLiteral("ONE"));
@@ -69,7 +69,7 @@ private slots:
                                    ViewHarness::conversation("Beta", {"zebra crossing", "ok"})}));
         EngineStore store;
         ConversationFilter filter;
-        filter.setStore(&store);
+        filter.setConversations(store.conversationList());
         // Folded ahead, as when the search field takes the focus.
         filter.prepare();
         filter.setSearch(QStringLiteral("ze"));
@@ -121,7 +121,7 @@ private slots:
         QVERIFY(HistoryFile::save(home.historyFile(), history));
         EngineStore store;
         ConversationFilter filter;
-        filter.setStore(&store);
+        filter.setConversations(store.conversationList());
         QCOMPARE(filter.count(), 1000);
         filter.setSearch(QStringLiteral("rare needle"));
         QCOMPARE(titles(filter), QStringList{"Conversation 777"});

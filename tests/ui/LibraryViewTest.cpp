@@ -169,12 +169,12 @@ private slots:
         ViewHarness view(FakeEngine::stateJson({}, false, threeModels()));
         QVERIFY(view.refresh());
         open(view);
-        view.store().setLoading(true);
+        view.store().library().setLoading(true);
         view.settle();
         for (QQuickItem *row : view.visibleItems("modelRow"))
             QVERIFY(!row->isEnabled());
         QVERIFY(view.item("settingsRow")->isEnabled());
-        view.store().setLoading(false);
+        view.store().library().setLoading(false);
         view.settle();
         QVERIFY(view.visibleItems("modelRow").first()->isEnabled());
     }

@@ -5,6 +5,7 @@
 #include "TestHome.h"
 #include "ViewHarness.h"
 #include "chat/ConversationListModel.h"
+#include "engine/EngineConnection.h"
 #include "engine/EngineStore.h"
 
 #include <QAction>
@@ -34,7 +35,7 @@ private:
         script.write("#!/bin/sh\nexec sleep 30\n");
         script.close();
         script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        EngineStore::setEngineLocationForTesting(path);
+        EngineConnection::setEngineLocationForTesting(path);
     }
 
     static QQuickItem *find(AppDelegate &shell, const QString &name)
@@ -110,7 +111,7 @@ private slots:
         AppDelegate shell(true);
         shell.launch();
         QCOMPARE(shell.statusLine()->text(), QStringLiteral("Starting local engine\u2026"));
-        shell.store().connectForTesting(fake.baseURL());
+        shell.store().engine().client().setBaseURL(fake.baseURL());
         bool done = false;
         shell.store().refresh([&](bool) { done = true; });
         QVERIFY(QTest::qWaitFor([&] { return done; }));

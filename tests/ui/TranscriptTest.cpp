@@ -77,10 +77,10 @@ private slots:
         view.setEngineState(FakeEngine::stateJson("m.gguf"));
         QVERIFY(view.refresh());
         QVERIFY(sendEnabled(view));
-        view.store().setLoading(true);
+        view.store().library().setLoading(true);
         view.settle();
         QVERIFY(!sendEnabled(view));
-        view.store().setLoading(false);
+        view.store().library().setLoading(false);
         view.store().setPrompt(QString());
         view.settle();
         QVERIFY(!sendEnabled(view));

@@ -205,12 +205,12 @@ private slots:
         ViewHarness view;
         const QString tagline = ViewHarness::text(view.item("headerSubtitle"));
         QVERIFY(!tagline.isEmpty());
-        view.store().setActivity(QStringLiteral("Loading m.gguf"));
-        view.store().setLoading(true);
+        view.store().engine().setActivity(QStringLiteral("Loading m.gguf"));
+        view.store().library().setLoading(true);
         view.settle();
         QCOMPARE(ViewHarness::text(view.item("headerSubtitle")), QStringLiteral("Loading m.gguf"));
         QVERIFY(ViewHarness::shown(view.item("headerBusy")));
-        view.store().setLoading(false);
+        view.store().library().setLoading(false);
         view.settle();
         QCOMPARE(ViewHarness::text(view.item("headerSubtitle")), tagline);
         QVERIFY(!ViewHarness::shown(view.item("headerBusy")));
