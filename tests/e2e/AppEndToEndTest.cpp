@@ -56,6 +56,7 @@ private:
     std::unique_ptr<StoreListModelChecks> m_checks;
 
     // Launches the app as main() does, with the scripted chooser in place of dialogs.
+    // The driver is left without a window when none came on screen.
     std::unique_ptr<AppDelegate> launch(WindowDriver &driver)
     {
         auto shell = std::make_unique<AppDelegate>();
@@ -65,8 +66,8 @@ private:
         driver.setWindow(shell->window());
         if (auto *filter = qobject_cast<QAbstractItemModel *>(driver.object(QStringLiteral("conversationFilter"))))
             m_checks->addProxy(filter);
-        if (shell->window())
-            QTest::qWaitForWindowExposed(shell->window());
+        if (!shell->window() || !QTest::qWaitForWindowExposed(shell->window()))
+            driver.setWindow(nullptr);
         return shell;
     }
 
@@ -194,6 +195,7 @@ private slots:
         // Started again: the conversation is there and selected, on a new engine.
         WindowDriver window;
         std::unique_ptr<AppDelegate> shell = launch(window);
+        QVERIFY(window.window());
         EngineStore &store = shell->store();
         QCOMPARE(store.selectedIDText(), conversationID);
         QVERIFY(window.waitFor([&] { return shownTexts(window, QStringLiteral("messageText")) == QStringList{question, reply}; }, 5000));
@@ -218,6 +220,7 @@ private slots:
 
         WindowDriver window;
         std::unique_ptr<AppDelegate> shell = launch(window);
+        QVERIFY(window.window());
         EngineStore &store = shell->store();
         QVERIFY(window.waitFor([&] { return store.ready(); }, engineStartMs));
 

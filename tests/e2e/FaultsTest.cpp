@@ -22,10 +22,10 @@ class FaultsTest : public QObject {
     Q_OBJECT
 
 private:
-    static void kill(EngineStore &store)
+    // Kills the store's engine as a crash would; false when it has none.
+    static bool kill(EngineStore &store)
     {
-        QVERIFY(store.process());
-        ::kill(static_cast<pid_t>(store.process()->processId()), SIGKILL);
+        return store.process() && ::kill(static_cast<pid_t>(store.process()->processId()), SIGKILL) == 0;
     }
 
     static bool hasModel(const EngineStore &store, const QString &name, qint64 size)
@@ -59,10 +59,8 @@ private slots:
         // The engine dies as soon as the first words are on screen.
         bool killed = false;
         connect(store.messageList(), &MessageListModel::lastTextChanged, this, [&] {
-            if (!killed && store.generating() && !store.messageList()->lastText().isEmpty()) {
-                killed = true;
-                kill(store);
-            }
+            if (!killed && store.generating() && !store.messageList()->lastText().isEmpty())
+                killed = kill(store);
         });
         store.setTokenLimit(2048);
         store.setPrompt(QStringLiteral("Once upon a time"));
@@ -132,7 +130,7 @@ private slots:
             QTRY_VERIFY_WITH_TIMEOUT(store.state()->downloads.size() == 1
                                          && store.state()->downloads.first().bytes > 300 * 1024, 20000);
             QCOMPARE(store.state()->downloads.first().name, QStringLiteral("tiny-stories.gguf"));
-            kill(store);
+            QVERIFY(kill(store));
             QTRY_VERIFY_WITH_TIMEOUT(!store.ready(), 5000);
             keptBytes = QFileInfo(partFile).size();
             QVERIFY(keptBytes > 0);

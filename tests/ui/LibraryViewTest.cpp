@@ -11,10 +11,11 @@ class LibraryViewTest : public QObject {
     Q_OBJECT
 
 private:
-    static void open(ViewHarness &view)
+    // Opens the library sheet; true once it shows.
+    static bool open(ViewHarness &view)
     {
         view.store().setShowLibrary(true);
-        QVERIFY(view.waitFor([&] { return view.item("libraryView") && ViewHarness::shown(view.item("libraryView")); }));
+        return view.waitFor([&] { return view.item("libraryView") && ViewHarness::shown(view.item("libraryView")); });
     }
 
     static QStringList names(ViewHarness &view, const QString &rowName, const QString &labelName)
@@ -47,7 +48,7 @@ private slots:
     void withoutEngineStatusOnlyTheNoteShows()
     {
         ViewHarness view(QByteArray{});
-        open(view);
+        QVERIFY(open(view));
         QVERIFY(ViewHarness::shown(view.item("emptyLibraryNote")));
         QCOMPARE(ViewHarness::text(view.item("emptyLibraryNote")),
                  QStringLiteral("Add a GGUF model you already have, or paste its Hugging Face download link below."));
@@ -63,7 +64,7 @@ private slots:
     {
         ViewHarness view(FakeEngine::stateJson({}, false, "[]", "[" + ViewHarness::downloadJson("big.gguf", 500, 1000) + "]"));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         QQuickItem *note = view.item("emptyLibraryNote");
         QVERIFY(ViewHarness::shown(note));
         const QList<QQuickItem *> downloads = view.visibleItems("downloadRow");
@@ -79,7 +80,7 @@ private slots:
         ViewHarness view(FakeEngine::stateJson({}, false, "[" + ViewHarness::modelJson("a.gguf", 10) + "]",
                                                "[" + ViewHarness::downloadJson("next.gguf", 300, 0) + "]"));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         QVERIFY(!ViewHarness::shown(view.item("emptyLibraryNote")));
         const QList<QQuickItem *> downloads = view.visibleItems("downloadRow");
         QCOMPARE(downloads.size(), 1);
@@ -93,7 +94,7 @@ private slots:
         ViewHarness view(FakeEngine::stateJson("alpha.gguf", false, threeModels()));
         view.fake().route("POST", "/api/unload", FakeResponse::json(200, "{}"));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         QCOMPARE(names(view, "modelRow", "modelName"), (QStringList{"alpha.gguf", "vision.gguf", "vision-mmproj.gguf"}));
         const QList<QQuickItem *> rows = view.visibleItems("modelRow");
         QCOMPARE(ViewHarness::text(child(rows.at(0), "modelActionButton")), QStringLiteral("Unload"));
@@ -114,7 +115,7 @@ private slots:
         ViewHarness view(FakeEngine::stateJson({}, false, threeModels()));
         view.fake().route("POST", "/api/load", FakeResponse::json(200, "{}"));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         view.click(child(view.visibleItems("modelRow").at(1), "modelActionButton"));
         QVERIFY(view.waitFor([&] { return view.fake().countOf("/api/load") == 1; }));
         QCOMPARE(view.fake().requestsTo("/api/load").first().json().value("name").toString(), QStringLiteral("vision.gguf"));
@@ -124,7 +125,7 @@ private slots:
     {
         ViewHarness view(FakeEngine::stateJson({}, false, threeModels()));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         QQuickItem *projector = view.visibleItems("modelRow").at(2);
         QCOMPARE(child(projector, "modelIcon")->property("symbol").toString(), QStringLiteral("photo.stack"));
         QCOMPARE(child(view.visibleItems("modelRow").at(0), "modelIcon")->property("symbol").toString(), QStringLiteral("cube"));
@@ -137,7 +138,7 @@ private slots:
         ViewHarness view(FakeEngine::stateJson({}, false, "[" + ViewHarness::modelJson("gone.gguf", 0) + ","
                                                    + ViewHarness::modelJson("odd.gguf", -1) + "]"));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         const QList<QQuickItem *> rows = view.visibleItems("modelRow");
         QCOMPARE(ViewHarness::text(child(rows.at(0), "modelSize")), QStringLiteral("Source file missing"));
         QCOMPARE(ViewHarness::text(child(rows.at(1), "modelSize")), QStringLiteral("Source file missing"));
@@ -151,7 +152,7 @@ private slots:
         ViewHarness view(FakeEngine::stateJson("alpha.gguf", false, threeModels()));
         QVERIFY(view.refresh());
         QVERIFY(view.startEndlessReply());
-        open(view);
+        QVERIFY(open(view));
         view.typeInto(view.item("downloadLinkField"), QStringLiteral("x"));
         for (QQuickItem *row : view.visibleItems("modelRow"))
             QVERIFY(!row->isEnabled());
@@ -168,7 +169,7 @@ private slots:
     {
         ViewHarness view(FakeEngine::stateJson({}, false, threeModels()));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         view.store().library().setLoading(true);
         view.settle();
         for (QQuickItem *row : view.visibleItems("modelRow"))
@@ -183,7 +184,7 @@ private slots:
     void theSheetKeepsItsSpacing()
     {
         ViewHarness view;
-        open(view);
+        QVERIFY(open(view));
         const QRectF title = ViewHarness::sceneRect(view.item("libraryTitleBlock"));
         const QRectF done = ViewHarness::sceneRect(view.item("doneButton"));
         QVERIFY2(qAbs(done.center().y() - title.center().y()) <= 0.5,
@@ -199,7 +200,7 @@ private slots:
     void theReplyLimitPickerIsRounded()
     {
         ViewHarness view;
-        open(view);
+        QVERIFY(open(view));
         auto *picker = view.item("replyLimitPicker");
         auto *background = picker->property("background").value<QQuickItem *>();
         auto *doneBackground = view.item("doneButton")->property("background").value<QQuickItem *>();
@@ -215,7 +216,7 @@ private slots:
     {
         ViewHarness view(FakeEngine::stateJson("alpha.gguf", false, threeModels()));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         const QStringList settingsLabels{"temperatureLabel", "temperatureSlider", "temperatureValue", "replyLimitLabel",
                                          "replyLimitPicker"};
         const QStringList rowLabels{"modelIcon", "modelName", "modelSize"};
@@ -234,7 +235,7 @@ private slots:
         view.saveScreenshot(QStringLiteral("library-while-replying-light"));
         view.click(view.item("doneButton"));
         view.click(view.item("appearanceDark"));
-        open(view);
+        QVERIFY(open(view));
         view.saveScreenshot(QStringLiteral("library-while-replying-dark"));
         view.store().stop();
         QVERIFY(view.waitFor([&] { return !view.store().generating(); }));
@@ -246,7 +247,7 @@ private slots:
     {
         ViewHarness view;
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         QVERIFY(!view.item("downloadButton")->isEnabled());
         QCOMPARE(view.item("downloadLinkField")->property("placeholderText").toString(),
                  QStringLiteral("https://huggingface.co/\u2026/model.gguf"));
@@ -267,7 +268,7 @@ private slots:
         ViewHarness view;
         view.fake().route("POST", "/api/pull", FakeResponse::json(200, "{}"));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         const QString link = QStringLiteral("https://huggingface.co/org/repo/resolve/main/tiny.gguf");
         view.typeInto(view.item("downloadLinkField"), link);
         view.click(view.item("downloadButton"));
@@ -278,7 +279,7 @@ private slots:
     void temperatureStartsAt07AndMovesInTenths()
     {
         ViewHarness view;
-        open(view);
+        QVERIFY(open(view));
         QCOMPARE(ViewHarness::text(view.item("temperatureValue")), QStringLiteral("0.7"));
         QQuickItem *slider = view.item("temperatureSlider");
         QCOMPARE(slider->property("from").toDouble(), 0.0);
@@ -301,7 +302,7 @@ private slots:
     void replyLimitOffersFourChoices()
     {
         ViewHarness view;
-        open(view);
+        QVERIFY(open(view));
         QQuickItem *picker = view.item("replyLimitPicker");
         QCOMPARE(picker->property("count").toInt(), 4);
         QCOMPARE(picker->property("displayText").toString(), QStringLiteral("512"));
@@ -318,7 +319,7 @@ private slots:
     void platformTextsAndTheRealDataFolder()
     {
         ViewHarness view;
-        open(view);
+        QVERIFY(open(view));
         QCOMPARE(ViewHarness::text(view.item("libraryTagline")),
                  PlatformText::expected(QStringLiteral("Your models stay on this Mac."),
                                         QStringLiteral("Your models stay on this computer.")));
@@ -338,7 +339,7 @@ private slots:
         ViewHarness view;
         auto chooser = std::make_shared<ScriptedFileChooser>();
         view.store().setFileChooser(chooser);
-        open(view);
+        QVERIFY(open(view));
         view.click(view.item("addModelsButton"));
         QCOMPARE(chooser->openRequests.size(), 1);
         QCOMPARE(chooser->openRequests.first().kind, FileChooser::Kind::Models);
@@ -347,14 +348,14 @@ private slots:
     void doneAndCtrlEscapeCloseButPlainEscapeDoesNot()
     {
         ViewHarness view;
-        open(view);
+        QVERIFY(open(view));
         view.key(Qt::Key_Escape);
         QVERIFY(view.store().showLibrary());
         view.click(view.item("doneButton"));
         QVERIFY(!view.store().showLibrary());
         QVERIFY(view.waitFor([&] { return !view.object("librarySheet")->property("visible").toBool(); }));
 
-        open(view);
+        QVERIFY(open(view));
         view.key(Qt::Key_Escape, Qt::ControlModifier);
         QVERIFY(!view.store().showLibrary());
     }
@@ -362,11 +363,11 @@ private slots:
     void aNewSheetStartsWithAnEmptyLinkField()
     {
         ViewHarness view;
-        open(view);
+        QVERIFY(open(view));
         view.typeInto(view.item("downloadLinkField"), QStringLiteral("left over"));
         view.click(view.item("doneButton"));
         QVERIFY(view.waitFor([&] { return !view.object("librarySheet")->property("visible").toBool(); }));
-        open(view);
+        QVERIFY(open(view));
         QCOMPARE(view.item("downloadLinkField")->property("text").toString(), QString());
     }
 
@@ -390,7 +391,7 @@ private slots:
             if (stored.isValid())
                 QSettings().setValue("appearance", stored);
             ViewHarness view;
-            open(view);
+            QVERIFY(open(view));
             QObject *sheet = view.object("librarySheet");
             auto *background = sheet->property("background").value<QQuickItem *>();
             QVERIFY(background);
@@ -405,7 +406,7 @@ private slots:
         const QByteArray downloads = "[" + ViewHarness::downloadJson("qwen2.5-1.5b-instruct-q4_k_m.gguf", 412'000'000, 1'120'000'000) + "]";
         ViewHarness view(FakeEngine::stateJson("alpha.gguf", false, models, downloads));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         view.saveScreenshot(QStringLiteral("library-light"));
         view.click(view.item("doneButton"));
         view.settle();
@@ -461,7 +462,7 @@ private slots:
             view.window()->resize(920, 660);
             QVERIFY(view.waitFor([&] { return view.window()->height() == 660; }));
             QVERIFY(view.refresh());
-            open(view);
+            QVERIFY(open(view));
 
             const qreal windowHeight = view.window()->contentItem()->height();
             QQuickItem *sheet = view.object("librarySheet")->property("contentItem").value<QQuickItem *>();
@@ -495,7 +496,7 @@ private slots:
             QSettings().setValue("appearance", appearance);
             ViewHarness view(FakeEngine::stateJson(QString(), false, "[]", "[]"));
             QVERIFY(view.refresh());
-            open(view);
+            QVERIFY(open(view));
             QVERIFY(ViewHarness::shown(view.item("emptyLibraryNote")));
             QVERIFY(view.visibleItems("modelRow").isEmpty());
             view.saveScreenshot(QStringLiteral("library-empty-") + QLatin1String(appearance));

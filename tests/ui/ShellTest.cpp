@@ -19,6 +19,7 @@
 #include <QSystemTrayIcon>
 #include <QTemporaryDir>
 #include <QtTest>
+#include <optional>
 
 class ShellTest : public QObject {
     Q_OBJECT
@@ -26,16 +27,20 @@ class ShellTest : public QObject {
 private:
     QTemporaryDir m_engineFolder;
 
+    // Each test's throw-away home, for the shell it builds.
+    std::optional<TestHome> m_home;
+
     // Something that runs in place of the engine and answers nothing.
-    void useSilentEngine()
+    bool useSilentEngine()
     {
         const QString path = m_engineFolder.filePath(QStringLiteral("vorn-engine"));
         QFile script(path);
-        QVERIFY(script.open(QIODevice::WriteOnly));
-        script.write("#!/bin/sh\nexec sleep 30\n");
+        if (!script.open(QIODevice::WriteOnly) || script.write("#!/bin/sh\nexec sleep 30\n") < 0)
+            return false;
         script.close();
         script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         EngineConnection::setEngineLocationForTesting(path);
+        return true;
     }
 
     static QQuickItem *find(AppDelegate &shell, const QString &name)
@@ -68,12 +73,16 @@ private:
     }
 
 private slots:
-    void initTestCase() { useSilentEngine(); }
-    void init() { ViewHarness::resetSettings(); }
+    void initTestCase() { QVERIFY(useSilentEngine()); }
+    void init()
+    {
+        ViewHarness::resetSettings();
+        m_home.emplace();
+    }
+    void cleanup() { m_home.reset(); }
 
     void launchShowsTheWindowThenStartsTheEngine()
     {
-        TestHome home;
         AppDelegate shell(true);
         QVERIFY(!shell.window());
         QVERIFY(!shell.store().process());
@@ -90,7 +99,6 @@ private slots:
 
     void statusItemAndItsMenu()
     {
-        TestHome home;
         AppDelegate shell(true);
         shell.launch();
         QCOMPARE(shell.statusItem()->toolTip(), QStringLiteral("Vorn \u00b7 local inference"));
@@ -104,7 +112,6 @@ private slots:
 
     void statusLineFollowsTheEngine()
     {
-        TestHome home;
         FakeEngine fake;
         QVERIFY(fake.listen());
         fake.setState(FakeEngine::stateJson(QStringLiteral("llama.gguf-q4.gguf")));
@@ -129,7 +136,6 @@ private slots:
 
     void closingHidesAndOpenVornBringsBackTheSameWindow()
     {
-        TestHome home;
         AppDelegate shell(true);
         shell.launch();
         QVERIFY(!QGuiApplication::quitOnLastWindowClosed());
@@ -148,7 +154,6 @@ private slots:
 
     void withoutATrayClosingQuits()
     {
-        TestHome home;
         AppDelegate shell(false);
         shell.launch();
         QVERIFY(QGuiApplication::quitOnLastWindowClosed());
@@ -158,7 +163,6 @@ private slots:
 
     void newConversationFromTheStatusMenuShowsTheWindow()
     {
-        TestHome home;
         AppDelegate shell(true);
         shell.launch();
         shell.window()->close();
@@ -172,7 +176,6 @@ private slots:
 
     void modelLibraryFromTheStatusMenuPresentsTheSheet()
     {
-        TestHome home;
         AppDelegate shell(true);
         shell.launch();
         shell.window()->close();
@@ -188,7 +191,6 @@ private slots:
 
     void windowFrameIsSavedAndRestored()
     {
-        TestHome home;
         {
             AppDelegate shell(true);
             shell.launch();
@@ -209,7 +211,6 @@ private slots:
     {
         QCoreApplication::setApplicationVersion(QString());
         QCOMPARE(AppDelegate::versionText(), QStringLiteral("0.2.2"));
-        TestHome home;
         AppDelegate shell(true);
         shell.about();
         QVERIFY(shell.aboutPanel());
@@ -225,7 +226,6 @@ private slots:
 
     void mainMenuHasTheAppAndEditItems()
     {
-        TestHome home;
         AppDelegate shell(true);
         shell.launch();
         QStringList titles;

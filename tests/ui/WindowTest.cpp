@@ -32,8 +32,6 @@ private:
                 ViewHarness::conversation("Taxes", {"Deadline?", "April."})};
     }
 
-    static void startEndlessReply(ViewHarness &view) { QVERIFY(view.startEndlessReply()); }
-
 private slots:
     void init() { ViewHarness::resetSettings(); }
 
@@ -86,7 +84,7 @@ private slots:
     {
         ViewHarness view(FakeEngine::stateJson("m.gguf"), searchHistory());
         QVERIFY(view.refresh());
-        startEndlessReply(view);
+        QVERIFY(view.startEndlessReply());
         const QString selected = view.store().selectedIDText();
 
         const QList<QQuickItem *> rows = view.visibleItems("conversationRow");
