@@ -64,7 +64,7 @@ class EngineStore : public QObject {
     // The last reply's figures; a speed above zero is worth showing.
     Q_PROPERTY(bool hasThroughput READ hasThroughput NOTIFY stateChanged)
     Q_PROPERTY(double lastDecodeSpeed READ lastDecodeSpeed NOTIFY stateChanged)
-    Q_PROPERTY(qint64 lastCompletionTokens READ lastCompletionTokens NOTIFY stateChanged)
+    Q_PROPERTY(int lastCompletionTokens READ lastCompletionTokens NOTIFY stateChanged)
     // Whether the send/stop control acts, and whether models can be loaded or unloaded.
     Q_PROPERTY(bool canSend READ canSend NOTIFY canSendChanged)
     Q_PROPERTY(bool canChangeModel READ canChangeModel NOTIFY canChangeModelChanged)
@@ -129,7 +129,7 @@ public:
     QString backend() const;
     bool hasThroughput() const { return lastDecodeSpeed() > 0; }
     double lastDecodeSpeed() const { return hasState() ? state()->last.decode_tps : 0; }
-    qint64 lastCompletionTokens() const { return hasState() ? state()->last.completion_tokens : 0; }
+    int lastCompletionTokens() const { return hasState() ? static_cast<int>(state()->last.completion_tokens) : 0; }
     QList<ChatMessage> messages() const;
     bool canSend() const;
     bool canChangeModel() const;

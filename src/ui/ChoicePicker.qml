@@ -1,6 +1,5 @@
 import QtQuick
 import QtQuick.Controls
-import QtQuick.Layouts
 import Vorn
 
 // A pop-up list of choices drawn like the rounded buttons beside it: the current

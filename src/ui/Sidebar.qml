@@ -118,7 +118,7 @@ Rectangle {
             // Rows span the sidebar like the field and buttons above them; the scroll
             // bar shows over their end only while the list is being scrolled.
             delegate: ConversationRow {
-                width: conversations.width
+                width: ListView.view.width
             }
             ScrollBar.vertical: ScrollBar {
                 policy: ScrollBar.AsNeeded

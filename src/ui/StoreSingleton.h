@@ -1,6 +1,10 @@
 #pragma once
 
+#include "chat/ConversationListModel.h"
+#include "chat/MessageListModel.h"
 #include "engine/EngineStore.h"
+#include "library/DownloadListModel.h"
+#include "library/LocalModelListModel.h"
 
 #include <QtQml/qqml.h>
 
@@ -18,4 +22,30 @@ struct StoreSingleton {
 public:
     static void provide(QQmlEngine &engine, EngineStore &store);
     static EngineStore *create(QQmlEngine *engine, QJSEngine *);
+};
+
+// The list models the store hands to the views, known to the module by their
+// properties and roles but never created in QML.
+struct ConversationListModelForeign {
+    Q_GADGET
+    QML_FOREIGN(ConversationListModel)
+    QML_ANONYMOUS
+};
+
+struct MessageListModelForeign {
+    Q_GADGET
+    QML_FOREIGN(MessageListModel)
+    QML_ANONYMOUS
+};
+
+struct LocalModelListModelForeign {
+    Q_GADGET
+    QML_FOREIGN(LocalModelListModel)
+    QML_ANONYMOUS
+};
+
+struct DownloadListModelForeign {
+    Q_GADGET
+    QML_FOREIGN(DownloadListModel)
+    QML_ANONYMOUS
 };

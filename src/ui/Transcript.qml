@@ -48,7 +48,7 @@ Item {
         boundsBehavior: Flickable.StopAtBounds
         // Follow at once, so the grown text and the scroll land in the same frame.
         onContentHeightChanged: if (transcript.followingEnd) contentY = Math.max(0, contentHeight - height)
-        onHeightChanged: if (transcript.followingEnd) Qt.callLater(transcript.scrollToBottom)
+        onHeightChanged: if (transcript.followingEnd) Qt.callLater(transcript.scrollToBottom) // qmllint disable type
         // Text in the blocks is selected by dragging, so the mouse does not fling the view.
         interactive: false
 
@@ -60,8 +60,10 @@ Item {
             spacing: 8
             Repeater {
                 model: Store.messageList
+                // The delegate reads an id of this file, as it may; qmllint of Qt 6.4
+                // cannot tell, nor that Qt.callLater below is a function.
                 delegate: MessageBlock {
-                    width: blocks.width
+                    width: blocks.width // qmllint disable unqualified
                 }
             }
         }
@@ -93,7 +95,7 @@ Item {
         // Many text changes in one turn of the event loop scroll once.
         function onLastTextChanged() {
             transcript.followingEnd = true
-            Qt.callLater(transcript.scrollToBottom)
+            Qt.callLater(transcript.scrollToBottom) // qmllint disable type
         }
     }
 }
