@@ -1,14 +1,6 @@
 #include "EngineStore.h"
 
-#include "EngineConnection.h"
-#include "chat/ChatSession.h"
 #include "chat/ConversationExport.h"
-#include "chat/ConversationListModel.h"
-#include "chat/Conversations.h"
-#include "chat/MessageListModel.h"
-#include "library/DownloadListModel.h"
-#include "library/LocalModelListModel.h"
-#include "library/ModelLibrary.h"
 #include "model/HistoryFile.h"
 
 #include <QDir>
@@ -87,18 +79,6 @@ void EngineStore::connectCollaborators()
 
 // --- published state ---------------------------------------------------------------------
 
-const std::optional<EngineState> &EngineStore::state() const { return m_engine->state(); }
-bool EngineStore::ready() const { return m_engine->ready(); }
-QString EngineStore::activity() const { return m_engine->activity(); }
-bool EngineStore::loading() const { return m_library->loading(); }
-bool EngineStore::generating() const { return m_chat->generating(); }
-QString EngineStore::prompt() const { return m_chat->prompt(); }
-const std::optional<QString> &EngineStore::attachment() const { return m_chat->attachment(); }
-const QList<Conversation> &EngineStore::conversations() const { return m_conversations->all(); }
-const std::optional<QUuid> &EngineStore::selectedID() const { return m_conversations->selectedID(); }
-double EngineStore::temperature() const { return m_chat->temperature(); }
-int EngineStore::tokenLimit() const { return m_chat->tokenLimit(); }
-
 QVariant EngineStore::stateValue() const
 {
     return state() ? QVariant(state()->toJson().toVariantMap()) : QVariant();
@@ -130,16 +110,11 @@ void EngineStore::setErrorValue(const QVariant &error)
     setError(error.isValid() && !error.isNull() ? std::optional<QString>(error.toString()) : std::nullopt);
 }
 
-void EngineStore::setPrompt(const QString &prompt) { m_chat->setPrompt(prompt); }
-void EngineStore::setAttachment(const std::optional<QString> &attachment) { m_chat->setAttachment(attachment); }
-
 void EngineStore::setAttachmentValue(const QVariant &attachment)
 {
     setAttachment(attachment.isValid() && !attachment.isNull() ? std::optional<QString>(attachment.toString())
                                                                : std::nullopt);
 }
-
-void EngineStore::setSelectedID(const std::optional<QUuid> &id) { m_conversations->select(id); }
 
 void EngineStore::setSelectedIDText(const QString &id)
 {
@@ -159,35 +134,7 @@ void EngineStore::setShowLibrary(bool show)
     emit showLibraryChanged();
 }
 
-void EngineStore::setTemperature(double temperature) { m_chat->setTemperature(temperature); }
-void EngineStore::setTokenLimit(int tokenLimit) { m_chat->setTokenLimit(tokenLimit); }
-
-// --- computed ------------------------------------------------------------------------------
-
-bool EngineStore::hasLoadedModel() const { return m_engine->hasLoadedModel(); }
-QString EngineStore::loadedName() const { return m_engine->loadedName(); }
-bool EngineStore::vision() const { return m_engine->vision(); }
-QString EngineStore::backend() const { return m_engine->backend(); }
-QList<ChatMessage> EngineStore::messages() const { return m_conversations->messages(); }
-bool EngineStore::canSend() const { return m_chat->canSend(); }
-bool EngineStore::canChangeModel() const { return m_library->canChangeModel(); }
-int EngineStore::selectedIndex() const { return m_conversations->selectedIndex(); }
-
-QString EngineStore::directory() const { return m_engine->modelsFolder(); }
-QString EngineStore::historyFile() const { return m_conversations->historyFile(); }
-std::optional<QUrl> EngineStore::baseURL() const { return m_engine->client().baseURL(); }
-QProcess *EngineStore::process() const { return m_engine->process(); }
-CancellableTask *EngineStore::pollTask() const { return m_engine->pollTask(); }
-CancellableTask *EngineStore::generationTask() const { return m_chat->generationTask(); }
-
-ConversationListModel *EngineStore::conversationList() const { return m_conversations->list(); }
-MessageListModel *EngineStore::messageList() const { return m_conversations->messageList(); }
-LocalModelListModel *EngineStore::modelList() const { return m_library->modelList(); }
-DownloadListModel *EngineStore::downloadList() const { return m_library->downloadList(); }
-
 // --- operations ----------------------------------------------------------------------------
-
-void EngineStore::start() { m_engine->start(); }
 
 void EngineStore::shutdown()
 {
@@ -196,28 +143,11 @@ void EngineStore::shutdown()
     save();
 }
 
-QNetworkReply *EngineStore::request(const QString &path, const std::optional<QJsonObject> &body,
-                                    std::function<void(const EngineReply &)> done)
-{
-    return m_engine->client().request(path, body, std::move(done));
-}
-
-QNetworkReply *EngineStore::refresh(std::function<void(bool)> done) { return m_engine->refresh(std::move(done)); }
-
-void EngineStore::send() { m_chat->send(); }
-void EngineStore::stop() { m_chat->stop(); }
-void EngineStore::sendOrStop() { m_chat->sendOrStop(); }
-void EngineStore::updateAssistant(const QUuid &id, const QString &text) { m_conversations->updateAssistant(id, text); }
-void EngineStore::newChat() { m_chat->newChat(); }
-
 void EngineStore::selectConversation(const QString &id)
 {
     if (const auto parsed = uuidFromText(id))
         m_chat->selectConversation(*parsed);
 }
-
-void EngineStore::save() { m_conversations->save(); }
-void EngineStore::attachImage() { m_chat->attachImage(m_fileChooser.get()); }
 
 void EngineStore::exportChat()
 {
@@ -227,10 +157,7 @@ void EngineStore::exportChat()
         setError(*failure);
 }
 
-QString EngineStore::exportText() const { return ConversationExport::text(messages()); }
-
-void EngineStore::load(const QString &name) { m_library->load(name); }
-void EngineStore::unload() { m_library->unload(); }
-void EngineStore::importModels() { m_library->importModels(m_fileChooser.get()); }
-void EngineStore::download(const QString &link) { m_library->download(link); }
-void EngineStore::revealModels() { m_library->revealModels(); }
+QString EngineStore::exportText() const
+{
+    return ConversationExport::text(messages());
+}

@@ -1,7 +1,11 @@
 #pragma once
 
+#include "EngineConnection.h"
 #include "EngineFailure.h"
 #include "FileChooser.h"
+#include "chat/ChatSession.h"
+#include "chat/Conversations.h"
+#include "library/ModelLibrary.h"
 #include "model/Conversation.h"
 #include "model/EngineState.h"
 
@@ -16,15 +20,10 @@
 #include <memory>
 #include <optional>
 
-class CancellableTask;
-class ChatSession;
 class ConversationListModel;
-class Conversations;
 class DownloadListModel;
-class EngineConnection;
 class LocalModelListModel;
 class MessageListModel;
-class ModelLibrary;
 class QNetworkReply;
 class QProcess;
 
@@ -87,101 +86,104 @@ public:
     ModelLibrary &library() const { return *m_library; }
 
     // --- published state -------------------------------------------------------------
-    const std::optional<EngineState> &state() const;
+    const std::optional<EngineState> &state() const { return m_engine->state(); }
     QVariant stateValue() const;
     bool hasState() const { return state().has_value(); }
-    bool ready() const;
-    QString activity() const;
+    bool ready() const { return m_engine->ready(); }
+    QString activity() const { return m_engine->activity(); }
     const std::optional<QString> &error() const { return m_error; }
     QVariant errorValue() const;
     bool hasError() const { return m_error.has_value(); }
-    bool loading() const;
-    bool generating() const;
-    QString prompt() const;
-    const std::optional<QString> &attachment() const;
+    bool loading() const { return m_library->loading(); }
+    bool generating() const { return m_chat->generating(); }
+    QString prompt() const { return m_chat->prompt(); }
+    const std::optional<QString> &attachment() const { return m_chat->attachment(); }
     QVariant attachmentValue() const;
     bool hasAttachment() const { return attachment().has_value(); }
-    const QList<Conversation> &conversations() const;
-    const std::optional<QUuid> &selectedID() const;
+    const QList<Conversation> &conversations() const { return m_conversations->all(); }
+    const std::optional<QUuid> &selectedID() const { return m_conversations->selectedID(); }
     QString selectedIDText() const;
     bool showLibrary() const { return m_showLibrary; }
-    double temperature() const;
-    int tokenLimit() const;
+    double temperature() const { return m_chat->temperature(); }
+    int tokenLimit() const { return m_chat->tokenLimit(); }
 
     // What the views and the shell may set.
     void setError(const std::optional<QString> &error);
     void setErrorValue(const QVariant &error);
     Q_INVOKABLE void clearError() { setError(std::nullopt); }
-    void setPrompt(const QString &prompt);
-    void setAttachment(const std::optional<QString> &attachment);
+    void setPrompt(const QString &prompt) { m_chat->setPrompt(prompt); }
+    void setAttachment(const std::optional<QString> &attachment) { m_chat->setAttachment(attachment); }
     void setAttachmentValue(const QVariant &attachment);
     Q_INVOKABLE void clearAttachment() { setAttachment(std::nullopt); }
-    void setSelectedID(const std::optional<QUuid> &id);
+    void setSelectedID(const std::optional<QUuid> &id) { m_conversations->select(id); }
     void setSelectedIDText(const QString &id);
     void setShowLibrary(bool show);
-    void setTemperature(double temperature);
-    void setTokenLimit(int tokenLimit);
+    void setTemperature(double temperature) { m_chat->setTemperature(temperature); }
+    void setTokenLimit(int tokenLimit) { m_chat->setTokenLimit(tokenLimit); }
 
     // --- computed ----------------------------------------------------------------------
-    bool hasLoadedModel() const;
-    QString loadedName() const;
-    bool vision() const;
-    QString backend() const;
+    bool hasLoadedModel() const { return m_engine->hasLoadedModel(); }
+    QString loadedName() const { return m_engine->loadedName(); }
+    bool vision() const { return m_engine->vision(); }
+    QString backend() const { return m_engine->backend(); }
     bool hasThroughput() const { return lastDecodeSpeed() > 0; }
     double lastDecodeSpeed() const { return hasState() ? state()->last.decode_tps : 0; }
     int lastCompletionTokens() const { return hasState() ? static_cast<int>(state()->last.completion_tokens) : 0; }
-    QList<ChatMessage> messages() const;
-    bool canSend() const;
-    bool canChangeModel() const;
+    QList<ChatMessage> messages() const { return m_conversations->messages(); }
+    bool canSend() const { return m_chat->canSend(); }
+    bool canChangeModel() const { return m_library->canChangeModel(); }
     // Index of the selected conversation in conversations(), or -1.
-    int selectedIndex() const;
+    int selectedIndex() const { return m_conversations->selectedIndex(); }
 
-    QString directory() const;
+    QString directory() const { return m_engine->modelsFolder(); }
     QString dataFolder() const { return m_dataFolder; }
-    QString historyFile() const;
-    std::optional<QUrl> baseURL() const;
-    QProcess *process() const;
-    CancellableTask *pollTask() const;
-    CancellableTask *generationTask() const;
+    QString historyFile() const { return m_conversations->historyFile(); }
+    std::optional<QUrl> baseURL() const { return m_engine->client().baseURL(); }
+    QProcess *process() const { return m_engine->process(); }
+    CancellableTask *pollTask() const { return m_engine->pollTask(); }
+    CancellableTask *generationTask() const { return m_chat->generationTask(); }
 
-    ConversationListModel *conversationList() const;
-    MessageListModel *messageList() const;
-    LocalModelListModel *modelList() const;
-    DownloadListModel *downloadList() const;
+    ConversationListModel *conversationList() const { return m_conversations->list(); }
+    MessageListModel *messageList() const { return m_conversations->messageList(); }
+    LocalModelListModel *modelList() const { return m_library->modelList(); }
+    DownloadListModel *downloadList() const { return m_library->downloadList(); }
 
     void setOnStatusChange(std::function<void()> callback) { m_onStatusChange = std::move(callback); }
     void setFileChooser(std::shared_ptr<FileChooser> chooser) { m_fileChooser = std::move(chooser); }
 
     // --- engine process and client ----------------------------------------------------
-    Q_INVOKABLE void start();
+    Q_INVOKABLE void start() { m_engine->start(); }
     Q_INVOKABLE void shutdown();
     // A JSON call to the engine (EngineClient::request).
     QNetworkReply *request(const QString &path, const std::optional<QJsonObject> &body,
-                           std::function<void(const EngineReply &)> done);
+                           std::function<void(const EngineReply &)> done)
+    {
+        return m_engine->client().request(path, body, std::move(done));
+    }
     // Fetches and applies the engine status; done gets whether it was applied.
-    QNetworkReply *refresh(std::function<void(bool)> done = {});
+    QNetworkReply *refresh(std::function<void(bool)> done = {}) { return m_engine->refresh(std::move(done)); }
 
     // --- chat --------------------------------------------------------------------------
-    Q_INVOKABLE void send();
-    Q_INVOKABLE void stop();
+    Q_INVOKABLE void send() { m_chat->send(); }
+    Q_INVOKABLE void stop() { m_chat->stop(); }
     // Stops while generating, sends otherwise: the send/stop control.
-    Q_INVOKABLE void sendOrStop();
-    void updateAssistant(const QUuid &id, const QString &text);
-    Q_INVOKABLE void newChat();
+    Q_INVOKABLE void sendOrStop() { m_chat->sendOrStop(); }
+    void updateAssistant(const QUuid &id, const QString &text) { m_conversations->updateAssistant(id, text); }
+    Q_INVOKABLE void newChat() { m_chat->newChat(); }
     // A click on a conversation: ignored while a reply is generating.
     Q_INVOKABLE void selectConversation(const QString &id);
-    Q_INVOKABLE void save();
-    Q_INVOKABLE void attachImage();
+    Q_INVOKABLE void save() { m_conversations->save(); }
+    Q_INVOKABLE void attachImage() { m_chat->attachImage(m_fileChooser.get()); }
     Q_INVOKABLE void exportChat();
     // The export text of the selected conversation.
     QString exportText() const;
 
     // --- model library -----------------------------------------------------------------
-    Q_INVOKABLE void load(const QString &name);
-    Q_INVOKABLE void unload();
-    Q_INVOKABLE void importModels();
-    Q_INVOKABLE void download(const QString &link);
-    Q_INVOKABLE void revealModels();
+    Q_INVOKABLE void load(const QString &name) { m_library->load(name); }
+    Q_INVOKABLE void unload() { m_library->unload(); }
+    Q_INVOKABLE void importModels() { m_library->importModels(m_fileChooser.get()); }
+    Q_INVOKABLE void download(const QString &link) { m_library->download(link); }
+    Q_INVOKABLE void revealModels() { m_library->revealModels(); }
 
 signals:
     void stateChanged();
