@@ -151,7 +151,8 @@ void AppDelegate::about()
         m_about->setIconPixmap(QPixmap::fromImage(AppIconArt::applicationImage(64)));
         m_about->setTextFormat(Qt::PlainText);
         m_about->setText(QStringLiteral("Vorn"));
-        m_about->setInformativeText(QStringLiteral("Version ") + versionText() + QStringLiteral("\n\n") + creditsText());
+        m_about->setInformativeText(QStringLiteral("Version ") + versionText() + QStringLiteral("\n\n")
+                                    + creditsText());
         m_about->setStandardButtons(QMessageBox::Ok);
     }
     m_about->show();

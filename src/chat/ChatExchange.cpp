@@ -39,8 +39,8 @@ void ChatExchange::begin(double temperature, int tokenLimit)
         return;
     }
 
-    const QNetworkRequest request =
-        EngineRequest::build(*base, QStringLiteral("v1/chat/completions"), m_client->chatTimeout());
+    const QNetworkRequest request = EngineRequest::build(*base, QStringLiteral("v1/chat/completions"),
+                                                         m_client->chatTimeout());
     const QJsonObject body{
         {QStringLiteral("messages"), m_messages},
         {QStringLiteral("stream"), true},
@@ -93,7 +93,8 @@ void ChatExchange::replyFinished()
     // cancelled here was aborted by its transfer time-out.
     const bool timedOut = error == QNetworkReply::OperationCanceledError || error == QNetworkReply::TimeoutError;
     const QVariant status = m_networkReply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    if (timedOut || !status.isValid() || (error != QNetworkReply::NoError && error < QNetworkReply::ContentAccessDenied)) {
+    if (timedOut || !status.isValid()
+        || (error != QNetworkReply::NoError && error < QNetworkReply::ContentAccessDenied)) {
         // Whatever arrived before the break has been applied already.
         fail(timedOut ? EngineFailure::timedOutMessage() : m_networkReply->errorString());
         return;
@@ -176,7 +177,8 @@ void ChatExchange::fail(const QString &message)
     if (!isCancelled())
         emit failed(message);
     if (m_reply.isEmpty())
-        emit replyReplaced(isCancelled() ? QStringLiteral("Stopped.") : QStringLiteral("The request did not complete."));
+        emit replyReplaced(isCancelled() ? QStringLiteral("Stopped.")
+                                         : QStringLiteral("The request did not complete."));
     finalSteps();
 }
 

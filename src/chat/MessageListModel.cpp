@@ -75,9 +75,8 @@ QVariant MessageListModel::data(const QModelIndex &index, int role) const
 
 QHash<int, QByteArray> MessageListModel::roleNames() const
 {
-    return {{IdRole, "messageId"}, {RoleRole, "role"},         {TextRole, "text"},
-            {ImageRole, "image"},  {HasImageRole, "hasImage"}, {IsUserRole, "isUser"},
-            {HasTextRole, "hasText"}};
+    return {{IdRole, "messageId"},      {RoleRole, "role"},     {TextRole, "text"},      {ImageRole, "image"},
+            {HasImageRole, "hasImage"}, {IsUserRole, "isUser"}, {HasTextRole, "hasText"}};
 }
 
 QString MessageListModel::lastText() const

@@ -63,8 +63,8 @@ QNetworkReply *EngineClient::request(const QString &path, const std::optional<QJ
     if (!m_baseURL) {
         // Never launched: fail as an unreachable host would, without touching the network.
         QTimer::singleShot(0, this, [done = std::move(done)] {
-            done(EngineReply{{},
-                             EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("Could not connect to the server.")}});
+            done(EngineReply{
+                {}, EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("Could not connect to the server.")}});
         });
         return nullptr;
     }

@@ -147,8 +147,7 @@ void EngineConnection::start()
     process->setStandardErrorFile(QProcess::nullDevice());
     // The notice is handled as its own step on the main thread, never inside the signal.
     connect(
-        process, &QProcess::finished, this, [this, process] { handleProcessFinished(process); },
-        Qt::QueuedConnection);
+        process, &QProcess::finished, this, [this, process] { handleProcessFinished(process); }, Qt::QueuedConnection);
 
     process->start();
     if (!process->waitForStarted()) {

@@ -37,15 +37,19 @@ QVariant LocalModelListModel::data(const QModelIndex &index, int role) const
 
 QHash<int, QByteArray> LocalModelListModel::roleNames() const
 {
-    return {{NameRole, "name"},           {TitleRole, "title"},         {SizeRole, "size"},
-            {SizeLabelRole, "sizeLabel"}, {ProjectorRole, "projector"}, {LoadedRole, "loaded"},
+    return {{NameRole, "name"},
+            {TitleRole, "title"},
+            {SizeRole, "size"},
+            {SizeLabelRole, "sizeLabel"},
+            {ProjectorRole, "projector"},
+            {LoadedRole, "loaded"},
             {ActionEnabledRole, "actionEnabled"}};
 }
 
 int LocalModelListModel::modelCount() const
 {
-    return static_cast<int>(std::count_if(m_models.begin(), m_models.end(),
-                                          [](const LocalModel &model) { return !model.projector; }));
+    return static_cast<int>(
+        std::count_if(m_models.begin(), m_models.end(), [](const LocalModel &model) { return !model.projector; }));
 }
 
 void LocalModelListModel::update(const QList<LocalModel> &models, const QString &loadedFile)

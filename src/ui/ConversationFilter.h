@@ -22,7 +22,8 @@ struct Conversation;
 class ConversationFilter : public QSortFilterProxyModel {
     Q_OBJECT
     QML_ELEMENT
-    Q_PROPERTY(ConversationListModel *conversations READ conversations WRITE setConversations NOTIFY conversationsChanged)
+    Q_PROPERTY(
+        ConversationListModel *conversations READ conversations WRITE setConversations NOTIFY conversationsChanged)
     Q_PROPERTY(QString search READ search WRITE setSearch NOTIFY searchChanged)
     Q_PROPERTY(int count READ count NOTIFY countChanged)
 public:

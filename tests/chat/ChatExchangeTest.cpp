@@ -13,7 +13,11 @@ class ChatExchangeTest : public StoreTestCase {
 private:
     static QByteArray delta(const QString &content) { return FakeResponse::delta(content); }
 
-    static QByteArray roleOnly() { return R"(data: {"choices":[{"delta":{"role":"assistant"}}]})" "\n\n"; }
+    static QByteArray roleOnly()
+    {
+        return R"(data: {"choices":[{"delta":{"role":"assistant"}}]})"
+               "\n\n";
+    }
 
     // The status that the next round trip brings, with the model m.gguf loaded.
     bool reportLoadedModel(bool vision = false)
@@ -44,7 +48,7 @@ private slots:
     {
         store().engine().setState(std::nullopt);
         store().setPrompt(QStringLiteral("Hi"));
-        store().send();  // no status yet: no model
+        store().send(); // no status yet: no model
         QVERIFY(store().messages().isEmpty());
         QVERIFY(reportLoadedModel());
         store().library().setLoading(true);
@@ -60,7 +64,8 @@ private slots:
 
     void requestCarriesTheConversation()
     {
-        engine().route("POST", "/v1/chat/completions", FakeResponse::stream({roleOnly(), delta("Hel"), delta("lo"), "data: [DONE]\n\n"}));
+        engine().route("POST", "/v1/chat/completions",
+                       FakeResponse::stream({roleOnly(), delta("Hel"), delta("lo"), "data: [DONE]\n\n"}));
         store().setTemperature(0.3);
         store().setTokenLimit(256);
         store().setPrompt(QStringLiteral("  First question \n"));
@@ -105,8 +110,16 @@ private slots:
         QCOMPARE(*store().messages().first().image, QStringLiteral("data:image/png;base64,iVBORw0KGgo="));
         QCOMPARE(store().conversations().at(store().selectedIndex()).title, QStringLiteral("Describe this image."));
         QVERIFY(setup().waitUntilIdle());
-        const QJsonArray content = engine().requestsTo("/v1/chat/completions").first().json()
-                                       .value("messages").toArray().first().toObject().value("content").toArray();
+        const QJsonArray content = engine()
+                                       .requestsTo("/v1/chat/completions")
+                                       .first()
+                                       .json()
+                                       .value("messages")
+                                       .toArray()
+                                       .first()
+                                       .toObject()
+                                       .value("content")
+                                       .toArray();
         QCOMPARE(content.size(), 2);
         QCOMPARE(content.at(0).toObject().value("type").toString(), QStringLiteral("image_url"));
     }
@@ -139,10 +152,15 @@ private slots:
     void commentsEventNamesAndBlankLinesAreIgnored()
     {
         engine().route("POST", "/v1/chat/completions",
-                     FakeResponse::stream({": keep-alive\n", "event: message\n", "\n", roleOnly(), delta("Hi"),
-                                           "data:{\"choices\":[{\"delta\":{\"content\":\"no space\"}}]}\n",
-                                           R"(data: {"choices":[]})" "\n", R"(data: {"choices":[{"delta":{"content":5}}]})" "\n",
-                                           R"(data: [1,2])" "\n", delta("!"), "data: [DONE]\n"}));
+                       FakeResponse::stream({": keep-alive\n", "event: message\n", "\n", roleOnly(), delta("Hi"),
+                                             "data:{\"choices\":[{\"delta\":{\"content\":\"no space\"}}]}\n",
+                                             R"(data: {"choices":[]})"
+                                             "\n",
+                                             R"(data: {"choices":[{"delta":{"content":5}}]})"
+                                             "\n",
+                                             R"(data: [1,2])"
+                                             "\n",
+                                             delta("!"), "data: [DONE]\n"}));
         store().setPrompt(QStringLiteral("Hello"));
         store().send();
         QVERIFY(setup().waitUntilIdle());
@@ -165,8 +183,9 @@ private slots:
 
     void nothingIsReadAfterDone()
     {
-        engine().route("POST", "/v1/chat/completions",
-                     FakeResponse::stream({delta("Done here"), "data: [DONE]\n", delta(" and more"), "data: not json\n"}));
+        engine().route(
+            "POST", "/v1/chat/completions",
+            FakeResponse::stream({delta("Done here"), "data: [DONE]\n", delta(" and more"), "data: not json\n"}));
         store().setPrompt(QStringLiteral("Hello"));
         store().send();
         QVERIFY(setup().waitUntilIdle());
@@ -207,11 +226,13 @@ private slots:
 
     void refusalShowsTheModelMessage()
     {
-        engine().route("POST", "/v1/chat/completions", FakeResponse::json(400, R"({"error":"images need a vision model"})"));
+        engine().route("POST", "/v1/chat/completions",
+                       FakeResponse::json(400, R"({"error":"images need a vision model"})"));
         store().setPrompt(QStringLiteral("Hello"));
         store().send();
         QVERIFY(setup().waitUntilIdle());
-        QCOMPARE(*store().error(), QStringLiteral("The model could not answer. Check its image support and available memory."));
+        QCOMPARE(*store().error(),
+                 QStringLiteral("The model could not answer. Check its image support and available memory."));
         QCOMPARE(lastText(), QStringLiteral("The request did not complete."));
     }
 
@@ -287,7 +308,8 @@ private slots:
 
     void stopMidStreamKeepsTextAndStopsReadingAtOnce()
     {
-        engine().route("POST", "/v1/chat/completions", FakeResponse::stream({delta("Once"), delta(" upon"), delta(" a time")}, 300));
+        engine().route("POST", "/v1/chat/completions",
+                       FakeResponse::stream({delta("Once"), delta(" upon"), delta(" a time")}, 300));
         store().setPrompt(QStringLiteral("Tell a story"));
         store().send();
         QTRY_COMPARE_WITH_TIMEOUT(lastText(), QStringLiteral("Once"), 5000);

@@ -1,6 +1,6 @@
 #include "StoreTestCase.h"
-#include "chat/ConversationListModel.h"
 #include "chat/ChatSession.h"
+#include "chat/ConversationListModel.h"
 #include "engine/EngineStore.h"
 #include "model/HistoryFile.h"
 

@@ -9,8 +9,8 @@
 #include <QProcess>
 #include <QSignalSpy>
 
-#include <csignal>
 #include <QtTest>
+#include <csignal>
 
 // The store driving the real engine: launch, status, load, a streamed reply, metrics,
 // and the engine's death reported with its exit status.

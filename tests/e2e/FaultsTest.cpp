@@ -1,7 +1,7 @@
-#include "FakeEngine.h"
 #include "BuiltEngine.h"
-#include "TestHome.h"
+#include "FakeEngine.h"
 #include "LoopbackHub.h"
+#include "TestHome.h"
 #include "TestModels.h"
 #include "chat/MessageListModel.h"
 #include "engine/EngineStore.h"
@@ -40,10 +40,7 @@ private:
     }
 
 private slots:
-    void initTestCase()
-    {
-        QVERIFY2(BuiltEngine::use(), "vorn-engine is not built next to the app");
-    }
+    void initTestCase() { QVERIFY2(BuiltEngine::use(), "vorn-engine is not built next to the app"); }
 
     void engineKilledDuringAReply()
     {
@@ -127,8 +124,8 @@ private slots:
             store.start();
             QTRY_VERIFY_WITH_TIMEOUT(store.ready(), 15000);
             store.download(link);
-            QTRY_VERIFY_WITH_TIMEOUT(store.state()->downloads.size() == 1
-                                         && store.state()->downloads.first().bytes > 300 * 1024, 20000);
+            QTRY_VERIFY_WITH_TIMEOUT(
+                store.state()->downloads.size() == 1 && store.state()->downloads.first().bytes > 300 * 1024, 20000);
             QCOMPARE(store.state()->downloads.first().name, QStringLiteral("tiny-stories.gguf"));
             QVERIFY(kill(store));
             QTRY_VERIFY_WITH_TIMEOUT(!store.ready(), 5000);
@@ -170,7 +167,7 @@ private slots:
             QProcess process;
             process.start(writer, {file});
             QVERIFY(process.waitForStarted());
-            QVERIFY(process.waitForReadyRead(10000));  // it says when the first save is done
+            QVERIFY(process.waitForReadyRead(10000)); // it says when the first save is done
             QTest::qWait(QRandomGenerator::global()->bounded(5, 120));
             ::kill(static_cast<pid_t>(process.processId()), SIGKILL);
             QVERIFY(process.waitForFinished(5000));

@@ -58,7 +58,7 @@ private slots:
         makeLoadsSilent();
         std::optional<EngineReply> result;
         QNetworkReply *reply = store().request("api/load", QJsonObject{{"name", "m.gguf"}},
-                                             [&](const EngineReply &answer) { result = answer; });
+                                               [&](const EngineReply &answer) { result = answer; });
         QVERIFY(reply);
         QTRY_COMPARE(engine().countOf("/api/load"), 1);
         EngineClient::cancelRequest(reply);

@@ -4,8 +4,8 @@
 #include <QFile>
 #include <QProcess>
 #include <QSignalSpy>
-#include <memory>
 #include <QtTest>
+#include <memory>
 
 // Launching, watching and stopping the engine, with small scripts standing in for it.
 class ProcessTest : public StoreTestCase {
@@ -55,7 +55,10 @@ private:
         return engine;
     }
 
-    static int launchCount(const TestHome &home) { return static_cast<int>(launches(home).count(QStringLiteral("---"))); }
+    static int launchCount(const TestHome &home)
+    {
+        return static_cast<int>(launches(home).count(QStringLiteral("---")));
+    }
 
 private slots:
     // A store with no engine address: each test launches its own stand-in.
@@ -140,7 +143,9 @@ private slots:
         const QString path = QDir(home().path()).filePath(QStringLiteral("vorn-engine"));
         QFile file(path);
         QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(QByteArray("\x7f" "ELF not really", 15));
+        file.write(QByteArray("\x7f"
+                              "ELF not really",
+                              15));
         file.close();
         file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
         EngineConnection::setEngineLocationForTesting(path);

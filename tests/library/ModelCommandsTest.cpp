@@ -276,13 +276,15 @@ private slots:
         QTest::newRow("plain") << QStringLiteral("https://huggingface.co/org/repo/resolve/main/model.gguf")
                                << QStringLiteral("model.gguf");
         QTest::newRow("upper-case file keeps its case")
-            << QStringLiteral("https://huggingface.co/org/repo/resolve/main/Model.GGUF") << QStringLiteral("Model.GGUF");
+            << QStringLiteral("https://huggingface.co/org/repo/resolve/main/Model.GGUF")
+            << QStringLiteral("Model.GGUF");
         QTest::newRow("query kept in url")
             << QStringLiteral("https://huggingface.co/org/repo/resolve/main/model.gguf?download=true")
             << QStringLiteral("model.gguf");
         QTest::newRow("fragment") << QStringLiteral("https://huggingface.co/org/model.gguf#top")
                                   << QStringLiteral("model.gguf");
-        QTest::newRow("port") << QStringLiteral("https://huggingface.co:443/org/model.gguf") << QStringLiteral("model.gguf");
+        QTest::newRow("port") << QStringLiteral("https://huggingface.co:443/org/model.gguf")
+                              << QStringLiteral("model.gguf");
         QTest::newRow("escaped name is decoded")
             << QStringLiteral("https://huggingface.co/org/My%20Model.gguf") << QStringLiteral("My Model.gguf");
     }

@@ -56,7 +56,10 @@ public:
     FrozenFolder(const FrozenFolder &) = delete;
     FrozenFolder &operator=(const FrozenFolder &) = delete;
 
-    bool holds() const { return m_holds; }
+    bool holds() const
+    {
+        return m_holds;
+    }
 
 private:
     QString m_folder;
@@ -112,7 +115,8 @@ private slots:
 
         VERIFY_HELPER(verifyLink(models("first.gguf"), first));
         VERIFY_HELPER(verifyLink(models("Second Model.GGUF"), second));
-        QCOMPARE(QDir(home().modelsFolder()).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot).size(), 2);
+        QCOMPARE(QDir(home().modelsFolder()).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot).size(),
+                 2);
         // Nothing copied or moved: the sources stay where they were, as plain files.
         QVERIFY(QFileInfo(first).isFile() && !QFileInfo(first).isSymLink());
         QVERIFY(QFileInfo(second).isFile() && !QFileInfo(second).isSymLink());
@@ -302,7 +306,8 @@ private slots:
         const QString message = store().error().value_or(QString());
         const QString expected = QStringLiteral("The old link to \u201Cm.gguf\u201D could not be removed: ");
         QVERIFY2(message.startsWith(expected) && message.endsWith(QLatin1Char('.'))
-                     && message.size() > expected.size() + 1, qPrintable(message));
+                     && message.size() > expected.size() + 1,
+                 qPrintable(message));
         VERIFY_HELPER(verifyLink(models("m.gguf"), source));
     }
 

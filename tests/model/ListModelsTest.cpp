@@ -49,7 +49,8 @@ private:
         Conversation made;
         made.title = title;
         for (int index = 0; index < texts.size(); ++index)
-            made.messages.append(ChatMessage{QUuid::createUuid(), index % 2 ? "assistant" : "user", texts.at(index), std::nullopt});
+            made.messages.append(
+                ChatMessage{QUuid::createUuid(), index % 2 ? "assistant" : "user", texts.at(index), std::nullopt});
         return made;
     }
 
@@ -63,7 +64,8 @@ private slots:
         // A size changes in place; an entry comes and goes; a projector appears.
         QVERIFY(refresh(FakeEngine::stateJson(none, false, models({{"a.gguf", 11}, {"b.gguf", 20}}))));
         QVERIFY(refresh(FakeEngine::stateJson(none, false, models({{"a.gguf", 11}, {"b.gguf", 20}, {"c.gguf", 5}}))));
-        QVERIFY(refresh(FakeEngine::stateJson(none, false, models({{"b.gguf", 20}, {"c.gguf", 5}, {"c-mmproj.gguf", 3}}))));
+        QVERIFY(
+            refresh(FakeEngine::stateJson(none, false, models({{"b.gguf", 20}, {"c.gguf", 5}, {"c-mmproj.gguf", 3}}))));
         QCOMPARE(store().modelList()->rowCount(), 3);
         QCOMPARE(store().modelList()->modelCount(), 2);
 
@@ -83,9 +85,9 @@ private slots:
     void conversationsAndMessagesFollowSelectionSendingAndStreaming()
     {
         HistoryFile::prepareFolder(home().dataFolder());
-        QVERIFY(HistoryFile::save(home().historyFile(), {conversation("First", {"one", "two", "three"}),
-                                                          conversation("Second", {"only"}),
-                                                          conversation("Empty", {})}));
+        QVERIFY(HistoryFile::save(home().historyFile(),
+                                  {conversation("First", {"one", "two", "three"}), conversation("Second", {"only"}),
+                                   conversation("Empty", {})}));
         setup().restart();
         QVERIFY(refresh(FakeEngine::stateJson("m.gguf")));
         QCOMPARE(store().messageList()->rowCount(), 3);

@@ -1,8 +1,8 @@
 #include "StoreTestCase.h"
+#include "chat/ChatSession.h"
 #include "chat/ConversationListModel.h"
 #include "chat/MessageListModel.h"
 #include "engine/EngineConnection.h"
-#include "chat/ChatSession.h"
 #include "engine/EngineStore.h"
 #include "library/ModelLibrary.h"
 #include "model/HistoryFile.h"
@@ -111,7 +111,8 @@ private slots:
         // The file is left as it was, and a copy is kept beside it, since the next
         // save replaces it.
         QCOMPARE(readFile(home().historyFile()), broken);
-        const QStringList copies = QDir(home().dataFolder()).entryList({QStringLiteral("conversations.json.unreadable-*")});
+        const QStringList copies =
+            QDir(home().dataFolder()).entryList({QStringLiteral("conversations.json.unreadable-*")});
         QCOMPARE(copies.size(), 1);
         const QString copy = QDir(home().dataFolder()).filePath(copies.first());
         QCOMPARE(readFile(copy), broken);
@@ -124,7 +125,7 @@ private slots:
     void missingOrEmptyHistoryKeepsNoCopy()
     {
         {
-            }
+        }
         QVERIFY(writeFile(home().historyFile(), "[]"));
         setup().restart();
         QCOMPARE(store().conversations().size(), 1);
@@ -178,7 +179,7 @@ private slots:
     {
         QSignalSpy changes(&store(), &EngineStore::canSendChanged);
         store().setPrompt(QStringLiteral("Hi"));
-        QVERIFY(!store().canSend());  // no status, so no model
+        QVERIFY(!store().canSend()); // no status, so no model
         store().engine().setState(stateWithLoaded(QStringLiteral("m.gguf")));
         QVERIFY(store().canSend());
         QCOMPARE(changes.size(), 1);
@@ -186,7 +187,7 @@ private slots:
         store().library().setLoading(true);
         QVERIFY(!store().canSend());
         store().chat().setGenerating(true);
-        QVERIFY(store().canSend());  // stop comes first
+        QVERIFY(store().canSend()); // stop comes first
         store().chat().setGenerating(false);
         store().library().setLoading(false);
         QVERIFY(store().canSend());
@@ -194,7 +195,7 @@ private slots:
         store().setPrompt(QString());
         QVERIFY(!store().canSend());
         store().setPrompt(QStringLiteral("  "));
-        QVERIFY(store().canSend());  // spaces count as text here
+        QVERIFY(store().canSend()); // spaces count as text here
 
         // An image needs a model that can see.
         store().setAttachment(QStringLiteral("data:image/png;base64,AA"));

@@ -1,7 +1,7 @@
 // The model library sheet.
+#include "PlatformText.h"
 #include "ScriptedFileChooser.h"
 #include "ViewHarness.h"
-#include "PlatformText.h"
 
 #include <QApplication>
 #include <QSettings>
@@ -62,7 +62,8 @@ private slots:
 
     void emptyModelsWithADownloadShowTheNoteThenTheDownload()
     {
-        ViewHarness view(FakeEngine::stateJson({}, false, "[]", "[" + ViewHarness::downloadJson("big.gguf", 500, 1000) + "]"));
+        ViewHarness view(
+            FakeEngine::stateJson({}, false, "[]", "[" + ViewHarness::downloadJson("big.gguf", 500, 1000) + "]"));
         QVERIFY(view.refresh());
         QVERIFY(open(view));
         QQuickItem *note = view.item("emptyLibraryNote");
@@ -72,7 +73,8 @@ private slots:
         QVERIFY(downloads.first()->mapToScene({0, 0}).y() > note->mapToScene({0, 0}).y());
         QCOMPARE(ViewHarness::text(child(downloads.first(), "downloadName")), QStringLiteral("big.gguf"));
         QCOMPARE(child(downloads.first(), "downloadProgress")->property("value").toDouble(), 0.5);
-        QCOMPARE(ViewHarness::text(child(downloads.first(), "downloadReceived")), QStringLiteral("500 bytes downloaded"));
+        QCOMPARE(ViewHarness::text(child(downloads.first(), "downloadReceived")),
+                 QStringLiteral("500 bytes downloaded"));
     }
 
     void aDownloadWithNoTotalShowsAnEmptyBar()
@@ -86,7 +88,8 @@ private slots:
         QCOMPARE(downloads.size(), 1);
         QCOMPARE(child(downloads.first(), "downloadProgress")->property("value").toDouble(), 0.0);
         // Download rows come after the model rows.
-        QVERIFY(downloads.first()->mapToScene({0, 0}).y() > view.visibleItems("modelRow").first()->mapToScene({0, 0}).y());
+        QVERIFY(downloads.first()->mapToScene({0, 0}).y()
+                > view.visibleItems("modelRow").first()->mapToScene({0, 0}).y());
     }
 
     void rowsFollowTheEngineOrderAndNameLoadedAsUnload()
@@ -95,7 +98,8 @@ private slots:
         view.fake().route("POST", "/api/unload", FakeResponse::json(200, "{}"));
         QVERIFY(view.refresh());
         QVERIFY(open(view));
-        QCOMPARE(names(view, "modelRow", "modelName"), (QStringList{"alpha.gguf", "vision.gguf", "vision-mmproj.gguf"}));
+        QCOMPARE(names(view, "modelRow", "modelName"),
+                 (QStringList{"alpha.gguf", "vision.gguf", "vision-mmproj.gguf"}));
         const QList<QQuickItem *> rows = view.visibleItems("modelRow");
         QCOMPARE(ViewHarness::text(child(rows.at(0), "modelActionButton")), QStringLiteral("Unload"));
         QCOMPARE(ViewHarness::text(child(rows.at(1), "modelActionButton")), QStringLiteral("Load"));
@@ -106,7 +110,8 @@ private slots:
         QVERIFY(view.waitFor([&] { return view.fake().countOf("/api/unload") == 1; }));
         QVERIFY(view.waitFor([&] {
             const auto current = view.visibleItems("modelRow");
-            return !current.isEmpty() && ViewHarness::text(child(current.first(), "modelActionButton")) == QStringLiteral("Load");
+            return !current.isEmpty()
+                && ViewHarness::text(child(current.first(), "modelActionButton")) == QStringLiteral("Load");
         }));
     }
 
@@ -118,7 +123,8 @@ private slots:
         QVERIFY(open(view));
         view.click(child(view.visibleItems("modelRow").at(1), "modelActionButton"));
         QVERIFY(view.waitFor([&] { return view.fake().countOf("/api/load") == 1; }));
-        QCOMPARE(view.fake().requestsTo("/api/load").first().json().value("name").toString(), QStringLiteral("vision.gguf"));
+        QCOMPARE(view.fake().requestsTo("/api/load").first().json().value("name").toString(),
+                 QStringLiteral("vision.gguf"));
     }
 
     void aProjectorHasItsIconItsNoteAndNoButton()
@@ -128,14 +134,16 @@ private slots:
         QVERIFY(open(view));
         QQuickItem *projector = view.visibleItems("modelRow").at(2);
         QCOMPARE(child(projector, "modelIcon")->property("symbol").toString(), QStringLiteral("photo.stack"));
-        QCOMPARE(child(view.visibleItems("modelRow").at(0), "modelIcon")->property("symbol").toString(), QStringLiteral("cube"));
+        QCOMPARE(child(view.visibleItems("modelRow").at(0), "modelIcon")->property("symbol").toString(),
+                 QStringLiteral("cube"));
         QCOMPARE(ViewHarness::text(child(projector, "modelSize")), QStringLiteral("600 KB \u00b7 image projector"));
         QVERIFY(!ViewHarness::shown(child(projector, "modelActionButton")));
     }
 
     void sizeZeroDisablesLoadButANegativeSizeDoesNot()
     {
-        ViewHarness view(FakeEngine::stateJson({}, false, "[" + ViewHarness::modelJson("gone.gguf", 0) + ","
+        ViewHarness view(FakeEngine::stateJson({}, false,
+                                               "[" + ViewHarness::modelJson("gone.gguf", 0) + ","
                                                    + ViewHarness::modelJson("odd.gguf", -1) + "]"));
         QVERIFY(view.refresh());
         QVERIFY(open(view));
@@ -207,7 +215,8 @@ private slots:
         QVERIFY(background && doneBackground);
         QVERIFY(doneBackground->property("radius").toDouble() > 0);
         QCOMPARE(background->property("radius").toDouble(), doneBackground->property("radius").toDouble());
-        QCOMPARE(background->property("border.color").value<QColor>(), doneBackground->property("border.color").value<QColor>());
+        QCOMPARE(background->property("border.color").value<QColor>(),
+                 doneBackground->property("border.color").value<QColor>());
         QCOMPARE(picker->height(), view.item("doneButton")->height());
     }
 
@@ -403,7 +412,8 @@ private slots:
     void screenshots()
     {
         const QByteArray models = threeModels();
-        const QByteArray downloads = "[" + ViewHarness::downloadJson("qwen2.5-1.5b-instruct-q4_k_m.gguf", 412'000'000, 1'120'000'000) + "]";
+        const QByteArray downloads = "["
+            + ViewHarness::downloadJson("qwen2.5-1.5b-instruct-q4_k_m.gguf", 412'000'000, 1'120'000'000) + "]";
         ViewHarness view(FakeEngine::stateJson("alpha.gguf", false, models, downloads));
         QVERIFY(view.refresh());
         QVERIFY(open(view));
@@ -469,11 +479,13 @@ private slots:
             QVERIFY(sheet);
             const qreal sheetTop = sheet->mapToScene({0, 0}).y();
             QVERIFY2(sheetTop >= 20, qPrintable(QString::number(sheetTop)));
-            for (const char *name : {"doneButton", "settingsRow", "replyLimitPicker", "libraryFootnote", "downloadButton"}) {
+            for (const char *name :
+                 {"doneButton", "settingsRow", "replyLimitPicker", "libraryFootnote", "downloadButton"}) {
                 QQuickItem *item = view.item(QLatin1String(name));
                 QVERIFY2(ViewHarness::shown(item), name);
                 const qreal bottom = item->mapToScene({0, item->height()}).y();
-                QVERIFY2(bottom <= windowHeight - 20, qPrintable(QStringLiteral("%1 ends at %2").arg(QLatin1String(name)).arg(bottom)));
+                QVERIFY2(bottom <= windowHeight - 20,
+                         qPrintable(QStringLiteral("%1 ends at %2").arg(QLatin1String(name)).arg(bottom)));
             }
             // The footnote stays inside the sheet with its margin below.
             QQuickItem *footnote = view.item("libraryFootnote");

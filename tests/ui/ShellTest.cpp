@@ -148,7 +148,8 @@ private slots:
         menuAction(shell, QStringLiteral("Open Vorn"))->trigger();
         QVERIFY(window->isVisible());
         QCOMPARE(shell.window(), window);
-        QCOMPARE(find(shell, QStringLiteral("promptField"))->property("text").toString(), QStringLiteral("draft in progress"));
+        QCOMPARE(find(shell, QStringLiteral("promptField"))->property("text").toString(),
+                 QStringLiteral("draft in progress"));
         shell.store().shutdown();
     }
 
@@ -229,7 +230,8 @@ private slots:
         AppDelegate shell(true);
         shell.launch();
         QStringList titles;
-        for (const char *name : {"aboutItem", "quitItem", "undoItem", "cutItem", "copyItem", "pasteItem", "selectAllItem"}) {
+        for (const char *name :
+             {"aboutItem", "quitItem", "undoItem", "cutItem", "copyItem", "pasteItem", "selectAllItem"}) {
             QObject *item = shell.window()->findChild<QObject *>(QLatin1String(name));
             QVERIFY2(item, name);
             titles.append(item->property("text").toString());

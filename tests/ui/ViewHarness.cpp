@@ -2,8 +2,8 @@
 
 #include "ViewSetup.h"
 
-#include <QCoreApplication>
 #include "model/HistoryFile.h"
+#include <QCoreApplication>
 
 #include <QDir>
 #include <QJsonArray>

@@ -146,11 +146,13 @@ private slots:
             QCOMPARE(main, QColor::fromRgbF(0.07f, 0.09f, 0.12f));
         }
         ViewHarness relaunched;
-        QCOMPARE(relaunched.item("mainColumn")->property("color").value<QColor>(), QColor::fromRgbF(0.07f, 0.09f, 0.12f));
+        QCOMPARE(relaunched.item("mainColumn")->property("color").value<QColor>(),
+                 QColor::fromRgbF(0.07f, 0.09f, 0.12f));
         QVERIFY(relaunched.item("appearanceDark")->property("chosen").toBool());
         relaunched.click(relaunched.item("appearanceLight"));
         QCOMPARE(QSettings().value("appearance").toString(), QStringLiteral("light"));
-        QVERIFY(relaunched.item("mainColumn")->property("color").value<QColor>() != QColor::fromRgbF(0.07f, 0.09f, 0.12f));
+        QVERIFY(relaunched.item("mainColumn")->property("color").value<QColor>()
+                != QColor::fromRgbF(0.07f, 0.09f, 0.12f));
     }
 
     void anUnknownAppearanceIsLightWithNoSegmentChosen()
