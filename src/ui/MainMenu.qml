@@ -4,7 +4,7 @@ import QtQuick.Controls
 
 // The window's menus: the application menu and Edit. The Edit items act on the text
 // field that last had the keyboard; their shortcuts reach a focused field directly.
-// qmllint of Qt 6.4 does not see the StandardKey enumeration, hence its marks below.
+// The StandardKey enumeration is unknown to the qmllint of Qt 6.4, hence the marks below.
 MenuBar {
     id: bar
     objectName: "mainMenu"
