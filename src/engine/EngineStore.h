@@ -55,7 +55,6 @@ class EngineStore : public QObject {
     // Derived from the properties above.
     Q_PROPERTY(bool hasError READ hasError NOTIFY errorChanged)
     Q_PROPERTY(bool hasAttachment READ hasAttachment NOTIFY attachmentChanged)
-    Q_PROPERTY(bool hasState READ hasState NOTIFY stateChanged)
     Q_PROPERTY(bool hasLoadedModel READ hasLoadedModel NOTIFY stateChanged)
     Q_PROPERTY(QString loadedName READ loadedName NOTIFY stateChanged)
     Q_PROPERTY(bool vision READ vision NOTIFY stateChanged)
@@ -67,7 +66,6 @@ class EngineStore : public QObject {
     // Whether the send/stop control acts, and whether models can be loaded or unloaded.
     Q_PROPERTY(bool canSend READ canSend NOTIFY canSendChanged)
     Q_PROPERTY(bool canChangeModel READ canChangeModel NOTIFY canChangeModelChanged)
-    Q_PROPERTY(QString modelsFolder READ directory CONSTANT)
     Q_PROPERTY(QString dataFolder READ dataFolder CONSTANT)
 
     // List views of the same data, updated row by row.
