@@ -48,6 +48,7 @@ pub struct Download {
 pub struct HeaderInfo {
     pub projector: bool,
     pub embedding: Option<u64>,
+    pub details: gguf::ModelDetails,
 }
 
 /// Header facts of a file as it was when read: size, modification time and
@@ -73,6 +74,9 @@ pub struct LocalModel {
     pub name: String,
     pub size: i64,
     pub projector: bool,
+    /// What the header tells, when it could be read.
+    #[serde(flatten)]
+    pub details: gguf::ModelDetails,
 }
 
 impl Shared {
@@ -108,6 +112,7 @@ impl Shared {
             } else {
                 header.embedding_length()
             },
+            details: header.details(),
         });
         let cached = CachedHeader {
             size,
@@ -144,15 +149,16 @@ impl Shared {
                 Ok(_) => continue,
                 Err(_) => 0,
             };
-            let projector = size > 0
-                && self
-                    .header_info(&path)
-                    .map(|i| i.projector)
-                    .unwrap_or(false);
+            let info = if size > 0 {
+                self.header_info(&path)
+            } else {
+                None
+            };
             out.push(LocalModel {
                 name,
                 size,
-                projector,
+                projector: info.as_ref().is_some_and(|i| i.projector),
+                details: info.map(|i| i.details).unwrap_or_default(),
             });
         }
         out.sort_by(|a, b| a.name.cmp(&b.name));

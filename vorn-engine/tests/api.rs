@@ -49,8 +49,11 @@ fn state_lists_models_in_name_order() {
         s["models"],
         json!([
             {"name": "a-gone.gguf", "size": 0, "projector": false},
-            {"name": "b-mmproj.gguf", "size": 1039072, "projector": true},
-            {"name": "stories260K.gguf", "size": 1185376, "projector": false},
+            {"name": "b-mmproj.gguf", "size": 1039072, "projector": true,
+             "architecture": "clip", "parameters": 844288, "quantization": "Q8_0"},
+            {"name": "stories260K.gguf", "size": 1185376, "projector": false,
+             "architecture": "llama", "context_length": 2048, "parameters": 292800,
+             "quantization": "F32", "kv_bytes_per_token": 640},
         ])
     );
 }

@@ -388,7 +388,8 @@ async fn state_without_a_model() {
         json!([
             {"name": "dangling.gguf", "size": 0, "projector": false},
             {"name": "garbage.gguf", "size": 1200, "projector": false},
-            {"name": "mmproj.gguf", "size": 1039072, "projector": true},
+            {"name": "mmproj.gguf", "size": 1039072, "projector": true,
+             "architecture": "clip", "parameters": 844288, "quantization": "Q8_0"},
         ])
     );
     assert_eq!(state["last"]["completion_tokens"], 0);
