@@ -4,11 +4,14 @@
 
 use axum::body::Body;
 use axum::http::{header, Request, StatusCode};
+use common::gen::HeaderValue::{Text, Uint};
 use serde_json::{json, Value};
 use std::path::{Path, PathBuf};
 use std::sync::OnceLock;
 use tower::ServiceExt;
 use vorn_engine::server;
+
+mod common;
 
 const PORT: u16 = 4000;
 const HOST: &str = "127.0.0.1:4000";
@@ -54,6 +57,20 @@ impl TestApp {
                 dir.join("mmproj.gguf"),
             )
             .unwrap();
+            // A header that states a trained context, without tensor data.
+            common::gen::write_header(
+                &dir.join("header-only.gguf"),
+                &[
+                    ("general.architecture", Text("llama")),
+                    ("general.file_type", Uint(15)),
+                    ("llama.context_length", Uint(8192)),
+                    ("llama.block_count", Uint(2)),
+                    ("llama.embedding_length", Uint(64)),
+                    ("llama.attention.head_count", Uint(4)),
+                    ("llama.attention.head_count_kv", Uint(2)),
+                ],
+                &[("token_embd.weight", &[64, 100], 12)],
+            );
             let router = server::router(server::App::new(dir.clone(), PORT));
             TestApp { router, dir }
         })
@@ -388,6 +405,9 @@ async fn state_without_a_model() {
         json!([
             {"name": "dangling.gguf", "size": 0, "projector": false},
             {"name": "garbage.gguf", "size": 1200, "projector": false},
+            {"name": "header-only.gguf", "size": 353, "projector": false,
+             "architecture": "llama", "context_length": 8192, "parameters": 6400,
+             "quantization": "Q4_K_M", "kv_bytes_per_token": 2 * 2 * (16 + 16) * 2},
             {"name": "mmproj.gguf", "size": 1039072, "projector": true,
              "architecture": "clip", "parameters": 844288, "quantization": "Q8_0"},
         ])
@@ -430,6 +450,9 @@ async fn malformed_bodies() {
     }
 }
 
+/// The error of a "ctx" that is not a whole number of tokens.
+const CTX: &str = "\"ctx\" must be a whole number of tokens (0 for the model's trained context).";
+
 #[tokio::test]
 async fn load_fields() {
     let app = TestApp::shared();
@@ -456,17 +479,17 @@ async fn load_fields() {
         json!(1.5),
         json!(4096.0),
         json!("4096"),
-        json!(1_048_577),
         json!(true),
+        json!(18_446_744_073_709_551_616.0),
     ] {
         app.post("/api/load", json!({"name": "a.gguf", "ctx": ctx}))
             .await
-            .assert_error(400, "\"ctx\" must be a positive integer.");
+            .assert_error(400, CTX);
     }
     // Field checks come before the name rules.
     app.post("/api/load", json!({"name": "../a.gguf", "ctx": -1}))
         .await
-        .assert_error(400, "\"ctx\" must be a positive integer.");
+        .assert_error(400, CTX);
     for bad in [
         "../a.gguf",
         ".hidden.gguf",
@@ -479,15 +502,26 @@ async fn load_fields() {
             .await
             .assert_error(400, "The model name must be a plain file name.");
     }
-    // Null and absent fields take their defaults; the ceiling is allowed.
+    // Null and absent fields take their defaults; how large a context may
+    // be depends on the model, so the name is checked first.
     for body in [
         json!({"name": "missing.gguf", "gpu": null, "ctx": null}),
         json!({"name": "missing.gguf", "gpu": true, "ctx": 0}),
-        json!({"name": "missing.gguf", "ctx": 1_048_576, "other": [1, 2]}),
+        json!({"name": "missing.gguf", "ctx": 1_048_577, "other": [1, 2]}),
+        json!({"name": "missing.gguf", "ctx": u64::MAX}),
     ] {
         app.post("/api/load", body)
             .await
             .assert_error(404, "No model named missing.gguf.");
+    }
+    // Above the trained context: refused before anything is unloaded.
+    for ctx in [8193u64, 1 << 40] {
+        app.post("/api/load", json!({"name": "header-only.gguf", "ctx": ctx}))
+            .await
+            .assert_error(
+                400,
+                &format!("A context of {ctx} tokens is more than header-only.gguf takes: at most 8192 tokens, the context it was trained with."),
+            );
     }
     app.post("/api/load", json!({"name": "folder.gguf"}))
         .await

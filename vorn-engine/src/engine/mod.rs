@@ -12,6 +12,7 @@
 //! - `probe`: the child process that tries a file before the engine loads it
 //! - `threads`: how many CPU threads a model gets
 //! - `lru`: the eviction of the image caches
+//! - `memory`: whether a context's KV cache fits in memory
 //! - `error`: every way a command can fail
 
 mod conversation;
@@ -19,6 +20,7 @@ mod error;
 mod generate;
 mod load;
 mod lru;
+mod memory;
 mod prefill;
 mod probe;
 mod session;

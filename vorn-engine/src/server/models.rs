@@ -11,10 +11,11 @@ use axum::Json;
 use serde::{Deserialize, Serialize};
 use std::path::PathBuf;
 
-/// The context a model gets when the request names none.
-const DEFAULT_CONTEXT: u32 = 4096;
-/// The largest context a request may ask for.
-const MAX_CONTEXT: u64 = 1 << 20;
+/// The context a model gets when the request names none, and the largest
+/// one any model takes whatever it was trained with (as it always could).
+const DEFAULT_CONTEXT: u64 = 4096;
+/// llama.cpp counts context positions in 32 bits.
+const MAX_CONTEXT: u64 = u32::MAX as u64;
 
 #[derive(Serialize)]
 pub(super) struct StateReply {
@@ -68,20 +69,24 @@ pub(super) async fn load(
 ) -> Result<Json<OkReply>, ApiError> {
     let name = body.name.required(ApiError::NotText("name"))?;
     let gpu = body.gpu.or(false, ApiError::NotTrueOrFalse("gpu"))?;
-    let context_size = match body.ctx.optional(ApiError::BadContextSize)? {
-        None => DEFAULT_CONTEXT,
-        Some(c) if c <= MAX_CONTEXT => c as u32,
-        Some(_) => return Err(ApiError::BadContextSize),
-    };
+    let requested = body.ctx.optional(ApiError::BadContextSize)?;
     let path = model_path(&app, &name)?;
-    let projector = {
+    // Reading headers: not on the async threads.
+    let (trained, projector) = {
         let app = app.clone();
         let name = name.clone();
-        tokio::task::spawn_blocking(move || pick_projector(&app, &name))
-            .await
-            .ok()
-            .flatten()
+        tokio::task::spawn_blocking(move || {
+            let trained = app
+                .shared
+                .header_info(&app.shared.dir.join(&name))
+                .and_then(|info| info.details.context_length)
+                .map(|n| n as u64);
+            (trained, pick_projector(&app, &name))
+        })
+        .await
+        .unwrap_or((None, None))
     };
+    let context_size = context_size(&name, requested, trained)?;
     app.engine
         .load(LoadRequest {
             name,
@@ -92,6 +97,31 @@ pub(super) async fn load(
         })
         .await?;
     Ok(ok_reply())
+}
+
+/// The context to load with: the default when none is asked, the trained
+/// one for 0, and never more than the model takes.
+fn context_size(name: &str, requested: Option<u64>, trained: Option<u64>) -> Result<u32, ApiError> {
+    let size = match requested {
+        None => DEFAULT_CONTEXT,
+        Some(0) => trained.unwrap_or(DEFAULT_CONTEXT).min(MAX_CONTEXT),
+        Some(requested) => {
+            let limit = trained
+                .unwrap_or(MAX_CONTEXT)
+                .max(DEFAULT_CONTEXT)
+                .min(MAX_CONTEXT);
+            if requested > limit {
+                return Err(ApiError::ContextAboveLimit {
+                    name: name.to_string(),
+                    requested,
+                    limit,
+                    trained,
+                });
+            }
+            requested
+        }
+    };
+    Ok(size as u32)
 }
 
 /// The path of a model file named in a request: a plain name of a file in
