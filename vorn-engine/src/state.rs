@@ -20,6 +20,20 @@ pub struct RunMetrics {
     pub ttft_ms: f64,
     /// Images whose encoding was done ahead of time by /api/encode.
     pub reused_images: i64,
+    /// The context in use and the messages left out to fit it.
+    pub context_size: i64,
+    pub dropped_messages: i64,
+}
+
+impl RunMetrics {
+    /// Figures of a run that so far only has its context.
+    pub fn with_context(context: crate::engine::ContextUse) -> Self {
+        RunMetrics {
+            context_size: i64::from(context.size),
+            dropped_messages: context.dropped_messages as i64,
+            ..RunMetrics::default()
+        }
+    }
 }
 
 #[derive(Debug, Clone, Default)]

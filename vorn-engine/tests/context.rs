@@ -226,3 +226,337 @@ fn contexts_up_to_the_trained_one() {
     assert_eq!(e.state()["ctx"], 4096);
     assert_serving(&e);
 }
+
+fn count(e: &Engine, body: &Value) -> Response {
+    e.api("POST", "/api/count", Some(&body.to_string()))
+}
+
+/// A count that worked: (tokens, size, dropped messages).
+fn counted(e: &Engine, body: &Value) -> (i64, i64, i64) {
+    let r = count(e, body);
+    assert_eq!(r.status, 200, "{}", r.text());
+    let v = r.json();
+    assert_eq!(v.as_object().unwrap().len(), 3, "{v}");
+    (
+        v["tokens"].as_i64().unwrap(),
+        v["size"].as_i64().unwrap(),
+        v["dropped_messages"].as_i64().unwrap(),
+    )
+}
+
+const SYSTEM: &str = "You are a storyteller who always answers with a short tale.";
+
+/// A system message, then `turns` questions and answers, then a question.
+fn conversation(turns: usize) -> Vec<Value> {
+    let mut messages = vec![json!({"role": "system", "content": SYSTEM})];
+    for i in 0..turns {
+        messages.push(user(&format!(
+            "Turn {i}: tell me what the little dog found in the park."
+        )));
+        messages.push(json!({"role": "assistant", "content": format!(
+            "In turn {i} the little dog found a red ball under the big tree."
+        )}));
+    }
+    messages.push(user("And what happened next?"));
+    messages
+}
+
+/// A reply, non-streamed or streamed: its usage and context objects.
+fn reply_figures(e: &Engine, body: &Value) -> (Value, Value) {
+    let r = e.chat(body);
+    assert_eq!(r.status, 200, "{}", r.text());
+    if body["stream"] == true {
+        let events = r.events();
+        assert_eq!(events.last().unwrap(), "[DONE]");
+        // Only the last chunk carries them.
+        for event in &events[..events.len() - 2] {
+            let chunk: Value = serde_json::from_str(event).unwrap();
+            assert!(
+                chunk.get("usage").is_none() && chunk.get("context").is_none(),
+                "{chunk}"
+            );
+        }
+        let last: Value = serde_json::from_str(&events[events.len() - 2]).unwrap();
+        assert!(last["choices"][0]["finish_reason"].is_string(), "{last}");
+        (last["usage"].clone(), last["context"].clone())
+    } else {
+        let v = r.json();
+        (v["usage"].clone(), v["context"].clone())
+    }
+}
+
+#[test]
+fn replies_and_counts_say_how_the_conversation_fits() {
+    let e = Engine::start(&stories_dir("fit"));
+    let r = load(&e, "stories260K.gguf", json!(512));
+    assert_eq!(r.status, 200, "{}", r.text());
+
+    // A conversation that fits: nothing left out, streamed or not.
+    let short = conversation(1);
+    let (tokens, size, dropped) = counted(&e, &json!({"messages": short}));
+    assert_eq!((size, dropped), (512, 0));
+    for stream in [false, true] {
+        let body = json!({"messages": short, "max_tokens": 8, "temperature": 0, "stream": stream});
+        let (usage, context) = reply_figures(&e, &body);
+        assert_eq!(usage["prompt_tokens"], tokens, "{usage}");
+        let completion = usage["completion_tokens"].as_i64().unwrap();
+        assert!((1..=8).contains(&completion), "{usage}");
+        assert_eq!(usage["total_tokens"], tokens + completion);
+        assert_eq!(context, json!({"size": 512, "dropped_messages": 0}));
+        let last = &e.state()["last"];
+        assert_eq!(
+            (
+                &last["context_size"],
+                &last["dropped_messages"],
+                &last["prompt_tokens"]
+            ),
+            (&json!(512), &json!(0), &json!(tokens))
+        );
+        // The count before the first reply evaluated nothing: it did it all.
+        if !stream {
+            assert_eq!(last["evaluated_tokens"], tokens, "{last}");
+        }
+    }
+
+    // Thirty turns do not fit: the oldest give way, the system message stays.
+    let long = conversation(30);
+    let body = json!({"messages": long, "max_tokens": 8});
+    let (tokens, size, dropped) = counted(&e, &body);
+    assert_eq!(size, 512);
+    assert!(dropped > 0 && dropped < long.len() as i64 - 1, "{dropped}");
+    assert!(tokens + 8 <= 512, "{tokens}");
+    // What is sent is exactly the system message and the messages after the cut.
+    let mut kept = vec![long[0].clone()];
+    kept.extend_from_slice(&long[1 + dropped as usize..]);
+    assert_eq!(
+        counted(&e, &json!({"messages": kept, "max_tokens": 8})),
+        (tokens, 512, 0)
+    );
+    let without_system = &kept[1..];
+    let (alone, _, _) = counted(&e, &json!({"messages": without_system, "max_tokens": 8}));
+    assert!(alone < tokens, "{alone} {tokens}");
+    // The reply agrees with the count, streamed and not.
+    for stream in [true, false] {
+        let body = json!({"messages": long, "max_tokens": 8, "temperature": 0, "stream": stream});
+        let (usage, context) = reply_figures(&e, &body);
+        assert_eq!(usage["prompt_tokens"], tokens);
+        assert_eq!(context, json!({"size": 512, "dropped_messages": dropped}));
+        let last = &e.state()["last"];
+        assert_eq!(
+            (&last["context_size"], &last["dropped_messages"]),
+            (&json!(512), &json!(dropped))
+        );
+    }
+    // Without a limit the reply may take a quarter of the context, so the
+    // prompt has less room and more is left out.
+    let (roomy, _, more) = counted(&e, &json!({"messages": long}));
+    assert!(more >= dropped && roomy + 128 <= 512, "{roomy} {more}");
+    // The count also reads max_completion_tokens, as replies do.
+    assert_eq!(
+        counted(&e, &json!({"messages": long, "max_completion_tokens": 8})),
+        (tokens, 512, dropped)
+    );
+}
+
+#[test]
+fn counting_leaves_the_cache_and_the_cut_alone() {
+    let e = Engine::start(&stories_dir("cache"));
+    assert_eq!(load(&e, "stories260K.gguf", json!(512)).status, 200);
+    let mut long = conversation(30);
+    let body =
+        |messages: &Vec<Value>| json!({"messages": messages, "max_tokens": 8, "temperature": 0});
+    let first = e.chat(&body(&long)).json();
+    let dropped = first["context"]["dropped_messages"].as_i64().unwrap();
+    let prompt = first["usage"]["prompt_tokens"].as_i64().unwrap();
+    assert!(dropped > 0);
+
+    // Counting other conversations in between: one cut elsewhere, one that fits.
+    let other: Vec<Value> = conversation(40)
+        .into_iter()
+        .map(|mut m| {
+            m["content"] = json!(format!("Other: {}", m["content"].as_str().unwrap()));
+            m
+        })
+        .collect();
+    let (_, _, other_dropped) = counted(&e, &json!({"messages": other, "max_tokens": 8}));
+    assert!(other_dropped > 0);
+    counted(&e, &json!({"messages": [user("Something else entirely.")]}));
+
+    // The next turn keeps the first turn's cut and finds it in the cache.
+    long.push(json!({"role": "assistant", "content": first["choices"][0]["message"]["content"]}));
+    long.push(user("Tell me one more."));
+    let (tokens, _, predicted) = counted(&e, &body(&long));
+    assert_eq!(predicted, dropped);
+    // A fresh cut, without the first one to follow, would leave out more.
+    let fresh = {
+        let mut changed = long.clone();
+        changed[1 + dropped as usize]["content"] = json!("Tell me what the cat found in the park.");
+        counted(&e, &body(&changed)).2
+    };
+    assert!(fresh > dropped, "{fresh} {dropped}");
+    let second = e.chat(&body(&long)).json();
+    assert_eq!(second["context"]["dropped_messages"], dropped);
+    assert_eq!(second["usage"]["prompt_tokens"], tokens);
+    let last = &e.state()["last"];
+    assert!(
+        last["cached_tokens"].as_i64().unwrap() >= prompt - 1,
+        "{last}, first prompt {prompt}"
+    );
+}
+
+#[test]
+fn one_message_longer_than_the_context() {
+    let e = Engine::start(&stories_dir("long-message"));
+    assert_eq!(load(&e, "stories260K.gguf", json!(128)).status, 200);
+    let long_text = "The little dog ran to the park and found a red ball. ".repeat(40);
+    let messages = json!([{"role": "system", "content": "Be kind."}, user(&long_text)]);
+    let body = json!({"messages": messages, "max_tokens": 8, "temperature": 0});
+    let (tokens, size, dropped) = counted(&e, &body);
+    assert_eq!((size, dropped), (128, 0));
+    assert_eq!(tokens, 128 - 8);
+    let (usage, context) = reply_figures(&e, &body);
+    assert_eq!(usage["prompt_tokens"], tokens);
+    assert_eq!(context, json!({"size": 128, "dropped_messages": 0}));
+    // The system message and the newest message's end stay: the same cut of
+    // a longer text keeps the same tokens.
+    let longer = format!("Some other words at the start. {long_text}");
+    let other = json!({"messages": [{"role": "system", "content": "Be kind."}, user(&longer)], "max_tokens": 8});
+    assert_eq!(counted(&e, &other).0, tokens);
+
+    // A system message that alone does not fit cannot be kept: refused.
+    let messages = json!([{"role": "system", "content": long_text}, user("Hi")]);
+    for path in ["/api/count", "/v1/chat/completions"] {
+        let r = e.api(
+            "POST",
+            path,
+            Some(&json!({"messages": messages, "max_tokens": 8}).to_string()),
+        );
+        assert_eq!(r.status, 400, "{}", r.text());
+        assert_eq!(
+            r.error(),
+            "The system message is too long for the model's context."
+        );
+    }
+    assert_serving(&e);
+}
+
+#[test]
+fn count_refusals() {
+    let e = Engine::start(&stories_dir("count-errors"));
+    let body = json!({"messages": [user("Hi")]}).to_string();
+    let r = e.api("POST", "/api/count", Some(&body));
+    assert_eq!(
+        (r.status, r.error()),
+        (409, "No model is loaded.".to_string())
+    );
+    assert_eq!(load(&e, "stories260K.gguf", json!(512)).status, 200);
+    // Without the app's header.
+    let host = e.host();
+    let r = request(
+        e.port,
+        "POST",
+        "/api/count",
+        &[
+            ("Host", host.as_str()),
+            ("Content-Type", "application/json"),
+        ],
+        Some(body.as_bytes()),
+    )
+    .unwrap();
+    assert_eq!(r.status, 403);
+    for (bad, error) in [
+        (
+            "{",
+            "Invalid JSON: EOF while parsing an object at line 1 column 1",
+        ),
+        ("[]", "The request body must be a JSON object."),
+        ("{}", "\"messages\" must be an array."),
+        (r#"{"messages": []}"#, "\"messages\" must not be empty."),
+        (
+            r#"{"messages": [{"content": "x"}]}"#,
+            "Every message needs a \"role\" text.",
+        ),
+        (
+            r#"{"messages": [{"role": "user", "content": "x"}], "max_tokens": -1}"#,
+            "\"max_tokens\" must be a non-negative integer.",
+        ),
+    ] {
+        let r = e.api("POST", "/api/count", Some(bad));
+        assert_eq!((r.status, r.error()), (400, error.to_string()), "{bad}");
+    }
+    // An image for a model without vision, as in chat.
+    let image = json!({"messages": [user_parts(json!([
+        {"type": "text", "text": "What is this?"},
+        {"type": "image_url", "image_url": {"url": "data:image/png;base64,aGk="}},
+    ]))]});
+    let r = count(&e, &image);
+    assert_eq!(
+        (r.status, r.error()),
+        (400, "The loaded model does not accept images.".to_string())
+    );
+    assert_serving(&e);
+}
+
+fn user_parts(parts: Value) -> Value {
+    json!({"role": "user", "content": parts})
+}
+
+#[test]
+fn images_count_the_tokens_their_embeddings_take() {
+    use base64::Engine as _;
+    let dir = temp_dir("count-vision");
+    common::gen::write_model(
+        &dir.join("tinygemma3.gguf"),
+        &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
+        &ModelShape {
+            arch: "gemma3",
+            n_embd: 128,
+            n_layer: 2,
+            n_head: 4,
+            n_ff: 256,
+            seed: 5,
+        },
+    );
+    std::os::unix::fs::symlink(
+        shared_models().join("mmproj/mmproj-tinygemma3.gguf"),
+        dir.join("mmproj-tinygemma3.gguf"),
+    )
+    .unwrap();
+    let e = Engine::start(&dir);
+    assert_eq!(load(&e, "tinygemma3.gguf", json!(2048)).status, 200);
+    assert_eq!(e.state()["vision"], true);
+    let png = common::gen::png(32, 32, 7);
+    let url = format!(
+        "data:image/png;base64,{}",
+        base64::engine::general_purpose::STANDARD.encode(png)
+    );
+    let with_image = json!({"messages": [user_parts(json!([
+        {"type": "image_url", "image_url": {"url": url}},
+        {"type": "text", "text": "What is in the picture?"},
+    ]))], "max_tokens": 4, "temperature": 0});
+    let without_image = json!({"messages": [user_parts(json!([
+        {"type": "text", "text": "What is in the picture?"},
+    ]))], "max_tokens": 4, "temperature": 0});
+    let (tokens, size, dropped) = counted(&e, &with_image);
+    assert_eq!((size, dropped), (2048, 0));
+    let (plain, _, _) = counted(&e, &without_image);
+    // The image's positions and the line break after its marker.
+    assert!(tokens > plain + 4, "{tokens} vs {plain}");
+
+    // Counting encoded and evaluated nothing: the reply evaluates it all.
+    let (usage, context) = reply_figures(&e, &with_image);
+    assert_eq!(usage["prompt_tokens"], tokens);
+    assert_eq!(context, json!({"size": 2048, "dropped_messages": 0}));
+    let last = &e.state()["last"];
+    assert_eq!(
+        (&last["evaluated_tokens"], &last["reused_images"]),
+        (&json!(tokens), &json!(0)),
+        "{last}"
+    );
+    // A broken image is refused as in chat.
+    let broken = json!({"messages": [user_parts(json!([
+        {"type": "image_url", "image_url": {"url": "data:image/png;base64,AAAA"}},
+    ]))]});
+    assert_eq!(count(&e, &broken).status, 400);
+    assert_eq!(counted(&e, &with_image).0, tokens);
+}

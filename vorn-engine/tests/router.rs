@@ -269,6 +269,12 @@ async fn api_paths_need_the_app_header() {
         // Also on paths that do not exist under /api/.
         let reply = app.get("/api/nothing", &headers).await;
         reply.assert_error(403, "Missing X-Vorn-App header.");
+        headers.push(("content-type", "application/json"));
+        let body = r#"{"messages": [{"role": "user", "content": "Hi"}]}"#;
+        let reply = app
+            .send(request("POST", "/api/count", &headers, body))
+            .await;
+        reply.assert_error(403, "Missing X-Vorn-App header.");
     }
     // The chat endpoint does not need it: the app does not send it there.
     let reply = app
@@ -297,7 +303,12 @@ async fn post_bodies_must_be_declared_json() {
         if let Some(t) = content_type {
             headers.push(("content-type", t));
         }
-        for path in ["/api/unload", "/v1/chat/completions", "/api/nothing"] {
+        for path in [
+            "/api/unload",
+            "/api/count",
+            "/v1/chat/completions",
+            "/api/nothing",
+        ] {
             let reply = app.send(request("POST", path, &headers, "{}")).await;
             reply.assert_error(415, refused);
         }
@@ -427,6 +438,7 @@ async fn malformed_bodies() {
         "/api/unload",
         "/api/pull",
         "/api/encode",
+        "/api/count",
         "/v1/chat/completions",
     ] {
         app.api("POST", path, "{not json")
@@ -816,4 +828,57 @@ async fn chat_messages() {
             .await
             .assert_error(409, "No model is loaded.");
     }
+}
+
+#[tokio::test]
+async fn count_fields() {
+    let app = TestApp::shared();
+    let count = |body: Value| app.post("/api/count", body);
+    for messages in [Value::Null, json!("Hi"), json!(5)] {
+        count(json!({ "messages": messages }))
+            .await
+            .assert_error(400, "\"messages\" must be an array.");
+    }
+    count(json!({}))
+        .await
+        .assert_error(400, "\"messages\" must be an array.");
+    count(json!({"messages": []}))
+        .await
+        .assert_error(400, "\"messages\" must not be empty.");
+    count(json!({"messages": [{"content": "Hi"}]}))
+        .await
+        .assert_error(400, "Every message needs a \"role\" text.");
+    count(json!({"messages": [user(json!([{"type": "audio"}]))]}))
+        .await
+        .assert_error(400, "Unknown content part type.");
+    for (url, text) in BAD_DATA_URLS {
+        let part = json!({"type": "image_url", "image_url": {"url": url}});
+        count(json!({"messages": [user(json!([part]))]}))
+            .await
+            .assert_error(400, text);
+    }
+    // The reply's limit is checked first, in both spellings.
+    for limit in ["max_tokens", "max_completion_tokens"] {
+        count(json!({"messages": 5, limit: -1}))
+            .await
+            .assert_error(400, "\"max_tokens\" must be a non-negative integer.");
+    }
+    // Well-formed conversations, images included, wait for a model; the
+    // chat request's other fields are accepted and ignored.
+    let image = data_url(b"not really a picture");
+    for body in [
+        json!({"messages": [user(json!("Hi"))]}),
+        json!({"messages": [{"role": "system", "content": "Be brief."}, user(json!("Hi"))],
+               "max_tokens": 16, "temperature": "hot", "stream": 5}),
+        json!({"messages": [user(json!([
+            {"type": "text", "text": "What is this?"},
+            {"type": "image_url", "image_url": {"url": image}},
+        ]))]}),
+    ] {
+        count(body).await.assert_error(409, "No model is loaded.");
+    }
+    // Counting is a POST.
+    app.api("GET", "/api/count", "")
+        .await
+        .assert_error(405, "Method not allowed.");
 }

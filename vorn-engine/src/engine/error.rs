@@ -68,7 +68,9 @@ pub enum EngineError {
     /// The model's chat template refused or failed; the text says why.
     Template(String),
     MessageTooLong,
+    SystemMessageTooLong,
     EmptyConversation,
+    CountPanicked,
     BatchRefused(String),
     PromptEvaluationFailed(String),
     GenerationFailed(String),
@@ -142,7 +144,11 @@ impl fmt::Display for EngineError {
             E::ImageEvaluationFailed(code) => write!(f, "Image evaluation failed ({code})."),
             E::Template(why) => f.write_str(why),
             E::MessageTooLong => f.write_str("The message is too long for the model's context."),
+            E::SystemMessageTooLong => {
+                f.write_str("The system message is too long for the model's context.")
+            }
             E::EmptyConversation => f.write_str("The conversation is empty."),
+            E::CountPanicked => f.write_str("The engine failed while counting tokens."),
             E::BatchRefused(why) => write!(f, "batch error: {why}"),
             E::PromptEvaluationFailed(why) => write!(f, "Prompt evaluation failed: {why}"),
             E::GenerationFailed(why) => write!(f, "Generation failed: {why}"),

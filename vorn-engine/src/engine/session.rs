@@ -127,6 +127,11 @@ impl<'m> Session<'m> {
                         .unwrap_or(Err(EngineError::EncodingPanicked));
                     let _ = reply.send(result);
                 }
+                Command::Count(request, reply) => {
+                    let result = catch_unwind(AssertUnwindSafe(|| self.count(&request)))
+                        .unwrap_or(Err(EngineError::CountPanicked));
+                    let _ = reply.send(result);
+                }
             }
         }
     }

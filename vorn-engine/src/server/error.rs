@@ -112,6 +112,7 @@ impl ApiError {
                 | E::ImagesNotPrepared(_)
                 | E::NoProjector
                 | E::MessageTooLong
+                | E::SystemMessageTooLong
                 | E::EmptyConversation => S::BAD_REQUEST,
                 E::BackendFailed(_)
                 | E::ThreadStopped
@@ -134,7 +135,8 @@ impl ApiError {
                 | E::BatchRefused(_)
                 | E::PromptEvaluationFailed(_)
                 | E::GenerationFailed(_)
-                | E::GenerationPanicked => S::INTERNAL_SERVER_ERROR,
+                | E::GenerationPanicked
+                | E::CountPanicked => S::INTERNAL_SERVER_ERROR,
             },
             A::Download(error) => match error {
                 D::BadName | D::InvalidLink | D::NotHubLink => S::BAD_REQUEST,

@@ -108,8 +108,7 @@ fn context_size(name: &str, requested: Option<u64>, trained: Option<u64>) -> Res
         Some(requested) => {
             let limit = trained
                 .unwrap_or(MAX_CONTEXT)
-                .max(DEFAULT_CONTEXT)
-                .min(MAX_CONTEXT);
+                .clamp(DEFAULT_CONTEXT, MAX_CONTEXT);
             if requested > limit {
                 return Err(ApiError::ContextAboveLimit {
                     name: name.to_string(),

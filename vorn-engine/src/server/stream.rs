@@ -3,7 +3,7 @@
 //! `data: [DONE]`. The reply lives inside the stream, so a client that goes
 //! away drops it and stops the generation.
 
-use super::chat::{ReplyHead, UsageBody};
+use super::chat::{ContextBody, ReplyHead, UsageBody};
 use crate::engine::{EngineError, Event, FinishReason, Reply};
 use axum::response::sse::{self, Sse};
 use futures_util::stream::{self, Stream, StreamExt};
@@ -19,6 +19,8 @@ struct Chunk<'a> {
     choices: [ChunkChoice; 1],
     #[serde(skip_serializing_if = "Option::is_none")]
     usage: Option<UsageBody>,
+    #[serde(skip_serializing_if = "Option::is_none")]
+    context: Option<ContextBody>,
 }
 
 #[derive(Serialize)]
@@ -53,12 +55,18 @@ fn data(value: &impl Serialize) -> sse::Event {
 }
 
 impl ReplyHead {
-    fn chunk(
+    fn chunk(&self, delta: Delta, finish_reason: Option<FinishReason>) -> sse::Event {
+        self.last_chunk(delta, finish_reason, None)
+    }
+
+    /// A chunk, with the reply's figures when it is the last.
+    fn last_chunk(
         &self,
         delta: Delta,
         finish_reason: Option<FinishReason>,
-        usage: Option<UsageBody>,
+        figures: Option<(UsageBody, ContextBody)>,
     ) -> sse::Event {
+        let (usage, context) = figures.unzip();
         data(&Chunk {
             id: &self.id,
             object: "chat.completion.chunk",
@@ -70,6 +78,7 @@ impl ReplyHead {
                 finish_reason,
             }],
             usage,
+            context,
         })
     }
 }
@@ -99,7 +108,6 @@ pub(super) fn events(
             content: Some(String::new()),
         },
         None,
-        None,
     );
     let rest = stream::unfold(
         (Phase::Streaming(reply), head),
@@ -111,14 +119,16 @@ pub(super) fn events(
                             role: None,
                             content: Some(text),
                         };
-                        (head.chunk(delta, None, None), Phase::Streaming(reply))
+                        (head.chunk(delta, None), Phase::Streaming(reply))
                     }
                     Event::Done {
                         finish_reason,
                         usage,
+                        context,
                     } => {
+                        let figures = (usage.into(), context.into());
                         let last =
-                            head.chunk(Delta::default(), Some(finish_reason), Some(usage.into()));
+                            head.last_chunk(Delta::default(), Some(finish_reason), Some(figures));
                         (last, Phase::Finishing)
                     }
                     Event::Error(error) => (error_event(&error), Phase::Over),
