@@ -1,5 +1,5 @@
 //! A streamed reply as server-sent events: a first chunk with the role,
-//! one chunk per delta, a last chunk with the finish reason and usage, then
+//! one chunk per delta, a last chunk with the finish reason, usage and context, then
 //! `data: [DONE]`. The reply lives inside the stream, so a client that goes
 //! away drops it and stops the generation.
 
