@@ -17,22 +17,16 @@ import json
 import os
 import shutil
 import sys
-import tempfile
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.dirname(HERE))
-from engine_process import EngineProcess, default_binary  # noqa: E402
-
-
-def median(xs):
-    xs = sorted(xs)
-    return xs[len(xs) // 2]
+from engine_process import EngineProcess, default_binary, folder_with, median  # noqa: E402
 
 
 def conversation(turns, tag):
     """A system message, `turns` questions and answers, and a last question."""
-    messages = [{"role": "system", "content": "Conversation %s. You tell short, kind stories." % tag}]
+    messages = [{"role": "system", "content": "%s: you tell short, kind stories." % tag}]
     for turn in range(turns):
         messages.append({"role": "user", "content":
                          "Turn %d: what did the little cat find in the garden after the rain stopped?" % turn})
@@ -53,33 +47,33 @@ def count_bench(engine, model, args):
     engine.call("/api/load", {"name": model, "gpu": True, "ctx": args.ctx})
     results = {"count_ctx": args.ctx, "count_turns": args.turns}
     counts, prefills, tokens = [], [], None
-    for i in range(args.repeat):
+    for i in range(args.prefill_repeat):
         messages = conversation(args.turns, "%d-%d" % (i, time.time_ns()))
         body = {"messages": messages, "max_tokens": 1, "temperature": 0}
-        # Several counts of the same conversation: the first also decodes nothing
-        # more than the later ones, so all are kept.
         for _ in range(args.counts):
             seconds, counted = timed(lambda: engine.call("/api/count", body))
             counts.append(seconds)
         tokens = counted["tokens"]
         results["count_dropped_messages"] = counted["dropped_messages"]
-        # The same tokens evaluated: a reply on a cache that shares nothing but BOS.
+        # The same tokens evaluated: a reply on a cache that shares next to nothing.
         reply = engine.call("/v1/chat/completions", body)
         last = engine.state()["last"]
         if reply["usage"]["prompt_tokens"] != tokens:
             results["count_mismatch"] = [tokens, reply["usage"]["prompt_tokens"]]
-        prefills.append(last["evaluated_tokens"] / last["prefill_tps"] if last["prefill_tps"] else float("nan"))
+        # The engine's prefill rate over what it evaluated, for all of the counted tokens.
+        prefills.append(tokens / last["prefill_tps"] if last["prefill_tps"] else float("nan"))
         results["prefill_evaluated_tokens"] = last["evaluated_tokens"]
     results["count_prompt_tokens"] = tokens
     results["count_ms"] = median(counts) * 1000
     results["count_ms_runs"] = [round(c * 1000, 2) for c in counts]
     results["prefill_same_tokens_ms"] = median(prefills) * 1000
+    results["prefill_same_tokens_ms_runs"] = [round(p * 1000) for p in prefills]
     results["count_over_prefill"] = median(counts) / median(prefills)
 
     # The next turn after a count, against the next turn without one.
     followups = {"with_count": [], "without_count": []}
     evaluated = {"with_count": [], "without_count": []}
-    for i in range(args.repeat):
+    for i in range(args.followup_repeat):
         for kind in ("without_count", "with_count"):
             messages = conversation(args.followup_turns, "f%d-%s-%d" % (i, kind, time.time_ns()))
             body = {"messages": messages, "max_tokens": 8, "temperature": 0}
@@ -100,6 +94,19 @@ def count_bench(engine, model, args):
         median(followups["with_count"]) / median(followups["without_count"]))
     results["followup_evaluated_tokens_without_count"] = evaluated["without_count"]
     results["followup_evaluated_tokens_with_count"] = evaluated["with_count"]
+
+    # A context the conversation does not fit: counting then also renders and
+    # tokenizes each shorter version it tries.
+    engine.call("/api/load", {"name": model, "gpu": True, "ctx": args.cut_ctx})
+    body = {"messages": conversation(args.turns, "cut"), "max_tokens": 1}
+    cut = []
+    for _ in range(args.counts * args.prefill_repeat):
+        seconds, counted = timed(lambda: engine.call("/api/count", body))
+        cut.append(seconds)
+    results["count_cut_ctx"] = args.cut_ctx
+    results["count_cut_ms"] = median(cut) * 1000
+    results["count_cut_tokens"] = counted["tokens"]
+    results["count_cut_dropped_messages"] = counted["dropped_messages"]
     return results
 
 
@@ -146,10 +153,12 @@ def main():
     ap.add_argument("--model", required=True, help="a GGUF model whose trained context covers --kv-contexts")
     ap.add_argument("--ctx", type=int, default=8192, help="context for the counting part")
     ap.add_argument("--turns", type=int, default=30)
-    ap.add_argument("--followup-turns", type=int, default=10,
+    ap.add_argument("--followup-turns", type=int, default=6,
                     help="turns before the follow-up whose first-token time is compared")
-    ap.add_argument("--repeat", type=int, default=3)
-    ap.add_argument("--counts", type=int, default=5, help="counts per conversation")
+    ap.add_argument("--prefill-repeat", type=int, default=2, help="conversations counted and then answered")
+    ap.add_argument("--counts", type=int, default=7, help="counts per conversation")
+    ap.add_argument("--followup-repeat", type=int, default=2)
+    ap.add_argument("--cut-ctx", type=int, default=1024, help="a context the conversation does not fit")
     ap.add_argument("--base-ctx", type=int, default=256)
     ap.add_argument("--kv-contexts", default="2048,8192,32768")
     ap.add_argument("--kv-repeat", type=int, default=3)
@@ -159,9 +168,7 @@ def main():
     if not args.engine or not os.path.exists(args.engine):
         raise SystemExit("vorn-engine binary not found; build it or pass --engine")
 
-    tmp = tempfile.mkdtemp(prefix="vorn-bench-context-")
-    name = os.path.basename(args.model)
-    os.symlink(os.path.abspath(args.model), os.path.join(tmp, name))
+    tmp, name = folder_with(args.model, "vorn-bench-context-")
     results = {}
     try:
         if not args.skip_count:
@@ -177,10 +184,12 @@ def main():
 
     print(json.dumps(results))
     if "count_ms" in results:
-        print("count %.1f ms vs prefill %.0f ms of the same %d tokens (%.4fx); follow-up ttft with/without a "
-              "count %.2fx" % (results["count_ms"], results["prefill_same_tokens_ms"],
-                               results["count_prompt_tokens"], results["count_over_prefill"],
-                               results["followup_ttft_ratio_with_over_without_count"]), file=sys.stderr)
+        print("count %.1f ms vs prefill %.0f ms of the same %d tokens (%.5fx); follow-up ttft with/without a "
+              "count %.2fx; count with %d of %d messages left out to fit %d tokens: %.1f ms"
+              % (results["count_ms"], results["prefill_same_tokens_ms"], results["count_prompt_tokens"],
+                 results["count_over_prefill"], results["followup_ttft_ratio_with_over_without_count"],
+                 results["count_cut_dropped_messages"], 2 * args.turns + 1, args.cut_ctx,
+                 results["count_cut_ms"]), file=sys.stderr)
     for row in results.get("kv", []):
         print("ctx %d: KV estimate %.1f MB, measured growth %.1f MB (%.3fx)"
               % (row["ctx"], row["estimate_mb"], row["measured_mb"], row["measured_over_estimate"]), file=sys.stderr)

@@ -504,24 +504,7 @@ fn user_parts(parts: Value) -> Value {
 #[test]
 fn images_count_the_tokens_their_embeddings_take() {
     use base64::Engine as _;
-    let dir = temp_dir("count-vision");
-    common::gen::write_model(
-        &dir.join("tinygemma3.gguf"),
-        &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
-        &ModelShape {
-            arch: "gemma3",
-            n_embd: 128,
-            n_layer: 2,
-            n_head: 4,
-            n_ff: 256,
-            seed: 5,
-        },
-    );
-    std::os::unix::fs::symlink(
-        shared_models().join("mmproj/mmproj-tinygemma3.gguf"),
-        dir.join("mmproj-tinygemma3.gguf"),
-    )
-    .unwrap();
+    let dir = vision_dir("count-vision");
     let e = Engine::start(&dir);
     assert_eq!(load(&e, "tinygemma3.gguf", json!(2048)).status, 200);
     assert_eq!(e.state()["vision"], true);
