@@ -180,3 +180,46 @@ pub(super) async fn unload(
     app.engine.unload().await?;
     Ok(ok_reply())
 }
+
+#[cfg(test)]
+mod tests {
+    use super::*;
+
+    #[test]
+    fn context_sizes() {
+        let size = |requested, trained| context_size("m.gguf", requested, trained);
+        // Absent: the default, whatever the model.
+        assert_eq!(size(None, None), Ok(4096));
+        assert_eq!(size(None, Some(131_072)), Ok(4096));
+        // 0: the trained context, or the default when the header has none.
+        assert_eq!(size(Some(0), Some(2048)), Ok(2048));
+        assert_eq!(size(Some(0), None), Ok(4096));
+        assert_eq!(size(Some(0), Some(1 << 40)), Ok(u32::MAX));
+        // Up to the trained context, and up to the default on any model.
+        assert_eq!(size(Some(131_072), Some(131_072)), Ok(131_072));
+        assert_eq!(size(Some(4096), Some(2048)), Ok(4096));
+        assert_eq!(size(Some(100_000), None), Ok(100_000));
+        let above = |requested, limit, trained| {
+            Err(ApiError::ContextAboveLimit {
+                name: "m.gguf".into(),
+                requested,
+                limit,
+                trained,
+            })
+        };
+        assert_eq!(
+            size(Some(131_073), Some(131_072)),
+            above(131_073, 131_072, Some(131_072))
+        );
+        assert_eq!(size(Some(4097), Some(2048)), above(4097, 4096, Some(2048)));
+        assert_eq!(size(Some(1 << 32), None), above(1 << 32, MAX_CONTEXT, None));
+        assert_eq!(
+            size(Some(4097), Some(2048)).unwrap_err().to_string(),
+            "A context of 4097 tokens is more than m.gguf takes: at most 4096 tokens (it was trained with 2048)."
+        );
+        assert_eq!(
+            size(Some(1 << 32), None).unwrap_err().to_string(),
+            "A context of 4294967296 tokens is more than m.gguf takes: at most 4294967295 tokens."
+        );
+    }
+}
