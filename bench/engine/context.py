@@ -70,12 +70,16 @@ def count_bench(engine, model, args):
     results["prefill_same_tokens_ms_runs"] = [round(p * 1000) for p in prefills]
     results["count_over_prefill"] = median(counts) / median(prefills)
 
-    # The next turn after a count, against the next turn without one.
+    # The next turn after a count, against the same next turn without one: the same
+    # conversation each time, after an unrelated reply that leaves nothing of it in the
+    # cache, so both answer the same first turn and evaluate the same follow-up.
     followups = {"with_count": [], "without_count": []}
     evaluated = {"with_count": [], "without_count": []}
     for i in range(args.followup_repeat):
         for kind in ("without_count", "with_count"):
-            messages = conversation(args.followup_turns, "f%d-%s-%d" % (i, kind, time.time_ns()))
+            engine.call("/v1/chat/completions", {"messages": [{"role": "user", "content": "Unrelated %d." % i}],
+                                                 "max_tokens": 1})
+            messages = conversation(args.followup_turns, "followup %d" % i)
             body = {"messages": messages, "max_tokens": 8, "temperature": 0}
             reply = engine.call("/v1/chat/completions", body)
             messages += [{"role": "assistant", "content": reply["choices"][0]["message"]["content"]},
@@ -83,9 +87,9 @@ def count_bench(engine, model, args):
             if kind == "with_count":
                 # Another conversation counted in between, as a footer meter would.
                 engine.call("/api/count", {"messages": conversation(args.turns, "other")})
-            results["followup_prompt_tokens"] = engine.call("/api/count", dict(body, messages=messages))["tokens"]
             engine.call("/v1/chat/completions", dict(body, messages=messages))
             last = engine.state()["last"]
+            results["followup_prompt_tokens"] = last["prompt_tokens"]
             followups[kind].append(last["ttft_ms"])
             evaluated[kind].append(last["evaluated_tokens"])
     results["followup_ttft_ms_without_count"] = median(followups["without_count"])
@@ -153,11 +157,11 @@ def main():
     ap.add_argument("--model", required=True, help="a GGUF model whose trained context covers --kv-contexts")
     ap.add_argument("--ctx", type=int, default=8192, help="context for the counting part")
     ap.add_argument("--turns", type=int, default=30)
-    ap.add_argument("--followup-turns", type=int, default=6,
+    ap.add_argument("--followup-turns", type=int, default=4,
                     help="turns before the follow-up whose first-token time is compared")
     ap.add_argument("--prefill-repeat", type=int, default=2, help="conversations counted and then answered")
     ap.add_argument("--counts", type=int, default=7, help="counts per conversation")
-    ap.add_argument("--followup-repeat", type=int, default=2)
+    ap.add_argument("--followup-repeat", type=int, default=3)
     ap.add_argument("--cut-ctx", type=int, default=1024, help="a context the conversation does not fit")
     ap.add_argument("--base-ctx", type=int, default=256)
     ap.add_argument("--kv-contexts", default="2048,8192,32768")
