@@ -4,7 +4,7 @@
 
 mod common;
 
-use common::gen::HeaderValue::{Text, Uint};
+use common::gen::HeaderValue::{self, Text, Uint};
 use common::gen::{write_header, write_model_with_context, ModelShape};
 use common::*;
 use serde_json::{json, Value};
@@ -28,7 +28,8 @@ fn models_list_what_their_headers_state() {
         dir.join("mmproj.gguf"),
     )
     .unwrap();
-    let llama = |extra: &[(&'static str, common::gen::HeaderValue<'static>)]| {
+    // A 1B-shaped llama with 128K of trained context.
+    let llama = |extra: &[(&'static str, HeaderValue<'static>)]| {
         let mut keys = vec![
             ("general.architecture", Text("llama")),
             ("llama.context_length", Uint(131_072)),
@@ -37,15 +38,7 @@ fn models_list_what_their_headers_state() {
             ("llama.attention.head_count", Uint(32)),
             ("llama.attention.head_count_kv", Uint(8)),
         ];
-        for (key, value) in extra {
-            keys.push((
-                key,
-                match value {
-                    Text(t) => Text(t),
-                    Uint(n) => Uint(*n),
-                },
-            ));
-        }
+        keys.extend_from_slice(extra);
         keys
     };
     // Tensors: 8192 F32 elements (32,768 bytes) and 65,536 Q4_K ones (36,864 bytes).

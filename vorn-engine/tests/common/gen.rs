@@ -242,6 +242,7 @@ pub fn write_model_with_context(
 }
 
 /// A value in a header written by `write_header`.
+#[derive(Clone, Copy)]
 pub enum HeaderValue<'a> {
     Text(&'a str),
     Uint(u32),
