@@ -98,14 +98,14 @@ void AppDelegate::createWindow()
 void AppDelegate::createStatusItem()
 {
     m_status = new QSystemTrayIcon(statusIcon(), this);
-    m_status->setToolTip(QString::fromUtf8("Vorn \u00b7 local inference"));
+    m_status->setToolTip(QStringLiteral("Vorn \u00b7 local inference"));
 
     m_statusMenu = new QMenu();
     m_statusMenu->addAction(QStringLiteral("Open Vorn"), this, &AppDelegate::openWindow);
     m_statusMenu->addAction(QStringLiteral("New conversation"), this, &AppDelegate::newChat);
-    m_statusMenu->addAction(QString::fromUtf8("Model library\u2026"), this, &AppDelegate::openLibrary);
+    m_statusMenu->addAction(QStringLiteral("Model library\u2026"), this, &AppDelegate::openLibrary);
     m_statusMenu->addSeparator();
-    m_statusLine = m_statusMenu->addAction(QString::fromUtf8("Starting local engine\u2026"));
+    m_statusLine = m_statusMenu->addAction(QStringLiteral("Starting local engine\u2026"));
     m_statusLine->setEnabled(false);
     m_statusMenu->addSeparator();
     m_statusMenu->addAction(QStringLiteral("Quit Vorn"), this, &AppDelegate::quit);
@@ -124,7 +124,7 @@ void AppDelegate::updateStatus()
     if (m_statusLine)
         m_statusLine->setText(m_store->loadedName());
     if (m_status)
-        m_status->setToolTip(QString::fromUtf8("Vorn \u00b7 ") + m_store->activity());
+        m_status->setToolTip(QStringLiteral("Vorn \u00b7 ") + m_store->activity());
 }
 
 QString AppDelegate::versionText()

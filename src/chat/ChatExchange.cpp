@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr int chatTimeoutMilliseconds = 600 * 1000;
-
 QString refusedMessage()
 {
     return QStringLiteral("The model could not answer. Check its image support and available memory.");
@@ -46,7 +44,7 @@ void ChatExchange::begin()
     target.setPath(QStringLiteral("/v1/chat/completions"));
     QNetworkRequest request(target);
     request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
-    request.setTransferTimeout(chatTimeoutMilliseconds);
+    request.setTransferTimeout(m_store->m_chatTimeoutMilliseconds);
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
     const QJsonObject body{
         {QStringLiteral("messages"), m_messages},
@@ -96,15 +94,13 @@ void ChatExchange::replyFinished()
     if (m_ended)
         return;
     const auto error = m_networkReply->error();
-    if (error == QNetworkReply::OperationCanceledError) {
-        failCancelled();
-        return;
-    }
+    // Stopping detaches from the reply before aborting it, so a reply that ends as
+    // cancelled here was aborted by its transfer time-out.
+    const bool timedOut = error == QNetworkReply::OperationCanceledError || error == QNetworkReply::TimeoutError;
     const QVariant status = m_networkReply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    if (!status.isValid() || (error != QNetworkReply::NoError && error < QNetworkReply::ContentAccessDenied)) {
+    if (timedOut || !status.isValid() || (error != QNetworkReply::NoError && error < QNetworkReply::ContentAccessDenied)) {
         // Whatever arrived before the break has been applied already.
-        fail(error == QNetworkReply::TimeoutError ? QStringLiteral("The request timed out.")
-                                                  : m_networkReply->errorString());
+        fail(timedOut ? EngineFailure::timedOutMessage() : m_networkReply->errorString());
         return;
     }
     readAvailable();
@@ -156,7 +152,11 @@ void ChatExchange::detachReply()
     m_ended = true;
     if (m_networkReply) {
         m_networkReply->disconnect(this);
-        m_networkReply->abort();
+        // A refused reply fails on its own; aborting it as well would report a second
+        // error. Deleting it drops its connection all the same.
+        const QVariant status = m_networkReply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+        if (!status.isValid() || status.toInt() == 200)
+            m_networkReply->abort();
         m_networkReply->deleteLater();
     }
 }
@@ -179,8 +179,7 @@ void ChatExchange::fail(const QString &message)
 {
     detachReply();
     if (m_store) {
-        // A dead engine breaks the stream too; its own message says more than the socket's.
-        if (!isCancelled() && !m_store->engineStopped())
+        if (!isCancelled())
             m_store->setError(message);
         if (m_reply.isEmpty())
             m_store->updateAssistant(m_assistantID, isCancelled() ? QStringLiteral("Stopped.")

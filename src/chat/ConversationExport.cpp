@@ -17,9 +17,12 @@ void EngineStore::exportChat()
 {
     if (!m_fileChooser)
         return;
-    const std::optional<QString> path = m_fileChooser->chooseFileToSave(QStringLiteral("Vorn conversation.txt"));
+    std::optional<QString> path = m_fileChooser->chooseFileToSave(QStringLiteral("Vorn conversation.txt"));
     if (!path || path->isEmpty())
         return;
+    // The file is plain text: a name typed without an extension gets one.
+    if (QFileInfo(*path).suffix().isEmpty())
+        *path += QLatin1Char('.') + QString::fromUtf16(FileChooser::textExtension);
 
     // Written beside the target and moved over it at the end, so a failure leaves
     // no partial file and an existing file is replaced whole.

@@ -26,6 +26,37 @@ QString firstCharacters(const QString &text, int count)
 
 } // namespace
 
+// The send/stop control's rule; the first match wins.
+bool EngineStore::canSend() const
+{
+    if (m_generating)
+        return true;  // acts as Stop
+    if (m_loading || !hasLoadedModel())
+        return false;
+    // Spaces count as text here; send() itself trims them away.
+    if (m_prompt.isEmpty() && !m_attachment)
+        return false;
+    if (m_attachment && !vision())
+        return false;
+    return true;
+}
+
+void EngineStore::followCanSend()
+{
+    m_canSend = canSend();
+    const auto update = [this] {
+        const bool now = canSend();
+        if (now == m_canSend)
+            return;
+        m_canSend = now;
+        emit canSendChanged();
+    };
+    for (const auto changed : {&EngineStore::generatingChanged, &EngineStore::loadingChanged,
+                               &EngineStore::stateChanged, &EngineStore::promptChanged,
+                               &EngineStore::attachmentChanged})
+        connect(this, changed, this, update);
+}
+
 void EngineStore::send()
 {
     if (m_generating || m_loading || !hasLoadedModel())

@@ -19,6 +19,10 @@ QString readFailureMessage(const QString &path, const QString &reason)
 // By the file name's extension alone; the bytes are carried as they are.
 QString imageMimeType(const QString &path)
 {
+    // The shared MIME database files .heic under image/heif, the name of the wider
+    // format; a .heic file is image/heic.
+    if (QFileInfo(path).suffix().compare(QLatin1String("heic"), Qt::CaseInsensitive) == 0)
+        return QStringLiteral("image/heic");
     const QMimeType type = QMimeDatabase().mimeTypeForFile(path, QMimeDatabase::MatchExtension);
     if (!type.isValid() || type.isDefault())
         return QStringLiteral("image/jpeg");

@@ -61,9 +61,13 @@ QString MessageListModel::lastText() const
     return messages.isEmpty() ? QString() : messages.last().text;
 }
 
-void MessageListModel::selectionReplaced()
+void MessageListModel::beginSelectionChange()
 {
     beginResetModel();
+}
+
+void MessageListModel::finishSelectionChange()
+{
     endResetModel();
     emit countChanged();
     emit lastTextChanged();

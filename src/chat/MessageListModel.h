@@ -23,7 +23,9 @@ public:
     QString lastText() const;
 
     // Called by the store.
-    void selectionReplaced();
+    // Around a change of the selected conversation: the rows are replaced whole.
+    void beginSelectionChange();
+    void finishSelectionChange();
     void beginAppend(int index);
     void finishAppend();
     void messageTextChanged(int index);

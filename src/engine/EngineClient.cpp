@@ -12,7 +12,8 @@
 
 namespace {
 
-constexpr int requestTimeoutMilliseconds = 180 * 1000;
+// Set on a reply that its caller stopped, so its end is not taken for a time-out.
+constexpr char cancelledByCaller[] = "vornCancelledByCaller";
 
 QString genericEngineMessage()
 {
@@ -32,13 +33,16 @@ QString engineErrorMessage(const QByteArray &body)
 
 EngineFailure transportFailure(QNetworkReply *reply)
 {
-    if (reply->error() == QNetworkReply::OperationCanceledError)
-        return EngineFailure{EngineFailure::Kind::Cancelled, QStringLiteral("QNetworkReply"),
-                             reply->error(), QStringLiteral("cancelled")};
-    if (reply->error() == QNetworkReply::TimeoutError)
-        return EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("QNetworkReply"),
-                             reply->error(), QStringLiteral("The request timed out.")};
-    return EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("QNetworkReply"), reply->error(),
+    const auto error = reply->error();
+    // The transfer time-out aborts the reply, which then reads as cancelled; only a
+    // reply that its caller stopped was really cancelled.
+    if (error == QNetworkReply::OperationCanceledError && reply->property(cancelledByCaller).toBool())
+        return EngineFailure{EngineFailure::Kind::Cancelled, QStringLiteral("QNetworkReply"), error,
+                             QStringLiteral("cancelled")};
+    if (error == QNetworkReply::OperationCanceledError || error == QNetworkReply::TimeoutError)
+        return EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("QNetworkReply"), error,
+                             EngineFailure::timedOutMessage()};
+    return EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("QNetworkReply"), error,
                          reply->errorString()};
 }
 
@@ -59,7 +63,7 @@ QNetworkReply *EngineStore::request(const QString &path, const std::optional<QJs
     QUrl target = *m_baseURL;
     target.setPath(QLatin1Char('/') + path);
     QNetworkRequest networkRequest(target);
-    networkRequest.setTransferTimeout(requestTimeoutMilliseconds);
+    networkRequest.setTransferTimeout(m_requestTimeoutMilliseconds);
     // The engine never redirects; a redirect is answered as the error it is.
     networkRequest.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
     networkRequest.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
@@ -88,6 +92,14 @@ QNetworkReply *EngineStore::request(const QString &path, const std::optional<QJs
         done(EngineReply{{}, EngineFailure::vorn(1, engineErrorMessage(replyBody))});
     });
     return reply;
+}
+
+void EngineStore::cancelRequest(QNetworkReply *reply)
+{
+    if (!reply)
+        return;
+    reply->setProperty(cancelledByCaller, true);
+    reply->abort();
 }
 
 QNetworkReply *EngineStore::refresh(std::function<void(bool)> done)

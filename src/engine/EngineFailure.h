@@ -19,6 +19,10 @@ struct EngineFailure {
     {
         return EngineFailure{Kind::Engine, QStringLiteral("Vorn"), code, message};
     }
+
+    // What a request that got no answer in time says, whatever the network layer
+    // called it.
+    static QString timedOutMessage() { return QStringLiteral("The request timed out."); }
 };
 
 // What request() hands back: the body of a 2xx reply, or the failure.

@@ -28,8 +28,7 @@ void EnginePoller::begin()
 void EnginePoller::onCancel()
 {
     // Stop the status call in flight; a pause ends early so the task can see the cancel.
-    if (m_reply)
-        m_reply->abort();
+    EngineStore::cancelRequest(m_reply);
     if (m_pause->isActive()) {
         m_pause->stop();
         QTimer::singleShot(0, this, [this] {

@@ -62,9 +62,15 @@ void EngineStore::start()
 
 void EngineStore::handleProcessFinished(QProcess *process)
 {
+    // A reply streaming from the engine breaks with it and shows its own error; the
+    // notice waits for that, so the last word is the engine's end, which says more.
+    if (m_process && m_generationTask && !m_generationTask->isFinished()) {
+        connect(m_generationTask, &CancellableTask::finished, this,
+                [this, process] { handleProcessFinished(process); }, Qt::QueuedConnection);
+        return;
+    }
     setReady(false);
     if (m_process) {
-        m_engineStopped = true;
         setError(QStringLiteral("The local engine stopped (") + QString::number(process->exitCode())
                  + QStringLiteral("). Relaunch Vorn to reconnect."));
         setActivity(QStringLiteral("Engine stopped"));

@@ -42,6 +42,8 @@ EngineStore::EngineStore(QObject *parent)
         HistoryFile::keepUnreadableCopy(m_historyFile);
 
     m_selectedID = m_conversations.first().id;
+
+    followCanSend();
 }
 
 EngineStore::~EngineStore()
@@ -177,9 +179,11 @@ void EngineStore::setSelectedID(const std::optional<QUuid> &id)
     if (m_selectedID == id)
         return;
     const int previousIndex = selectedIndex();
+    // The message list announces its reset while it still shows the old conversation.
+    m_messageList->beginSelectionChange();
     m_selectedID = id;
+    m_messageList->finishSelectionChange();
     m_conversationList->selectionMoved(previousIndex, selectedIndex());
-    m_messageList->selectionReplaced();
     emit selectedIDChanged();
 }
 
@@ -332,4 +336,10 @@ QString EngineStore::engineLocation()
 void EngineStore::connectForTesting(const QUrl &baseURL)
 {
     m_baseURL = baseURL;
+}
+
+void EngineStore::setTimeoutsForTesting(int requestMilliseconds, int chatMilliseconds)
+{
+    m_requestTimeoutMilliseconds = requestMilliseconds;
+    m_chatTimeoutMilliseconds = chatMilliseconds;
 }

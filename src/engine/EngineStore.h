@@ -58,6 +58,9 @@ class EngineStore : public QObject {
     Q_PROPERTY(bool hasLoadedModel READ hasLoadedModel NOTIFY stateChanged)
     Q_PROPERTY(QString loadedName READ loadedName NOTIFY stateChanged)
     Q_PROPERTY(bool vision READ vision NOTIFY stateChanged)
+    // Whether the send/stop control acts: it stops while generating, and otherwise
+    // sends only what the engine can take.
+    Q_PROPERTY(bool canSend READ canSend NOTIFY canSendChanged)
     // Single members of the status, so rows and badges need not convert it whole.
     Q_PROPERTY(QString loadedFile READ loadedFile NOTIFY stateChanged)
     Q_PROPERTY(QString backend READ backend NOTIFY stateChanged)
@@ -122,6 +125,7 @@ public:
     QString loadedFile() const { return m_state ? m_state->loaded.value_or(QString()) : QString(); }
     QString backend() const { return m_state ? m_state->backend.value_or(QString()) : QString(); }
     QList<ChatMessage> messages() const;
+    bool canSend() const;
     // Index of the selected conversation in conversations(), or -1.
     int selectedIndex() const;
 
@@ -130,8 +134,6 @@ public:
     QString historyFile() const { return m_historyFile; }
     std::optional<QUrl> baseURL() const { return m_baseURL; }
     QProcess *process() const { return m_process; }
-    // The engine ended on its own (not through shutdown); its message is already shown.
-    bool engineStopped() const { return m_engineStopped; }
     CancellableTask *pollTask() const { return m_pollTask; }
     CancellableTask *generationTask() const { return m_generationTask; }
 
@@ -153,6 +155,9 @@ public:
                            std::function<void(const EngineReply &)> done);
     // Fetches and applies the engine status; done gets whether it was applied.
     QNetworkReply *refresh(std::function<void(bool)> done = {});
+    // Stops a call of request() on behalf of its caller: done then gets a cancellation,
+    // never the time-out that the network layer would report in the same way.
+    static void cancelRequest(QNetworkReply *reply);
 
     // --- chat --------------------------------------------------------------------
     Q_INVOKABLE void send();
@@ -176,6 +181,8 @@ public:
     static void setEngineLocationForTesting(const QString &path);
     // Tests talk to a stand-in server without launching a process.
     void connectForTesting(const QUrl &baseURL);
+    // Tests shorten the time a call or a chat reply may stall before it fails.
+    void setTimeoutsForTesting(int requestMilliseconds, int chatMilliseconds);
     static QString engineLocation();
 
 signals:
@@ -192,6 +199,7 @@ signals:
     void showLibraryChanged();
     void temperatureChanged();
     void tokenLimitChanged();
+    void canSendChanged();
 
 private:
     friend class EnginePoller;
@@ -203,12 +211,13 @@ private:
     void appendMessage(int conversationIndex, const ChatMessage &message);
     void setMessageText(int conversationIndex, int messageIndex, const QString &text);
 
+    void followCanSend();
     void handleProcessFinished(QProcess *process);
     void runStatusChange();
 
     std::optional<EngineState> m_state;
     bool m_ready = false;
-    QString m_activity = QString::fromUtf8("Starting local engine\u2026");
+    QString m_activity = QStringLiteral("Starting local engine\u2026");
     std::optional<QString> m_error;
     bool m_loading = false;
     bool m_generating = false;
@@ -219,12 +228,15 @@ private:
     bool m_showLibrary = false;
     double m_temperature = 0.7;
     int m_tokenLimit = 512;
+    bool m_canSend = false;
 
     QProcess *m_process = nullptr;
-    bool m_engineStopped = false;
     QPointer<CancellableTask> m_pollTask;
     QPointer<CancellableTask> m_generationTask;
     std::optional<QUrl> m_baseURL;
+    // How long a call may go without any bytes moving before it fails as timed out.
+    int m_requestTimeoutMilliseconds = 180 * 1000;
+    int m_chatTimeoutMilliseconds = 600 * 1000;
     QString m_directory;
     QString m_dataFolder;
     QString m_historyFile;

@@ -52,7 +52,7 @@ QString gpuBadge(Platform platform)
 
 QString sendHelp(Platform platform)
 {
-    return platform == Platform::Mac ? QString::fromUtf8("Send · \u2318 Return") : QString::fromUtf8("Send · Ctrl+Return");
+    return platform == Platform::Mac ? QStringLiteral("Send \u00b7 \u2318 Return") : QStringLiteral("Send \u00b7 Ctrl+Return");
 }
 
 QString historyFootnote(const QString &dataFolder, Platform platform)

@@ -10,20 +10,6 @@ Item {
     id: composer
     objectName: "composer"
 
-    // First matching rule wins: stop while generating; otherwise a loaded model, no load
-    // running, some prompt text or an image, and a vision model for an image.
-    readonly property bool sendEnabled: {
-        if (store.generating)
-            return true
-        if (store.loading || !store.hasLoadedModel)
-            return false
-        if (store.prompt.length === 0 && !store.hasAttachment)
-            return false
-        if (store.hasAttachment && !store.vision)
-            return false
-        return true
-    }
-
     function sendOrStop() {
         if (store.generating)
             store.stop()
@@ -36,7 +22,7 @@ Item {
     Shortcut {
         sequences: ["Ctrl+Return", "Ctrl+Enter"]
         context: Qt.WindowShortcut
-        enabled: composer.sendEnabled
+        enabled: store.canSend
         onActivated: composer.sendOrStop()
     }
 
@@ -149,8 +135,10 @@ Item {
                                 if (event.modifiers & Qt.ShiftModifier)
                                     return
                                 event.accepted = true
+                                // Return alone hands the prompt to send(), whose own rules
+                                // decide; Ctrl+Return is the send/stop control's shortcut.
                                 if (event.modifiers & Qt.ControlModifier) {
-                                    if (composer.sendEnabled)
+                                    if (store.canSend)
                                         composer.sendOrStop()
                                 } else {
                                     store.send()
@@ -172,9 +160,11 @@ Item {
                     Layout.alignment: Qt.AlignBottom
                     implicitWidth: 34
                     implicitHeight: 34
-                    enabled: composer.sendEnabled
+                    enabled: store.canSend
                     hoverEnabled: true
                     focusPolicy: Qt.NoFocus
+                    // Disabled, the arrow fades with its square.
+                    opacity: enabled ? 1 : 0.35
                     onClicked: composer.sendOrStop()
 
                     ToolTip.visible: hovered
@@ -184,7 +174,6 @@ Item {
                     background: Rectangle {
                         radius: 10
                         color: sendButton.pressed ? Qt.darker(Theme.accent, 1.15) : Theme.accent
-                        opacity: sendButton.enabled ? 1 : 0.35
                     }
                     contentItem: Icon {
                         objectName: "sendSymbol"

@@ -72,6 +72,8 @@ Item {
         x: Math.round((parent.width - width) / 2)
         y: Math.max(20, Math.round((parent.height - height) / 2))
         width: 730
+        // Never taller than the window; the model list gives way first.
+        height: Math.min(implicitHeight, parent.height - 40)
         padding: 0
 
         Overlay.modal: Rectangle {

@@ -23,7 +23,7 @@ QString DisplayText::oneDecimal(double value)
 
 QString DisplayText::throughput(double tokensPerSecond)
 {
-    return QString::fromUtf8("Last reply \u00b7 ") + oneDecimal(tokensPerSecond) + QStringLiteral(" tok/s");
+    return QStringLiteral("Last reply \u00b7 ") + oneDecimal(tokensPerSecond) + QStringLiteral(" tok/s");
 }
 
 QString DisplayText::tokenCount(double tokens)

@@ -29,6 +29,7 @@ Item {
         RowLayout {
             Layout.fillWidth: true
             ColumnLayout {
+                objectName: "libraryTitleBlock"
                 spacing: 6
                 Label {
                     text: "Model library"
@@ -48,7 +49,6 @@ Item {
             }
             PushButton {
                 objectName: "doneButton"
-                Layout.alignment: Qt.AlignTop
                 text: "Done"
                 onClicked: library.dismissed()
             }
@@ -78,6 +78,11 @@ Item {
             id: modelScroll
             objectName: "modelScroll"
             Layout.fillWidth: true
+            // 190 to 310 high; in a window too short for the whole sheet it takes what
+            // the other sections leave.
+            Layout.fillHeight: true
+            Layout.minimumHeight: 190
+            Layout.maximumHeight: 310
             Layout.preferredHeight: Math.max(190, Math.min(310, entries.implicitHeight))
             contentWidth: availableWidth
             clip: true
@@ -119,13 +124,14 @@ Item {
         }
 
         Rectangle {
+            objectName: "libraryDivider"
             Layout.fillWidth: true
             Layout.preferredHeight: 1
             color: Theme.divider
         }
 
         Label {
-            Layout.bottomMargin: -8
+            objectName: "downloadHeading"
             text: "Download a model"
             font.pixelSize: 13
             font.weight: Font.DemiBold
@@ -156,9 +162,11 @@ Item {
             spacing: 10
 
             Label {
+                objectName: "temperatureLabel"
                 text: "Temperature"
                 font.pixelSize: 12
                 color: Theme.primary
+                opacity: enabled ? 1 : Theme.disabledOpacity
             }
             Slider {
                 id: temperatureSlider
@@ -168,6 +176,7 @@ Item {
                 to: 1.3
                 stepSize: 0.1
                 snapMode: Slider.SnapAlways
+                opacity: enabled ? 1 : Theme.disabledOpacity
                 value: store.temperature
                 onMoved: store.temperature = Math.round(value * 10) / 10
             }
@@ -176,6 +185,7 @@ Item {
                 text: DisplayText.oneDecimal(store.temperature)
                 font.pixelSize: 12
                 color: Theme.primary
+                opacity: enabled ? 1 : Theme.disabledOpacity
             }
             Item {
                 Layout.fillWidth: true
@@ -185,11 +195,13 @@ Item {
                 Layout.fillWidth: false
                 spacing: 8
                 Label {
+                    objectName: "replyLimitLabel"
                     text: "Reply limit"
                     font.pixelSize: 12
                     color: Theme.primary
+                    opacity: enabled ? 1 : Theme.disabledOpacity
                 }
-                ComboBox {
+                ChoicePicker {
                     id: limitPicker
                     objectName: "replyLimitPicker"
                     Layout.fillWidth: true

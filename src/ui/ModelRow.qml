@@ -33,7 +33,7 @@ Rectangle {
             name: symbol
             size: 20
             color: Theme.accent
-            opacity: row.enabled ? 1 : 0.5
+            opacity: row.enabled ? 1 : Theme.disabledOpacity
         }
         ColumnLayout {
             Layout.fillWidth: true
@@ -48,13 +48,14 @@ Rectangle {
                 font.pixelSize: 12
                 font.weight: Font.Medium
                 color: Theme.primary
-                opacity: row.enabled ? 1 : 0.5
+                opacity: row.enabled ? 1 : Theme.disabledOpacity
             }
             Label {
                 objectName: "modelSize"
                 text: row.sizeLabel + (row.projector ? " · image projector" : "")
                 font.pixelSize: 11
                 color: Theme.secondary
+                opacity: row.enabled ? 1 : Theme.disabledOpacity
             }
         }
         PushButton {

@@ -115,8 +115,10 @@ Rectangle {
                 engineStore: store
                 search: searchField.text
             }
+            // Rows span the sidebar like the field and buttons above them; the scroll
+            // bar shows over their end only while the list is being scrolled.
             delegate: ConversationRow {
-                width: conversations.width - 8
+                width: conversations.width
             }
             ScrollBar.vertical: ScrollBar {
                 policy: ScrollBar.AsNeeded

@@ -30,5 +30,17 @@ QtObject {
     readonly property color gray: dark ? Qt.rgba(0.6, 0.62, 0.66, 1) : Qt.rgba(0.56, 0.56, 0.58, 1)
     readonly property color orange: dark ? "#ff9f0a" : "#f08c00"
 
+    // Bordered controls (buttons, pickers): their fill by state, and their border.
+    function controlFill(pressed, hovered) {
+        if (pressed)
+            return dark ? Qt.rgba(1, 1, 1, 0.16) : Qt.rgba(0, 0, 0, 0.09)
+        if (hovered)
+            return dark ? Qt.rgba(1, 1, 1, 0.12) : Qt.rgba(0, 0, 0, 0.06)
+        return dark ? Qt.rgba(1, 1, 1, 0.08) : system.base
+    }
+    readonly property color controlBorder: dark ? Qt.rgba(1, 1, 1, 0.1) : Qt.rgba(0, 0, 0, 0.14)
+    // How far a disabled control or label fades.
+    readonly property real disabledOpacity: 0.45
+
     readonly property string monospaceFamily: "DejaVu Sans Mono"
 }

@@ -96,6 +96,9 @@ private slots:
         QTest::newRow("jpeg") << QStringLiteral("photo.jpeg") << QStringLiteral("image/jpeg");
         QTest::newRow("tiff") << QStringLiteral("scan.tiff") << QStringLiteral("image/tiff");
         QTest::newRow("tif") << QStringLiteral("scan.tif") << QStringLiteral("image/tiff");
+        QTest::newRow("heic") << QStringLiteral("IMG_0001.heic") << QStringLiteral("image/heic");
+        QTest::newRow("upper-case heic") << QStringLiteral("IMG_0002.HEIC") << QStringLiteral("image/heic");
+        QTest::newRow("heif") << QStringLiteral("still.heif") << QStringLiteral("image/heif");
         QTest::newRow("unknown extension") << QStringLiteral("photo.vornunknown") << QStringLiteral("image/jpeg");
         QTest::newRow("no extension") << QStringLiteral("photo") << QStringLiteral("image/jpeg");
     }

@@ -12,11 +12,7 @@ class ChatExchangeTest : public QObject {
     Q_OBJECT
 
 private:
-    static QByteArray delta(const QString &content)
-    {
-        const QJsonObject event{{"choices", QJsonArray{QJsonObject{{"delta", QJsonObject{{"content", content}}}}}}};
-        return "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
-    }
+    static QByteArray delta(const QString &content) { return FakeResponse::delta(content); }
 
     static QByteArray roleOnly() { return R"(data: {"choices":[{"delta":{"role":"assistant"}}]})" "\n\n"; }
 
@@ -156,7 +152,7 @@ private slots:
         connect(store, engine);
         engine.route("POST", "/v1/chat/completions", FakeResponse::stream({"data: [DONE]\n"}));
         // A family emoji is several code points but one character.
-        const QString family = QString::fromUtf8("\U0001F468\u200D\U0001F469\u200D\U0001F467");
+        const QString family = QStringLiteral("\U0001F468\u200D\U0001F469\u200D\U0001F467");
         store.setPrompt(family.repeated(45));
         store.send();
         QCOMPARE(store.conversations().at(store.selectedIndex()).title, family.repeated(40));
@@ -308,9 +304,7 @@ private slots:
         FakeEngine engine;
         EngineStore store;
         connect(store, engine);
-        FakeResponse response;
-        response.neverAnswer = true;
-        engine.route("POST", "/v1/chat/completions", response);
+        engine.route("POST", "/v1/chat/completions", FakeResponse::silent());
         store.setPrompt(QStringLiteral("Hello"));
         store.send();
         QTRY_COMPARE(engine.countOf("/v1/chat/completions"), 1);
@@ -318,6 +312,38 @@ private slots:
         QVERIFY(!store.generating());
         QCOMPARE(lastText(store), QStringLiteral("Stopped."));
         QVERIFY(!store.error());
+    }
+
+    void aReplyThatNeverStartsTimesOutWithItsOwnMessage()
+    {
+        TestHome home;
+        FakeEngine engine;
+        EngineStore store;
+        connect(store, engine);
+        store.setTimeoutsForTesting(10000, 300);
+        engine.route("POST", "/v1/chat/completions", FakeResponse::silent());
+        store.setPrompt(QStringLiteral("Hello"));
+        store.send();
+        waitUntilIdle(store);
+        QCOMPARE(store.error().value_or(QString()), QStringLiteral("The request timed out."));
+        QCOMPARE(lastText(store), QStringLiteral("The request did not complete."));
+    }
+
+    void aReplyThatStallsKeepsItsTextAndSaysItTimedOut()
+    {
+        TestHome home;
+        FakeEngine engine;
+        EngineStore store;
+        connect(store, engine);
+        store.setTimeoutsForTesting(10000, 300);
+        FakeResponse stalling = FakeResponse::stream({delta("Half a")});
+        stalling.parts.append({60000, delta(" reply")});
+        engine.route("POST", "/v1/chat/completions", stalling);
+        store.setPrompt(QStringLiteral("Hello"));
+        store.send();
+        waitUntilIdle(store);
+        QCOMPARE(store.error().value_or(QString()), QStringLiteral("The request timed out."));
+        QCOMPARE(lastText(store), QStringLiteral("Half a"));
     }
 
     void stopRightAfterSend()
@@ -347,7 +373,10 @@ private slots:
         store.stop();
         QVERIFY(!store.generating());
         QCOMPARE(lastText(store), QStringLiteral("Once"));
-        QTest::qWait(800);
+        // The reply is dropped at once: the engine finds its connection closed when it
+        // comes to send the next piece, and nothing more reaches the message.
+        QTRY_VERIFY(!store.generationTask());
+        QTRY_COMPARE_WITH_TIMEOUT(engine.abandonedReplies(), 1, 3000);
         QCOMPARE(lastText(store), QStringLiteral("Once"));
         QVERIFY(!store.error());
     }
@@ -401,6 +430,59 @@ private slots:
         for (const Conversation &conversation : *saved) {
             if (conversation.id == first)
                 QCOMPARE(conversation.messages.last().text, left);
+        }
+    }
+
+    // The reply is written only into its own conversation: a new chat is refused while
+    // it streams, another conversation is never touched, and coming back catches up.
+    void aReplyOnlyEverLandsInItsOwnConversation()
+    {
+        TestHome home;
+        FakeEngine engine;
+        EngineStore store;
+        connect(store, engine);
+        QList<QByteArray> parts{delta("one")};
+        for (int index = 0; index < 8; ++index)
+            parts.append(delta(" more"));
+        parts.append("data: [DONE]\n");
+        engine.route("POST", "/v1/chat/completions", FakeResponse::stream(parts, 120));
+
+        // Another conversation with a reply of its own.
+        const QUuid other = *store.selectedID();
+        engine.route("POST", "/v1/chat/completions", FakeResponse::stream({delta("Other reply"), "data: [DONE]\n"}));
+        store.setPrompt(QStringLiteral("Other question"));
+        store.send();
+        waitUntilIdle(store);
+        engine.route("POST", "/v1/chat/completions", FakeResponse::stream(parts, 120));
+        store.newChat();
+        const QUuid own = *store.selectedID();
+        QCOMPARE(store.conversations().size(), 2);
+
+        store.setPrompt(QStringLiteral("Count"));
+        store.send();
+        QTRY_VERIFY_WITH_TIMEOUT(lastText(store).startsWith(QStringLiteral("one")), 5000);
+        store.newChat();
+        QCOMPARE(store.conversations().size(), 2);
+        QCOMPARE(*store.selectedID(), own);
+
+        // Away while a few more pieces arrive.
+        const int sentBefore = engine.partsSent();
+        store.setSelectedID(other);
+        QTRY_VERIFY_WITH_TIMEOUT(engine.partsSent() >= sentBefore + 2, 5000);
+        QVERIFY(store.generating());
+        QCOMPARE(store.messages().size(), 2);
+        QCOMPARE(lastText(store), QStringLiteral("Other reply"));
+        store.setSelectedID(own);
+        waitUntilIdle(store);
+        const QString whole = QStringLiteral("one") + QStringLiteral(" more").repeated(8);
+        QCOMPARE(lastText(store), whole);
+
+        const auto saved = HistoryFile::load(home.historyFile());
+        QVERIFY(saved);
+        QCOMPARE(saved->size(), 2);
+        for (const Conversation &conversation : *saved) {
+            QCOMPARE(conversation.messages.size(), 2);
+            QCOMPARE(conversation.messages.last().text, conversation.id == own ? whole : QStringLiteral("Other reply"));
         }
     }
 

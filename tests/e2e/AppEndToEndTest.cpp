@@ -4,6 +4,7 @@
 // is downloaded through the library from a local stand-in for the hub. Every step is
 // worked through the window and saved as a screenshot.
 #include "AppDelegate.h"
+#include "ListModelChecks.h"
 #include "LoopbackHub.h"
 #include "ScriptedFileChooser.h"
 #include "BuiltEngine.h"
@@ -14,7 +15,7 @@
 #include "engine/EngineStore.h"
 #include "model/ByteCountText.h"
 #include "model/HistoryFile.h"
-#include "model/PlatformWords.h"
+#include "PlatformText.h"
 
 #include <QAction>
 #include <QApplication>
@@ -52,14 +53,18 @@ class AppEndToEndTest : public QObject {
 
 private:
     std::shared_ptr<ScriptedFileChooser> m_chooser;
+    std::unique_ptr<StoreListModelChecks> m_checks;
 
     // Launches the app as main() does, with the scripted chooser in place of dialogs.
     std::unique_ptr<AppDelegate> launch(WindowDriver &driver)
     {
         auto shell = std::make_unique<AppDelegate>();
         shell->store().setFileChooser(m_chooser);
+        m_checks = std::make_unique<StoreListModelChecks>(shell->store());
         shell->launch();
         driver.setWindow(shell->window());
+        if (auto *filter = qobject_cast<QAbstractItemModel *>(driver.object(QStringLiteral("conversationFilter"))))
+            m_checks->addProxy(filter);
         if (shell->window())
             QTest::qWaitForWindowExposed(shell->window());
         return shell;
@@ -104,8 +109,8 @@ private slots:
 
             // The engine comes up by itself.
             QVERIFY(window.waitFor([&] { return store.ready(); }, engineStartMs));
-            QCOMPARE(store.activity(), PlatformWords::readyActivity());
-            QCOMPARE(WindowDriver::text(window.item(QStringLiteral("engineText"))), QStringLiteral("Private · local engine"));
+            QCOMPARE(store.activity(), PlatformText::readyActivity());
+            QCOMPARE(WindowDriver::text(window.item(QStringLiteral("engineText"))), QStringLiteral("Private \u00b7 local engine"));
             QCOMPARE(WindowDriver::text(window.item(QStringLiteral("headerTitle"))), QStringLiteral("No model loaded"));
             QVERIFY(store.process());
             firstEnginePid = store.process()->processId();
@@ -158,7 +163,7 @@ private slots:
             // The footer gives the last reply's speed and length.
             QVERIFY(window.waitFor([&] { return store.state() && store.state()->last.decode_tps > 0; }, 10000));
             const QString speed = WindowDriver::text(window.item(QStringLiteral("throughputLabel")));
-            QVERIFY2(QRegularExpression(QStringLiteral("^Last reply · \\d+\\.\\d tok/s$")).match(speed).hasMatch(), qPrintable(speed));
+            QVERIFY2(QRegularExpression(QStringLiteral("^Last reply \u00b7 \\d+\\.\\d tok/s$")).match(speed).hasMatch(), qPrintable(speed));
             QCOMPARE(WindowDriver::text(window.item(QStringLiteral("tokensLabel"))),
                      QStringLiteral(" %1 tokens").arg(static_cast<qint64>(store.state()->last.completion_tokens)));
             // The sidebar lists the conversation under its first words.

@@ -3,7 +3,7 @@
 #include "TestModels.h"
 #include "engine/EngineStore.h"
 #include "model/HistoryFile.h"
-#include "model/PlatformWords.h"
+#include "PlatformText.h"
 
 #include <QDir>
 #include <QFile>
@@ -33,7 +33,7 @@ private slots:
         store.start();
         QTRY_VERIFY_WITH_TIMEOUT(store.ready(), 15000);
         QVERIFY(!store.error());
-        QCOMPARE(store.activity(), PlatformWords::readyActivity());
+        QCOMPARE(store.activity(), PlatformText::readyActivity());
         QCOMPARE(store.state()->models.size(), 1);
         QCOMPARE(store.state()->models.first().name, QStringLiteral("stories260K.gguf"));
         QCOMPARE(store.state()->models.first().size, 1185376);

@@ -1,7 +1,7 @@
 #include "FakeEngine.h"
 #include "TestHome.h"
 #include "engine/EngineStore.h"
-#include "model/PlatformWords.h"
+#include "PlatformText.h"
 
 #include <QSignalSpy>
 #include <QTcpServer>
@@ -19,6 +19,14 @@ private:
         if (!QTest::qWaitFor([&] { return result.has_value(); }, 5000))
             return EngineReply{{}, EngineFailure{EngineFailure::Kind::Transport, "test", 0, "no answer"}};
         return *result;
+    }
+
+    // A store talking to an engine that takes every load and never answers it.
+    static void connectToASilentLoad(EngineStore &store, FakeEngine &engine)
+    {
+        QVERIFY(engine.listen());
+        engine.route("POST", "/api/load", FakeResponse::silent());
+        store.connectForTesting(engine.baseURL());
     }
 
     static bool refreshNow(EngineStore &store)
@@ -53,6 +61,36 @@ private slots:
             QCOMPARE(request.header("Content-Type"), QByteArray("application/json"));
             QCOMPARE(request.header("X-Vorn-App"), QByteArray("1"));
         }
+    }
+
+    void aCallThatGetsNoAnswerTimesOut()
+    {
+        TestHome home;
+        FakeEngine engine;
+        EngineStore store;
+        connectToASilentLoad(store, engine);
+        store.setTimeoutsForTesting(300, 10000);
+        const EngineReply reply = call(store, "api/load", QJsonObject{{"name", "m.gguf"}});
+        QVERIFY(!reply.ok());
+        QCOMPARE(reply.failure->kind, EngineFailure::Kind::Transport);
+        QCOMPARE(reply.failure->message, QStringLiteral("The request timed out."));
+    }
+
+    void aCallItsCallerStopsIsCancelled()
+    {
+        TestHome home;
+        FakeEngine engine;
+        EngineStore store;
+        connectToASilentLoad(store, engine);
+        std::optional<EngineReply> result;
+        QNetworkReply *reply = store.request("api/load", QJsonObject{{"name", "m.gguf"}},
+                                             [&](const EngineReply &answer) { result = answer; });
+        QVERIFY(reply);
+        QTRY_COMPARE(engine.countOf("/api/load"), 1);
+        EngineStore::cancelRequest(reply);
+        QTRY_VERIFY(result.has_value());
+        QVERIFY(!result->ok());
+        QCOMPARE(result->failure->kind, EngineFailure::Kind::Cancelled);
     }
 
     void successReturnsTheBody()
@@ -157,7 +195,7 @@ private slots:
         QVERIFY(refreshNow(store));
         QVERIFY(store.state());
         QVERIFY(store.ready());
-        QCOMPARE(store.activity(), PlatformWords::readyActivity());
+        QCOMPARE(store.activity(), PlatformText::readyActivity());
         QCOMPARE(notices, 1);
         QCOMPARE(*store.error(), QStringLiteral("earlier"));
 
@@ -219,12 +257,6 @@ private slots:
         store.setLoading(true);
         QVERIFY(refreshNow(store));
         QCOMPARE(store.activity(), QStringLiteral("Answering"));
-    }
-
-    void readyTextsForBothPlatforms()
-    {
-        QCOMPARE(PlatformWords::readyActivity(PlatformWords::Platform::Mac), QStringLiteral("Ready on this Mac"));
-        QCOMPARE(PlatformWords::readyActivity(PlatformWords::Platform::Other), QStringLiteral("Ready on this computer"));
     }
 };
 

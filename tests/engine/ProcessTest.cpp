@@ -5,6 +5,8 @@
 #include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QSignalSpy>
+#include <memory>
 #include <QtTest>
 
 // Launching, watching and stopping the engine, with small scripts standing in for it.
@@ -38,6 +40,21 @@ private:
         if (!file.open(QIODevice::ReadOnly))
             return {};
         return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    }
+
+    // Starts a stand-in engine process, with a fake engine on its port that reports a
+    // loaded model; empty when the store did not get ready with it.
+    static std::unique_ptr<FakeEngine> startWithALoadedModel(const TestHome &home, EngineStore &store)
+    {
+        writeEngine(home.path(), "exec sleep 30\n");
+        store.start();
+        auto engine = std::make_unique<FakeEngine>();
+        if (!store.baseURL() || !engine->listen(static_cast<quint16>(store.baseURL()->port())))
+            return {};
+        engine->setState(FakeEngine::stateJson(QStringLiteral("m.gguf")));
+        if (!QTest::qWaitFor([&] { return store.ready() && store.hasLoadedModel(); }, 5000))
+            return {};
+        return engine;
     }
 
     static int launchCount(const TestHome &home) { return static_cast<int>(launches(home).count(QStringLiteral("---"))); }
@@ -91,8 +108,9 @@ private slots:
         QProcess *first = store.process();
         store.start();
         QCOMPARE(store.process(), first);
-        QTest::qWait(300);
-        QCOMPARE(launchCount(home), 1);
+        // A launch is started before start() returns: one process object means one launch.
+        QCOMPARE(store.findChildren<QProcess *>().size(), 1);
+        QTRY_COMPARE(launchCount(home), 1);
         store.shutdown();
     }
 
@@ -108,7 +126,7 @@ private slots:
         QVERIFY(!store.baseURL());
         QCOMPARE(*store.error(), QStringLiteral("The bundled Vorn engine is missing. Please reinstall the app."));
         QCOMPARE(store.activity(), activity);
-        QTest::qWait(200);
+        QVERIFY(store.findChildren<QProcess *>().isEmpty());
         QCOMPARE(launchCount(home), 0);
     }
 
@@ -155,9 +173,11 @@ private slots:
         QVERIFY(!store.ready());
         QVERIFY(notices >= 1);
         // Not relaunched, and a second start does nothing while the dead process is kept.
-        QVERIFY(store.process());
+        QProcess *dead = store.process();
+        QVERIFY(dead);
         store.start();
-        QTest::qWait(300);
+        QCOMPARE(store.process(), dead);
+        QCOMPARE(store.findChildren<QProcess *>().size(), 1);
         QCOMPARE(launchCount(home), 1);
         store.shutdown();
     }
@@ -170,6 +190,60 @@ private slots:
         store.start();
         QTRY_VERIFY_WITH_TIMEOUT(store.error().has_value(), 5000);
         QCOMPARE(*store.error(), QStringLiteral("The local engine stopped (9). Relaunch Vorn to reconnect."));
+        store.shutdown();
+    }
+
+    // The engine's end has been reported and the user dismissed it: what fails later
+    // is shown all the same.
+    void aSendAfterTheEngineStoppedShowsItsError()
+    {
+        TestHome home;
+        EngineStore store;
+        std::unique_ptr<FakeEngine> engine = startWithALoadedModel(home, store);
+        QVERIFY(engine);
+        store.process()->kill();
+        QTRY_COMPARE_WITH_TIMEOUT(store.error().value_or(QString()),
+                                  QStringLiteral("The local engine stopped (9). Relaunch Vorn to reconnect."), 5000);
+        engine.reset();
+        store.clearError();
+
+        store.setPrompt(QStringLiteral("Still there?"));
+        store.send();
+        QVERIFY(store.generating());
+        QTRY_VERIFY_WITH_TIMEOUT(!store.generating(), 5000);
+        QVERIFY(store.error());
+        QVERIFY(!store.error()->isEmpty());
+        QVERIFY(!store.error()->startsWith(QStringLiteral("The local engine stopped")));
+        QCOMPARE(store.messages().last().text, QStringLiteral("The request did not complete."));
+        store.shutdown();
+    }
+
+    // A reply breaks when its engine dies; the engine's end is the message that stays.
+    void theEnginesEndOutlastsTheBrokenReply()
+    {
+        TestHome home;
+        EngineStore store;
+        std::unique_ptr<FakeEngine> engine = startWithALoadedModel(home, store);
+        QVERIFY(engine);
+        FakeResponse endless = FakeResponse::stream({FakeResponse::delta(QStringLiteral("Half"))});
+        endless.parts.append({60000, "data: [DONE]\n\n"});
+        engine->route("POST", "/v1/chat/completions", endless);
+        store.setPrompt(QStringLiteral("Tell me"));
+        store.send();
+        QTRY_COMPARE_WITH_TIMEOUT(store.messages().last().text, QStringLiteral("Half"), 5000);
+
+        // The process ends first; its connections break a moment later.
+        QSignalSpy finished(store.process(), &QProcess::finished);
+        store.process()->kill();
+        QVERIFY(finished.wait(5000));
+        QCoreApplication::processEvents();
+        engine.reset();
+        QTRY_VERIFY_WITH_TIMEOUT(!store.generating(), 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(!store.ready(), 5000);
+        QCOMPARE(store.error().value_or(QString()),
+                 QStringLiteral("The local engine stopped (9). Relaunch Vorn to reconnect."));
+        QCOMPARE(store.activity(), QStringLiteral("Engine stopped"));
+        QCOMPARE(store.messages().last().text, QStringLiteral("Half"));
         store.shutdown();
     }
 
@@ -196,11 +270,8 @@ private slots:
         QTRY_COMPARE(notices, noticesBefore + 1);
         QVERIFY(!store.error());
         QCOMPARE(store.activity(), activity);
-        // The poll task has ended: no more status calls.
-        QTest::qWait(100);
-        const int calls = engine.countOf("/api/state");
-        QTest::qWait(2500);
-        QCOMPARE(engine.countOf("/api/state"), calls);
+        // The poll task has ended, so no status call follows.
+        QTRY_VERIFY(!store.pollTask());
     }
 
     void shutdownSavesTheHistory()
@@ -223,7 +294,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(store.error().has_value(), 30000);
         QCOMPARE(*store.error(), QStringLiteral("The local engine did not respond. Relaunch Vorn to try again."));
         QVERIFY(!store.ready());
-        QCOMPARE(store.activity(), QString::fromUtf8("Starting local engine\u2026"));
+        QCOMPARE(store.activity(), QStringLiteral("Starting local engine\u2026"));
 
         FakeEngine engine;
         QVERIFY(engine.listen(port));

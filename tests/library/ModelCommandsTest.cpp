@@ -2,7 +2,7 @@
 #include "StoreFixture.h"
 #include "TestHome.h"
 #include "engine/EngineStore.h"
-#include "model/PlatformWords.h"
+#include "PlatformText.h"
 
 #include <QDesktopServices>
 #include <QSignalSpy>
@@ -112,7 +112,7 @@ private slots:
         Setup setup;
         setup.engine.route("POST", "/api/load", FakeResponse::json(200, "{}"));
         setup.store.load(QStringLiteral("Qwen 2.5 Q4_K_M.gguf"));
-        QCOMPARE(setup.store.activity(), QString::fromUtf8("Loading Qwen 2.5 Q4_K_M.gguf\u2026"));
+        QCOMPARE(setup.store.activity(), QStringLiteral("Loading Qwen 2.5 Q4_K_M.gguf\u2026"));
         QTRY_VERIFY(!setup.store.loading());
         QCOMPARE(setup.engine.requestsTo("/api/load").first().json().value("name").toString(),
                  QStringLiteral("Qwen 2.5 Q4_K_M.gguf"));
@@ -174,7 +174,7 @@ private slots:
         QCOMPARE(setup.engine.countOf("/api/state"), 0);
 
         roundTrip(setup.store);
-        QCOMPARE(setup.store.activity(), PlatformWords::readyActivity());
+        QCOMPARE(setup.store.activity(), PlatformText::readyActivity());
     }
 
     void refusedLoadWithoutMessageShowsGenericText()
@@ -206,6 +206,17 @@ private slots:
     }
 
     // --- unload -------------------------------------------------------------------
+
+    void aLoadThatGetsNoAnswerSaysItTimedOut()
+    {
+        Setup setup;
+        setup.store.setTimeoutsForTesting(300, 10000);
+        setup.engine.route("POST", "/api/load", FakeResponse::silent());
+        setup.store.load(QStringLiteral("m.gguf"));
+        QVERIFY(setup.store.loading());
+        QTRY_VERIFY_WITH_TIMEOUT(!setup.store.loading(), 5000);
+        QCOMPARE(setup.store.error().value_or(QString()), QStringLiteral("The request timed out."));
+    }
 
     void unloadBodyIsEmptyObject()
     {

@@ -22,6 +22,10 @@ private slots:
         QVERIFY(!uuidFromText("{" + id + "}"));
         QVERIFY(!uuidFromText(id.left(35)));
         QVERIFY(!uuidFromText(QString(id).replace(8, 1, "x")));
+        // Only ASCII hexadecimal digits count: not other digits or letters, and not
+        // characters beyond Latin-1's ASCII half.
+        for (const QChar other : {QChar(0x00E9), QChar(0x00AA), QChar(0xFF10), QChar(0x0661), QChar(0x0100 + 'a'), QChar('g')})
+            QVERIFY(!uuidFromText(QString(id).replace(0, 1, other)));
     }
 
     void messageWithoutImageWritesNoImageKey()
@@ -125,14 +129,16 @@ private slots:
         QFile raw(file);
         QVERIFY(raw.open(QIODevice::ReadOnly));
         const QByteArray bytes = raw.readAll();
-        QVERIFY(!bytes.contains('\n') || bytes.contains("Hi\\n\\nthere"));
+        // Compact: the only line breaks are the escaped ones inside the text.
+        QVERIFY(!bytes.contains('\n'));
+        QVERIFY(bytes.contains("\"text\":\"Hi\\n\\nthere\""));
         QVERIFY(bytes.startsWith("[{"));
         QCOMPARE(bytes.count("\"image\""), 1);
     }
 
     void awkwardTextsSurviveSaving()
     {
-        const QString awkward = QString::fromUtf8("quote \" backslash \\ lines\n\r\ttab \x01\x1f del\x7f \u00e9 \U0001F600 </script>");
+        const QString awkward = QStringLiteral("quote \" backslash \\ lines\n\r\ttab \x01\x1f del\x7f \u00e9 \U0001F600 </script>");
         Conversation conversation;
         conversation.title = awkward;
         conversation.messages.append(ChatMessage{QUuid::createUuid(), awkward, awkward, awkward});

@@ -44,7 +44,7 @@ private slots:
         EngineStore store;
         QVERIFY(!store.state());
         QVERIFY(!store.ready());
-        QCOMPARE(store.activity(), QString::fromUtf8("Starting local engine\u2026"));
+        QCOMPARE(store.activity(), QStringLiteral("Starting local engine\u2026"));
         QVERIFY(!store.error());
         QVERIFY(!store.loading());
         QVERIFY(!store.generating());
@@ -182,6 +182,52 @@ private slots:
         QCOMPARE(store.loadedName(), QStringLiteral("my-model"));
         store.setState(stateWithLoaded(QStringLiteral("a.gguf.b.gguf")));
         QCOMPARE(store.loadedName(), QStringLiteral("a.b"));
+    }
+
+    // The send/stop control's table, first matching row first.
+    void canSendFollowsTheTable()
+    {
+        TestHome home;
+        EngineStore store;
+        QSignalSpy changes(&store, &EngineStore::canSendChanged);
+        store.setPrompt(QStringLiteral("Hi"));
+        QVERIFY(!store.canSend());  // no status, so no model
+        store.setState(stateWithLoaded(QStringLiteral("m.gguf")));
+        QVERIFY(store.canSend());
+        QCOMPARE(changes.size(), 1);
+
+        store.setLoading(true);
+        QVERIFY(!store.canSend());
+        store.setGenerating(true);
+        QVERIFY(store.canSend());  // stop comes first
+        store.setGenerating(false);
+        store.setLoading(false);
+        QVERIFY(store.canSend());
+
+        store.setPrompt(QString());
+        QVERIFY(!store.canSend());
+        store.setPrompt(QStringLiteral("  "));
+        QVERIFY(store.canSend());  // spaces count as text here
+
+        // An image needs a model that can see.
+        store.setAttachment(QStringLiteral("data:image/png;base64,AA"));
+        QVERIFY(!store.canSend());
+        store.setPrompt(QString());
+        QVERIFY(!store.canSend());
+        EngineState seeing = stateWithLoaded(QStringLiteral("m.gguf"));
+        seeing.vision = true;
+        store.setState(seeing);
+        QVERIFY(store.canSend());
+        store.setState(std::nullopt);
+        QVERIFY(!store.canSend());
+        store.setState(seeing);
+        store.clearAttachment();
+        QVERIFY(!store.canSend());
+        store.setGenerating(true);
+        QVERIFY(store.canSend());
+
+        // Every change of the answer was announced, and only those.
+        QCOMPARE(changes.size(), 13);
     }
 
     void messagesEmptyForUnknownSelection()

@@ -1,5 +1,6 @@
 #include "FakeEngine.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QPointer>
 #include <QTcpServer>
@@ -35,6 +36,19 @@ FakeResponse FakeResponse::stream(const QList<QByteArray> &lines, int delayBetwe
     for (const QByteArray &line : lines)
         response.parts.append({delayBetweenMs, line});
     return response;
+}
+
+FakeResponse FakeResponse::silent()
+{
+    FakeResponse response;
+    response.neverAnswer = true;
+    return response;
+}
+
+QByteArray FakeResponse::delta(const QString &content)
+{
+    const QJsonObject event{{"choices", QJsonArray{QJsonObject{{"delta", QJsonObject{{"content", content}}}}}}};
+    return "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
 }
 
 FakeResponse FakeResponse::file(const QByteArray &contents, const RecordedRequest &request, int pieceSize, int delayMs)
@@ -228,8 +242,10 @@ void FakeEngine::sendResponse(QTcpSocket *socket, const FakeResponse &response)
     QPointer<QTcpSocket> guarded(socket);
     auto sendPart = std::make_shared<std::function<void(int)>>();
     *sendPart = [this, guarded, response, sendPart, rawParts](int index) {
-        if (!guarded)
+        if (!guarded) {
+            ++m_abandonedReplies;
             return;
+        }
         if (index >= response.parts.size()) {
             if (response.dropAfterParts) {
                 guarded->abort();
@@ -245,6 +261,7 @@ void FakeEngine::sendResponse(QTcpSocket *socket, const FakeResponse &response)
         else if (!data.isEmpty())
             guarded->write(QByteArray::number(data.size(), 16) + "\r\n" + data + "\r\n");
         guarded->flush();
+        ++m_partsSent;
         const int nextDelay = index + 1 < response.parts.size() ? response.parts.at(index + 1).first : 0;
         if (nextDelay > 0)
             QTimer::singleShot(nextDelay, this, [sendPart, index] { (*sendPart)(index + 1); });

@@ -40,6 +40,10 @@ struct FakeResponse {
 
     static FakeResponse json(int status, const QByteArray &body);
     static FakeResponse stream(const QList<QByteArray> &lines, int delayBetweenMs = 0);
+    // Takes the request and never says a word.
+    static FakeResponse silent();
+    // One streamed chat event whose delta carries this content.
+    static QByteArray delta(const QString &content);
     // A file served like a download host: honours "Range: bytes=N-", sends the body in
     // pieces of pieceSize bytes with delayMs between them.
     static FakeResponse file(const QByteArray &contents, const RecordedRequest &request, int pieceSize, int delayMs);
@@ -69,6 +73,10 @@ public:
     void clearRequests() { m_requests.clear(); }
     // Closes every open connection at once, as a crashed engine would.
     void dropAllConnections();
+    // Parts of streamed replies written so far, over all connections.
+    int partsSent() const { return m_partsSent; }
+    // Streamed replies whose client closed the connection before their last part.
+    int abandonedReplies() const { return m_abandonedReplies; }
 
     // A minimal valid status, with the given loaded model (empty: none) and vision flag.
     static QByteArray stateJson(const QString &loaded = {}, bool vision = false,
@@ -88,4 +96,6 @@ private:
     QHash<QByteArray, std::function<FakeResponse(const RecordedRequest &)>> m_routes;
     QList<RecordedRequest> m_requests;
     QHash<QTcpSocket *, QByteArray> m_buffers;
+    int m_partsSent = 0;
+    int m_abandonedReplies = 0;
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "FakeEngine.h"
+#include "ListModelChecks.h"
 #include "ScriptedFileChooser.h"
 #include "TestHome.h"
 #include "engine/EngineStore.h"
@@ -16,6 +17,7 @@ struct StoreFixture {
     TestHome home;
     FakeEngine engine;
     EngineStore store;
+    StoreListModelChecks checks{store};
     std::shared_ptr<ScriptedFileChooser> chooser = std::make_shared<ScriptedFileChooser>();
 
     explicit StoreFixture(const QByteArray &state = FakeEngine::stateJson())

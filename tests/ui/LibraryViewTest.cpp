@@ -1,7 +1,7 @@
 // The model library sheet.
 #include "ScriptedFileChooser.h"
 #include "ViewHarness.h"
-#include "model/PlatformWords.h"
+#include "PlatformText.h"
 
 #include <QApplication>
 #include <QSettings>
@@ -128,7 +128,7 @@ private slots:
         QQuickItem *projector = view.visibleItems("modelRow").at(2);
         QCOMPARE(child(projector, "modelIcon")->property("symbol").toString(), QStringLiteral("photo.stack"));
         QCOMPARE(child(view.visibleItems("modelRow").at(0), "modelIcon")->property("symbol").toString(), QStringLiteral("cube"));
-        QCOMPARE(ViewHarness::text(child(projector, "modelSize")), QString::fromUtf8("600 KB \u00b7 image projector"));
+        QCOMPARE(ViewHarness::text(child(projector, "modelSize")), QStringLiteral("600 KB \u00b7 image projector"));
         QVERIFY(!ViewHarness::shown(child(projector, "modelActionButton")));
     }
 
@@ -150,12 +150,7 @@ private slots:
     {
         ViewHarness view(FakeEngine::stateJson("alpha.gguf", false, threeModels()));
         QVERIFY(view.refresh());
-        FakeResponse endless;
-        endless.neverAnswer = true;
-        view.fake().route("POST", "/v1/chat/completions", endless);
-        view.store().setPrompt(QStringLiteral("Hi"));
-        view.store().send();
-        QVERIFY(view.waitFor([&] { return view.store().generating(); }));
+        QVERIFY(view.startEndlessReply());
         open(view);
         view.typeInto(view.item("downloadLinkField"), QStringLiteral("x"));
         for (QQuickItem *row : view.visibleItems("modelRow"))
@@ -184,6 +179,69 @@ private slots:
         QVERIFY(view.visibleItems("modelRow").first()->isEnabled());
     }
 
+    // The sheet's sections are 20 apart, and Done sits level with the title block.
+    void theSheetKeepsItsSpacing()
+    {
+        ViewHarness view;
+        open(view);
+        const QRectF title = ViewHarness::sceneRect(view.item("libraryTitleBlock"));
+        const QRectF done = ViewHarness::sceneRect(view.item("doneButton"));
+        QVERIFY2(qAbs(done.center().y() - title.center().y()) <= 0.5,
+                 qPrintable(QStringLiteral("%1 against %2").arg(done.center().y()).arg(title.center().y())));
+        const QRectF divider = ViewHarness::sceneRect(view.item("libraryDivider"));
+        const QRectF heading = ViewHarness::sceneRect(view.item("downloadHeading"));
+        const QRectF field = ViewHarness::sceneRect(view.item("downloadLinkField"));
+        QCOMPARE(heading.top() - divider.bottom(), 20.0);
+        QCOMPARE(field.top() - heading.bottom(), 20.0);
+    }
+
+    // The reply-limit picker is drawn rounded, as the buttons and fields beside it.
+    void theReplyLimitPickerIsRounded()
+    {
+        ViewHarness view;
+        open(view);
+        auto *picker = view.item("replyLimitPicker");
+        auto *background = picker->property("background").value<QQuickItem *>();
+        auto *doneBackground = view.item("doneButton")->property("background").value<QQuickItem *>();
+        QVERIFY(background && doneBackground);
+        QVERIFY(doneBackground->property("radius").toDouble() > 0);
+        QCOMPARE(background->property("radius").toDouble(), doneBackground->property("radius").toDouble());
+        QCOMPARE(background->property("border.color").value<QColor>(), doneBackground->property("border.color").value<QColor>());
+        QCOMPARE(picker->height(), view.item("doneButton")->height());
+    }
+
+    // Disabled rows and the disabled settings row dim every label they hold.
+    void disabledRowsDimTheirLabels()
+    {
+        ViewHarness view(FakeEngine::stateJson("alpha.gguf", false, threeModels()));
+        QVERIFY(view.refresh());
+        open(view);
+        const QStringList settingsLabels{"temperatureLabel", "temperatureSlider", "temperatureValue", "replyLimitLabel",
+                                         "replyLimitPicker"};
+        const QStringList rowLabels{"modelIcon", "modelName", "modelSize"};
+        for (const QString &name : settingsLabels)
+            QCOMPARE(ViewHarness::drawnOpacity(view.item(name)), 1.0);
+        for (const QString &name : rowLabels)
+            QCOMPARE(ViewHarness::drawnOpacity(child(view.visibleItems("modelRow").first(), name)), 1.0);
+
+        QVERIFY(view.startEndlessReply());
+        for (const QString &name : settingsLabels)
+            QVERIFY2(ViewHarness::drawnOpacity(view.item(name)) < 0.6, qPrintable(name));
+        for (QQuickItem *row : view.visibleItems("modelRow")) {
+            for (const QString &name : rowLabels)
+                QVERIFY2(ViewHarness::drawnOpacity(child(row, name)) < 0.6, qPrintable(name));
+        }
+        view.saveScreenshot(QStringLiteral("library-while-replying-light"));
+        view.click(view.item("doneButton"));
+        view.click(view.item("appearanceDark"));
+        open(view);
+        view.saveScreenshot(QStringLiteral("library-while-replying-dark"));
+        view.store().stop();
+        QVERIFY(view.waitFor([&] { return !view.store().generating(); }));
+        for (const QString &name : settingsLabels)
+            QCOMPARE(ViewHarness::drawnOpacity(view.item(name)), 1.0);
+    }
+
     void spacesEnableDownloadAndAreRefusedWithoutBeingCleared()
     {
         ViewHarness view;
@@ -191,7 +249,7 @@ private slots:
         open(view);
         QVERIFY(!view.item("downloadButton")->isEnabled());
         QCOMPARE(view.item("downloadLinkField")->property("placeholderText").toString(),
-                 QString::fromUtf8("https://huggingface.co/\u2026/model.gguf"));
+                 QStringLiteral("https://huggingface.co/\u2026/model.gguf"));
         view.typeInto(view.item("downloadLinkField"), QStringLiteral("   "));
         QVERIFY(view.item("downloadButton")->isEnabled());
         // Return in the field does nothing.
@@ -261,12 +319,18 @@ private slots:
     {
         ViewHarness view;
         open(view);
-        QCOMPARE(ViewHarness::text(view.item("libraryTagline")), PlatformWords::modelsStayLocal());
-        QCOMPARE(view.item("revealModelsButton")->property("text").toString(), PlatformWords::revealInFileBrowser());
-        const QString footnote = ViewHarness::text(view.item("libraryFootnote"));
-        QCOMPARE(footnote, PlatformWords::historyFootnote(view.store().dataFolder()));
-        QVERIFY(footnote.startsWith(QStringLiteral("Use a compatible GGUF model. For images, add its matching projector too.")));
-        QVERIFY(footnote.contains(QStringLiteral("~/")));
+        QCOMPARE(ViewHarness::text(view.item("libraryTagline")),
+                 PlatformText::expected(QStringLiteral("Your models stay on this Mac."),
+                                        QStringLiteral("Your models stay on this computer.")));
+        QCOMPARE(view.item("revealModelsButton")->property("text").toString(),
+                 PlatformText::expected(QStringLiteral("Show in Finder"), QStringLiteral("Show in File Manager"),
+                                        QStringLiteral("Show in Explorer")));
+        // The test home keeps the data in ~/.local/share (XDG_DATA_HOME), shown with ~.
+        QCOMPARE(ViewHarness::text(view.item("libraryFootnote")),
+                 QStringLiteral("Use a compatible GGUF model. For images, add its matching projector too. "
+                                "Chat history is stored locally in ")
+                     + PlatformText::expected(QStringLiteral("Application Support/Vorn."),
+                                              QStringLiteral("~/.local/share/Vorn.")));
     }
 
     void importButtonAsksForFiles()
@@ -379,6 +443,49 @@ private slots:
         open(full);
         QVERIFY(full.item("modelScroll")->height() <= 310);
         QVERIFY(ViewHarness::shown(indicator(full)));
+    }
+
+    // At the window's smallest size a long list scrolls inside the sheet, and the rest
+    // of the sheet stays in the window.
+    void theWholeSheetFitsTheSmallestWindow()
+    {
+        QByteArray many = "[";
+        for (int index = 0; index < 24; ++index)
+            many += (index ? "," : "") + ViewHarness::modelJson(QStringLiteral("model-%1.gguf").arg(index), 1'000'000);
+        many += "]";
+        const QByteArray downloads = "[" + ViewHarness::downloadJson("next.gguf", 300, 1000) + "]";
+        for (const char *appearance : {"light", "dark"}) {
+            ViewHarness::resetSettings();
+            QSettings().setValue("appearance", appearance);
+            ViewHarness view(FakeEngine::stateJson(QString(), false, many, downloads));
+            view.window()->resize(920, 660);
+            QVERIFY(view.waitFor([&] { return view.window()->height() == 660; }));
+            QVERIFY(view.refresh());
+            open(view);
+
+            const qreal windowHeight = view.window()->contentItem()->height();
+            QQuickItem *sheet = view.object("librarySheet")->property("contentItem").value<QQuickItem *>();
+            QVERIFY(sheet);
+            const qreal sheetTop = sheet->mapToScene({0, 0}).y();
+            QVERIFY2(sheetTop >= 20, qPrintable(QString::number(sheetTop)));
+            for (const char *name : {"doneButton", "settingsRow", "replyLimitPicker", "libraryFootnote", "downloadButton"}) {
+                QQuickItem *item = view.item(QLatin1String(name));
+                QVERIFY2(ViewHarness::shown(item), name);
+                const qreal bottom = item->mapToScene({0, item->height()}).y();
+                QVERIFY2(bottom <= windowHeight - 20, qPrintable(QStringLiteral("%1 ends at %2").arg(QLatin1String(name)).arg(bottom)));
+            }
+            // The footnote stays inside the sheet with its margin below.
+            QQuickItem *footnote = view.item("libraryFootnote");
+            QVERIFY(footnote->mapToScene({0, footnote->height()}).y() <= sheetTop + sheet->height() - 28 + 0.5);
+
+            // The list gave way, within its bounds, and scrolls to its last rows.
+            QQuickItem *list = view.item("modelScroll");
+            QVERIFY2(list->height() >= 190 && list->height() <= 310, qPrintable(QString::number(list->height())));
+            auto *flickable = list->property("contentItem").value<QQuickItem *>();
+            QVERIFY(flickable);
+            QVERIFY(flickable->property("contentHeight").toDouble() > list->height());
+            view.saveScreenshot(QStringLiteral("library-smallest-window-") + QLatin1String(appearance));
+        }
     }
 
     void emptyLibraryScreenshots()

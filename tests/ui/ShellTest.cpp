@@ -92,10 +92,10 @@ private slots:
         TestHome home;
         AppDelegate shell(true);
         shell.launch();
-        QCOMPARE(shell.statusItem()->toolTip(), QString::fromUtf8("Vorn \u00b7 local inference"));
+        QCOMPARE(shell.statusItem()->toolTip(), QStringLiteral("Vorn \u00b7 local inference"));
         QCOMPARE(menuTitles(shell.statusMenu()),
-                 (QStringList{"Open Vorn", "New conversation", QString::fromUtf8("Model library\u2026"), "-",
-                              QString::fromUtf8("Starting local engine\u2026"), "-", "Quit Vorn"}));
+                 (QStringList{"Open Vorn", "New conversation", QStringLiteral("Model library\u2026"), "-",
+                              QStringLiteral("Starting local engine\u2026"), "-", "Quit Vorn"}));
         QVERIFY(!shell.statusLine()->isEnabled());
         QVERIFY(!shell.statusItem()->icon().isNull());
         shell.store().shutdown();
@@ -109,20 +109,20 @@ private slots:
         fake.setState(FakeEngine::stateJson(QStringLiteral("llama.gguf-q4.gguf")));
         AppDelegate shell(true);
         shell.launch();
-        QCOMPARE(shell.statusLine()->text(), QString::fromUtf8("Starting local engine\u2026"));
+        QCOMPARE(shell.statusLine()->text(), QStringLiteral("Starting local engine\u2026"));
         shell.store().connectForTesting(fake.baseURL());
         bool done = false;
         shell.store().refresh([&](bool) { done = true; });
         QVERIFY(QTest::qWaitFor([&] { return done; }));
         QCOMPARE(shell.statusLine()->text(), QStringLiteral("llama-q4"));
-        QCOMPARE(shell.statusItem()->toolTip(), QString::fromUtf8("Vorn \u00b7 Model ready"));
+        QCOMPARE(shell.statusItem()->toolTip(), QStringLiteral("Vorn \u00b7 Model ready"));
 
         fake.setState(FakeEngine::stateJson());
         done = false;
         shell.store().refresh([&](bool) { done = true; });
         QVERIFY(QTest::qWaitFor([&] { return done; }));
         QCOMPARE(shell.statusLine()->text(), QStringLiteral("No model loaded"));
-        QCOMPARE(shell.statusItem()->toolTip(), QString::fromUtf8("Vorn \u00b7 Ready on this computer"));
+        QCOMPARE(shell.statusItem()->toolTip(), QStringLiteral("Vorn \u00b7 Ready on this computer"));
         shell.store().shutdown();
     }
 
@@ -176,7 +176,7 @@ private slots:
         shell.launch();
         shell.window()->close();
         QTRY_VERIFY(!shell.window()->isVisible());
-        menuAction(shell, QString::fromUtf8("Model library\u2026"))->trigger();
+        menuAction(shell, QStringLiteral("Model library\u2026"))->trigger();
         QVERIFY(shell.window()->isVisible());
         QVERIFY(shell.store().showLibrary());
         QObject *sheet = shell.window()->findChild<QObject *>(QStringLiteral("librarySheet"));

@@ -5,7 +5,7 @@
 mod common;
 
 use common::gen::HeaderValue::{self, Text, Uint};
-use common::gen::{write_header, write_model_with_context, ModelShape};
+use common::gen::{write_header, write_model_with, Extras, ModelShape};
 use common::*;
 use serde_json::{json, Value};
 
@@ -132,7 +132,7 @@ fn contexts_up_to_the_trained_one() {
     let dir = stories_dir("ctx");
     // A model that claims a billion-token context: 512 bytes of KV cache per
     // token make that 512 GiB, beyond any memory this runs on.
-    write_model_with_context(
+    write_model_with(
         &dir.join("huge-context.gguf"),
         &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
         &ModelShape {
@@ -143,7 +143,10 @@ fn contexts_up_to_the_trained_one() {
             n_ff: 128,
             seed: 3,
         },
-        1 << 30,
+        &Extras {
+            context_length: Some(1 << 30),
+            ..Extras::default()
+        },
     );
     let e = Engine::start(&dir);
     assert_eq!(

@@ -4,6 +4,7 @@
 use super::session::Session;
 use super::{ChatMessage, ContextUse, CountRequest, Counted, EngineError, Image};
 use crate::prompt::{common_prefix, common_suffix};
+use crate::template::reasoning::prompt_opens_reasoning;
 use crate::template::TemplateMessage;
 use llama_cpp_2::mtmd::{MtmdBitmap, MtmdInputChunks, MtmdInputText};
 use llama_cpp_2::token::LlamaToken;
@@ -65,6 +66,7 @@ impl Session<'_> {
             .template
             .render(&template_messages)
             .map_err(EngineError::Template)?;
+        self.prompt_opens_reasoning = prompt_opens_reasoning(&text);
         let images: Vec<&Image> = messages.iter().flat_map(|m| m.images.iter()).collect();
         self.tokenize_prompt(&text, &images)
     }
@@ -210,7 +212,12 @@ impl Session<'_> {
             return Err(EngineError::ImagesNotAccepted);
         }
         let reserve = reply_reserve(self.context_size, request.max_tokens);
-        let fitted = self.fit(&request.messages, reserve)?;
+        // Rendering notes whether the prompt opens a reasoning block, which
+        // only the reply that follows a render reads; a count leaves it be.
+        let opens_reasoning = self.prompt_opens_reasoning;
+        let fitted = self.fit(&request.messages, reserve);
+        self.prompt_opens_reasoning = opens_reasoning;
+        let fitted = fitted?;
         Ok(Counted {
             tokens: fitted.prompt.len(),
             context: ContextUse {

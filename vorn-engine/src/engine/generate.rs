@@ -3,11 +3,11 @@
 
 use super::conversation::reply_reserve;
 use super::prefill::{Key, PrefillError};
+use super::reply_text::ReplyText;
 use super::session::Session;
 use super::{ChatJob, ContextUse, EngineError, FinishReason, Sampling, Usage};
-use crate::prompt::{StopMatcher, StopOutcome};
 use crate::state::{lock, RunMetrics};
-use crate::utf8::Utf8Stream;
+use crate::template::reasoning::ReasoningSplitter;
 use llama_cpp_2::llama_batch::LlamaBatch;
 use llama_cpp_2::sampling::LlamaSampler;
 use std::sync::atomic::Ordering;
@@ -141,7 +141,11 @@ impl Session<'_> {
         let vocab = self.model.vocab();
         let mut stops = job.request.stop.clone();
         stops.extend(self.template.implicit_stops());
-        let mut text = ReplyText::new(stops);
+        let reasoning = self
+            .template
+            .marks_reasoning()
+            .then(|| ReasoningSplitter::new(self.prompt_opens_reasoning));
+        let mut text = ReplyText::new(stops, reasoning);
         let mut batch = LlamaBatch::new(1, 1);
         let mut tokens = 0i64;
         let mut finish_reason = FinishReason::Length;
@@ -158,32 +162,24 @@ impl Session<'_> {
                 break;
             }
             let token = sampler.sample(&self.ctx, -1);
-            if vocab.is_eog(token) {
+            if vocab.is_eog(token) || self.turn_ends.contains(&token) {
                 finish_reason = FinishReason::Stop;
                 break;
             }
             tokens += 1;
             piece.clear();
             vocab.token_to_piece_into(token, &mut piece, false, None);
-            match text.push(&piece) {
-                Some(StopOutcome::Emit(delta)) => {
-                    // Sending fails when the client has gone.
-                    let sent = delta.is_empty() || job.events.delta(delta);
-                    if !sent {
-                        finish_reason = FinishReason::Cancelled;
-                        break;
-                    }
-                }
-                Some(StopOutcome::Stopped(delta)) => {
-                    if !delta.is_empty() {
-                        job.events.delta(delta);
-                    }
-                    finish_reason = FinishReason::Stop;
-                    // The stop string stays out of the cache's record of
-                    // the reply; the next turn re-renders it anyway.
-                    break;
-                }
-                None => {}
+            let step = text.push(&piece);
+            // Sending fails when the client has gone.
+            if !step.pieces.into_iter().all(|p| job.events.piece(p)) {
+                finish_reason = FinishReason::Cancelled;
+                break;
+            }
+            if step.stopped {
+                finish_reason = FinishReason::Stop;
+                // The stop string stays out of the cache's record of the
+                // reply; the next turn re-renders it anyway.
+                break;
             }
             if tokens as usize >= max_tokens || position + 1 >= context_size {
                 // No need to evaluate a token we will never continue from.
@@ -204,9 +200,8 @@ impl Session<'_> {
             position += 1;
         }
         if finish_reason != FinishReason::Cancelled {
-            let tail = text.finish();
-            if !tail.is_empty() {
-                job.events.delta(tail);
+            for piece in text.finish() {
+                job.events.piece(piece);
             }
         }
         Some(Decoded {
@@ -219,91 +214,8 @@ impl Session<'_> {
 
 /// A reply as generated.
 struct Decoded {
-    /// Everything sent, stop strings left out.
+    /// The answer as sent, without reasoning and stop strings.
     text: String,
     tokens: i64,
     finish_reason: FinishReason,
-}
-
-/// Token bytes into the text the client sees: whole characters only, cut
-/// before a stop string, and what was sent kept as the reply.
-struct ReplyText {
-    utf8: Utf8Stream,
-    stops: StopMatcher,
-    text: String,
-}
-
-impl ReplyText {
-    fn new(stops: Vec<String>) -> Self {
-        ReplyText {
-            utf8: Utf8Stream::default(),
-            stops: StopMatcher::new(stops),
-            text: String::new(),
-        }
-    }
-
-    /// Adds a token's bytes; None while they complete no character.
-    fn push(&mut self, bytes: &[u8]) -> Option<StopOutcome> {
-        let text = self.utf8.push(bytes);
-        if text.is_empty() {
-            return None;
-        }
-        let outcome = self.stops.push(&text);
-        match &outcome {
-            StopOutcome::Emit(t) | StopOutcome::Stopped(t) => self.text.push_str(t),
-        }
-        Some(outcome)
-    }
-
-    /// What was held back, at the end of a reply that was not cancelled.
-    fn finish(&mut self) -> String {
-        let rest = self.utf8.finish();
-        let mut tail = String::new();
-        if !rest.is_empty() {
-            match self.stops.push(&rest) {
-                StopOutcome::Emit(t) | StopOutcome::Stopped(t) => tail.push_str(&t),
-            }
-        }
-        tail.push_str(&self.stops.finish());
-        self.text.push_str(&tail);
-        tail
-    }
-
-    fn into_text(self) -> String {
-        self.text
-    }
-}
-
-#[cfg(test)]
-mod tests {
-    use super::*;
-
-    fn emitted(outcome: Option<StopOutcome>) -> Option<String> {
-        match outcome {
-            Some(StopOutcome::Emit(text)) => Some(text),
-            _ => None,
-        }
-    }
-
-    #[test]
-    fn reply_text_holds_back_partial_characters_and_stop_strings() {
-        let mut text = ReplyText::new(vec!["END".into()]);
-        let euro = "€".as_bytes();
-        assert!(text.push(&euro[..2]).is_none());
-        assert_eq!(emitted(text.push(&euro[2..])).as_deref(), Some("€"));
-        assert_eq!(emitted(text.push(b"a E")).as_deref(), Some("a "));
-        match text.push(b"ND b") {
-            Some(StopOutcome::Stopped(before)) => assert_eq!(before, ""),
-            _ => panic!("the stop string was not found"),
-        }
-        assert_eq!(text.into_text(), "€a ");
-    }
-
-    #[test]
-    fn finishing_sends_what_was_held_back() {
-        let mut text = ReplyText::new(vec!["END".into()]);
-        assert_eq!(emitted(text.push(b"x EN")).as_deref(), Some("x "));
-        assert_eq!(text.finish(), "EN");
-        assert_eq!(text.into_text(), "x EN");
-    }
 }

@@ -8,6 +8,8 @@
 //! - `conversation`: messages to prompt tokens that fit the context
 //! - `prefill`: evaluating a prompt after what the KV cache already holds
 //! - `generate`: sampling a reply
+//! - `reply_text`: a reply's bytes into text, stop strings, reasoning
+//! - `turn_end`: the tokens that end the model's turn
 //! - `vision`: images, the encoder output cache and early encoding
 //! - `probe`: the child process that tries a file before the engine loads it
 //! - `threads`: how many CPU threads a model gets
@@ -23,8 +25,10 @@ mod lru;
 mod memory;
 mod prefill;
 mod probe;
+mod reply_text;
 mod session;
 mod threads;
+mod turn_end;
 mod vision;
 mod worker;
 
@@ -32,6 +36,7 @@ pub use error::EngineError;
 pub use probe::{probe_main, PROBE_FLAG};
 
 use crate::state::Shared;
+use crate::template::reasoning::Piece;
 use serde::Serialize;
 use std::path::PathBuf;
 use std::sync::atomic::{AtomicBool, Ordering};
@@ -143,7 +148,10 @@ pub struct Counted {
 /// What a reply brings after it started: deltas, then Done or Error.
 #[derive(Debug)]
 pub enum Event {
+    /// Answer text.
     Delta(String),
+    /// Reasoning text, before the answer (models whose template marks it).
+    Reasoning(String),
     Done {
         finish_reason: FinishReason,
         usage: Usage,
@@ -169,8 +177,13 @@ impl ReplySender {
         self.0.send(Signal::Started).is_ok()
     }
 
-    fn delta(&self, text: String) -> bool {
-        self.0.send(Signal::Event(Event::Delta(text))).is_ok()
+    /// Sends answer or reasoning text.
+    fn piece(&self, piece: Piece) -> bool {
+        let event = match piece {
+            Piece::Content(text) => Event::Delta(text),
+            Piece::Reasoning(text) => Event::Reasoning(text),
+        };
+        self.0.send(Signal::Event(event)).is_ok()
     }
 
     fn done(&self, finish_reason: FinishReason, usage: Usage, context: ContextUse) {

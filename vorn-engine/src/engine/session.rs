@@ -3,7 +3,7 @@
 
 use super::lru::LruCache;
 use super::prefill::Key;
-use super::{threads, vision, ChatMessage, Command, EngineError, LoadRequest};
+use super::{threads, turn_end, vision, ChatMessage, Command, EngineError, LoadRequest};
 use crate::state::{lock, Shared};
 use crate::template::ChatTemplate;
 use llama_cpp_2::context::params::LlamaContextParams;
@@ -30,6 +30,10 @@ pub(super) struct Session<'m> {
     pub(super) context_size: u32,
     pub(super) batch_size: u32,
     pub(super) template: ChatTemplate,
+    /// Tokens that end the model's turn besides llama.cpp's own set.
+    pub(super) turn_ends: Vec<LlamaToken>,
+    /// The last prompt built left the reply inside a reasoning section.
+    pub(super) prompt_opens_reasoning: bool,
     /// What the KV cache holds for sequence 0, one key per position.
     pub(super) cached: Vec<Key>,
     /// First message kept when the conversation last overflowed the context,
@@ -80,6 +84,8 @@ impl<'m> Session<'m> {
             .as_ref()
             .map(|p| p.decode_use_mrope())
             .unwrap_or(false);
+        let template = chat_template(model);
+        let turn_ends = turn_end::tokens(model, &template);
         let session = Session {
             shared: shared.clone(),
             model,
@@ -87,7 +93,9 @@ impl<'m> Session<'m> {
             ctx,
             context_size,
             batch_size,
-            template: chat_template(model),
+            template,
+            turn_ends,
+            prompt_opens_reasoning: false,
             cached: Vec::new(),
             cut_anchor: None,
             bitmaps: LruCache::new(DECODED_IMAGES),

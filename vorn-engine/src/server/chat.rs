@@ -198,14 +198,19 @@ struct CompletionChoice {
 struct AssistantMessage {
     role: &'static str,
     content: String,
+    /// The reasoning before the answer, for models that write one.
+    #[serde(skip_serializing_if = "Option::is_none")]
+    reasoning_content: Option<String>,
 }
 
 /// Waits for the whole reply.
 async fn whole_reply(mut reply: Reply, head: ReplyHead) -> Result<Completion, ApiError> {
     let mut text = String::new();
+    let mut reasoning = String::new();
     loop {
         match reply.next().await {
             Some(Event::Delta(delta)) => text.push_str(&delta),
+            Some(Event::Reasoning(delta)) => reasoning.push_str(&delta),
             Some(Event::Done {
                 finish_reason,
                 usage,
@@ -221,6 +226,7 @@ async fn whole_reply(mut reply: Reply, head: ReplyHead) -> Result<Completion, Ap
                         message: AssistantMessage {
                             role: "assistant",
                             content: text,
+                            reasoning_content: (!reasoning.is_empty()).then_some(reasoning),
                         },
                         finish_reason,
                     }],

@@ -1,7 +1,8 @@
 //! A streamed reply as server-sent events: a first chunk with the role,
-//! one chunk per delta, a last chunk with the finish reason, usage and context, then
-//! `data: [DONE]`. The reply lives inside the stream, so a client that goes
-//! away drops it and stops the generation.
+//! one chunk per delta (`content`, or `reasoning_content` for the reasoning
+//! of models that write one), a last chunk with the finish reason, usage
+//! and context, then `data: [DONE]`. The reply lives inside the stream, so
+//! a client that goes away drops it and stops the generation.
 
 use super::chat::{ContextBody, ReplyHead, UsageBody};
 use crate::engine::{EngineError, Event, FinishReason, Reply};
@@ -36,6 +37,8 @@ struct Delta {
     role: Option<&'static str>,
     #[serde(skip_serializing_if = "Option::is_none")]
     content: Option<String>,
+    #[serde(skip_serializing_if = "Option::is_none")]
+    reasoning_content: Option<String>,
 }
 
 #[derive(Serialize)]
@@ -106,6 +109,7 @@ pub(super) fn events(
         Delta {
             role: Some("assistant"),
             content: Some(String::new()),
+            reasoning_content: None,
         },
         None,
     );
@@ -116,8 +120,15 @@ pub(super) fn events(
                 Phase::Streaming(mut reply) => match reply.next().await? {
                     Event::Delta(text) => {
                         let delta = Delta {
-                            role: None,
                             content: Some(text),
+                            ..Delta::default()
+                        };
+                        (head.chunk(delta, None), Phase::Streaming(reply))
+                    }
+                    Event::Reasoning(text) => {
+                        let delta = Delta {
+                            reasoning_content: Some(text),
+                            ..Delta::default()
                         };
                         (head.chunk(delta, None), Phase::Streaming(reply))
                     }
