@@ -60,24 +60,7 @@ fn model_with_its_own_chat_template() {
 
 #[test]
 fn image_chat_with_projector() {
-    let dir = temp_dir("vision");
-    write_model(
-        &dir.join("tinygemma3.gguf"),
-        &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
-        &ModelShape {
-            arch: "gemma3",
-            n_embd: 128,
-            n_layer: 2,
-            n_head: 4,
-            n_ff: 256,
-            seed: 5,
-        },
-    );
-    std::os::unix::fs::symlink(
-        shared_models().join("mmproj/mmproj-tinygemma3.gguf"),
-        dir.join("mmproj-tinygemma3.gguf"),
-    )
-    .unwrap();
+    let dir = vision_dir("vision");
     std::os::unix::fs::symlink(
         shared_models().join("stories260K.gguf"),
         dir.join("stories260K.gguf"),

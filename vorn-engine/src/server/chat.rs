@@ -2,11 +2,12 @@
 
 use super::error::ApiError;
 use super::json::{Field, JsonBody, TextOr};
-use super::messages::{conversation, MessagesField};
+use super::messages::{for_loaded_model, MessagesField};
 use super::stream;
 use super::App;
-use crate::engine::{ChatRequest, EngineError, Event, FinishReason, Reply, Sampling, Usage};
-use crate::state::lock;
+use crate::engine::{
+    ChatRequest, ContextUse, EngineError, Event, FinishReason, Reply, Sampling, Usage,
+};
 use axum::extract::State;
 use axum::response::{IntoResponse, Response};
 use axum::Json;
@@ -71,14 +72,7 @@ impl ChatBody {
             Some(seed) => seed as u32,
             None => random_seed(),
         };
-        // A max_tokens that is given, even as null, hides the other spelling.
-        let max_tokens = match max_tokens {
-            Field::Absent => max_completion_tokens,
-            given => given,
-        };
-        let max_tokens = max_tokens
-            .optional(ApiError::NotCount("max_tokens"))?
-            .map(|m| m.min(u32::MAX as u64) as u32);
+        let max_tokens = reply_limit(max_tokens, max_completion_tokens)?;
         let stop = match stop.optional(ApiError::BadStop)? {
             None => Vec::new(),
             Some(TextOr::Text(text)) => vec![text],
@@ -100,20 +94,27 @@ impl ChatBody {
     }
 }
 
+/// The reply's token limit from either spelling: a `max_tokens` that is
+/// given, even as null, hides `max_completion_tokens`.
+pub(super) fn reply_limit(
+    max_tokens: Field<u64>,
+    max_completion_tokens: Field<u64>,
+) -> Result<Option<u32>, ApiError> {
+    let max_tokens = match max_tokens {
+        Field::Absent => max_completion_tokens,
+        given => given,
+    };
+    Ok(max_tokens
+        .optional(ApiError::NotCount("max_tokens"))?
+        .map(|m| m.min(u32::MAX as u64) as u32))
+}
+
 pub(super) async fn chat(
     State(app): State<App>,
     JsonBody(body): JsonBody<ChatBody>,
 ) -> Result<Response, ApiError> {
     let (settings, messages) = body.check()?;
-    let messages = tokio::task::spawn_blocking(move || conversation(messages))
-        .await
-        .map_err(|_| ApiError::Internal("parse failed"))??;
-    let Some(loaded) = lock(&app.shared.loaded).clone() else {
-        return Err(EngineError::NoModelLoaded.into());
-    };
-    if !loaded.vision && messages.iter().any(|m| !m.images.is_empty()) {
-        return Err(EngineError::ImagesNotAccepted.into());
-    }
+    let (messages, loaded) = for_loaded_model(&app, messages).await?;
     let reply = app
         .engine
         .chat(ChatRequest {
@@ -159,6 +160,22 @@ impl From<Usage> for UsageBody {
     }
 }
 
+/// How the conversation sat in the context.
+#[derive(Serialize)]
+pub(super) struct ContextBody {
+    size: u32,
+    dropped_messages: usize,
+}
+
+impl From<ContextUse> for ContextBody {
+    fn from(context: ContextUse) -> Self {
+        ContextBody {
+            size: context.size,
+            dropped_messages: context.dropped_messages,
+        }
+    }
+}
+
 #[derive(Serialize)]
 struct Completion {
     id: String,
@@ -167,6 +184,7 @@ struct Completion {
     model: String,
     choices: [CompletionChoice; 1],
     usage: UsageBody,
+    context: ContextBody,
 }
 
 #[derive(Serialize)]
@@ -196,6 +214,7 @@ async fn whole_reply(mut reply: Reply, head: ReplyHead) -> Result<Completion, Ap
             Some(Event::Done {
                 finish_reason,
                 usage,
+                context,
             }) => {
                 return Ok(Completion {
                     id: head.id,
@@ -212,6 +231,7 @@ async fn whole_reply(mut reply: Reply, head: ReplyHead) -> Result<Completion, Ap
                         finish_reason,
                     }],
                     usage: usage.into(),
+                    context: context.into(),
                 })
             }
             Some(Event::Error(e)) => return Err(e.into()),

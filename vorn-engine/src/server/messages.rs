@@ -3,7 +3,9 @@
 use super::error::ApiError;
 use super::image::image_from_url;
 use super::json::{Field, Object, TextOr};
-use crate::engine::ChatMessage;
+use super::App;
+use crate::engine::{ChatMessage, EngineError};
+use crate::state::{lock, Loaded};
 use crate::template::MEDIA_MARKER;
 use serde::Deserialize;
 
@@ -39,6 +41,24 @@ type ImageUrl = TextOr<Object<UrlBody>>;
 #[serde(default)]
 struct UrlBody {
     url: Field<String>,
+}
+
+/// The messages of a request for the loaded model, checked and decoded off
+/// the async threads: 409 without a model, 400 for images it cannot take.
+pub(super) async fn for_loaded_model(
+    app: &App,
+    messages: MessagesField,
+) -> Result<(Vec<ChatMessage>, Loaded), ApiError> {
+    let messages = tokio::task::spawn_blocking(move || conversation(messages))
+        .await
+        .map_err(|_| ApiError::Internal("parse failed"))??;
+    let Some(loaded) = lock(&app.shared.loaded).clone() else {
+        return Err(EngineError::NoModelLoaded.into());
+    };
+    if !loaded.vision && messages.iter().any(|m| !m.images.is_empty()) {
+        return Err(EngineError::ImagesNotAccepted.into());
+    }
+    Ok((messages, loaded))
 }
 
 /// Checks the messages in order and decodes their images.

@@ -285,6 +285,30 @@ pub fn stories_dir(tag: &str) -> PathBuf {
     dir
 }
 
+/// A models folder holding a generated gemma3 model, `tinygemma3.gguf`, and
+/// a link to the tiny test projector that fits it.
+pub fn vision_dir(tag: &str) -> PathBuf {
+    let dir = temp_dir(tag);
+    gen::write_model(
+        &dir.join("tinygemma3.gguf"),
+        &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
+        &gen::ModelShape {
+            arch: "gemma3",
+            n_embd: 128,
+            n_layer: 2,
+            n_head: 4,
+            n_ff: 256,
+            seed: 5,
+        },
+    );
+    std::os::unix::fs::symlink(
+        shared_models().join("mmproj/mmproj-tinygemma3.gguf"),
+        dir.join("mmproj-tinygemma3.gguf"),
+    )
+    .unwrap();
+    dir
+}
+
 pub fn user(text: &str) -> serde_json::Value {
     serde_json::json!({"role": "user", "content": text})
 }
