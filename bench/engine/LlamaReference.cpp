@@ -7,8 +7,8 @@
 //   llama_reference --model M.gguf --backends DIR [--cpu-variant NAME] --threads N
 //       --prompt-tokens N [--decode-tokens 32] [--ctx 4096] [--repeat 3]
 
-#include <llama.h>
 #include <ggml-backend.h>
+#include <llama.h>
 
 #include <dlfcn.h>
 
@@ -47,18 +47,27 @@ Options parse(int argc, char **argv)
         if (i + 1 >= argc)
             fail("missing value for " + key);
         const std::string value = argv[++i];
-        if (key == "--model") o.model = value;
-        else if (key == "--backends") o.backends = value;
-        else if (key == "--cpu-variant") o.cpuVariant = value;
-        else if (key == "--threads") o.threads = std::atoi(value.c_str());
-        else if (key == "--prompt-tokens") o.promptTokens = std::atoi(value.c_str());
-        else if (key == "--decode-tokens") o.decodeTokens = std::atoi(value.c_str());
-        else if (key == "--ctx") o.ctx = std::atoi(value.c_str());
-        else if (key == "--repeat") o.repeat = std::atoi(value.c_str());
-        else fail("unknown option " + key);
+        if (key == "--model")
+            o.model = value;
+        else if (key == "--backends")
+            o.backends = value;
+        else if (key == "--cpu-variant")
+            o.cpuVariant = value;
+        else if (key == "--threads")
+            o.threads = std::atoi(value.c_str());
+        else if (key == "--prompt-tokens")
+            o.promptTokens = std::atoi(value.c_str());
+        else if (key == "--decode-tokens")
+            o.decodeTokens = std::atoi(value.c_str());
+        else if (key == "--ctx")
+            o.ctx = std::atoi(value.c_str());
+        else if (key == "--repeat")
+            o.repeat = std::atoi(value.c_str());
+        else
+            fail("unknown option " + key);
     }
-    if (o.model.empty() || o.backends.empty() || o.threads <= 0 || o.promptTokens <= 0
-        || o.decodeTokens <= 0 || o.ctx <= 0 || o.repeat <= 0)
+    if (o.model.empty() || o.backends.empty() || o.threads <= 0 || o.promptTokens <= 0 || o.decodeTokens <= 0
+        || o.ctx <= 0 || o.repeat <= 0)
         fail("usage: llama_reference --model M.gguf --backends DIR [--cpu-variant NAME] --threads N "
              "--prompt-tokens N [--decode-tokens N] [--ctx N] [--repeat N]");
     return o;

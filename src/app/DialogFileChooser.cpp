@@ -29,8 +29,13 @@ QStringList DialogFileChooser::chooseFilesToOpen(Kind kind, bool multiple)
 
 std::optional<QString> DialogFileChooser::chooseFileToSave(const QString &proposedName)
 {
-    const QString file = QFileDialog::getSaveFileName(nullptr, QString(), QDir::home().filePath(proposedName),
-                                                      QStringLiteral("Plain text (*.txt)"));
+    QFileDialog dialog(nullptr, QString(), QDir::home().filePath(proposedName), QStringLiteral("Plain text (*.txt)"));
+    dialog.setAcceptMode(QFileDialog::AcceptSave);
+    // Added before the dialog asks about replacing a file, so it asks about the right one.
+    dialog.setDefaultSuffix(QString::fromUtf16(textExtension));
+    if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty())
+        return std::nullopt;
+    const QString file = dialog.selectedFiles().constFirst();
     if (file.isEmpty())
         return std::nullopt;
     return file;

@@ -1,5 +1,6 @@
 #include "AppDelegate.h"
 #include "AppIconArt.h"
+#include "QuitSignals.h"
 #include "ViewSetup.h"
 #include "engine/EngineStore.h"
 
@@ -66,6 +67,10 @@ int main(int argc, char *argv[])
 #ifdef VORN_HAVE_DIALOGS
     delegate.store().setFileChooser(std::make_shared<DialogFileChooser>());
 #endif
+    // A logout, `kill` or a closed terminal quits as "Quit Vorn" does: the engine is
+    // stopped, the history saved, and the app exits normally.
+    QuitSignals quitSignals;
+    QObject::connect(&quitSignals, &QuitSignals::quitRequested, &delegate, &AppDelegate::quit);
     delegate.launch();
     reportStartup(delegate);
     return application.exec();

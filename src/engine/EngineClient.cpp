@@ -1,18 +1,19 @@
-// The store's JSON calls to the engine and the status call.
-#include "EngineStore.h"
+#include "EngineClient.h"
 
-#include "model/PlatformWords.h"
+#include "EngineRequest.h"
 
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QNetworkAccessManager>
+#include <QNetworkProxy>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QTimer>
 
 namespace {
 
-constexpr int requestTimeoutMilliseconds = 180 * 1000;
+// Set on a reply that its caller stopped, so its end is not taken for a time-out.
+constexpr char cancelledByCaller[] = "vornCancelledByCaller";
 
 QString genericEngineMessage()
 {
@@ -32,42 +33,45 @@ QString engineErrorMessage(const QByteArray &body)
 
 EngineFailure transportFailure(QNetworkReply *reply)
 {
-    if (reply->error() == QNetworkReply::OperationCanceledError)
-        return EngineFailure{EngineFailure::Kind::Cancelled, QStringLiteral("QNetworkReply"),
-                             reply->error(), QStringLiteral("cancelled")};
-    if (reply->error() == QNetworkReply::TimeoutError)
-        return EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("QNetworkReply"),
-                             reply->error(), QStringLiteral("The request timed out.")};
-    return EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("QNetworkReply"), reply->error(),
-                         reply->errorString()};
+    const auto error = reply->error();
+    // The transfer time-out aborts the reply, which then reads as cancelled; only a
+    // reply that its caller stopped was really cancelled.
+    if (error == QNetworkReply::OperationCanceledError && reply->property(cancelledByCaller).toBool())
+        return EngineFailure{EngineFailure::Kind::Cancelled, QStringLiteral("cancelled")};
+    if (error == QNetworkReply::OperationCanceledError || error == QNetworkReply::TimeoutError)
+        return EngineFailure{EngineFailure::Kind::Transport, EngineFailure::timedOutMessage()};
+    return EngineFailure{EngineFailure::Kind::Transport, reply->errorString()};
 }
 
 } // namespace
 
-QNetworkReply *EngineStore::request(const QString &path, const std::optional<QJsonObject> &body,
-                                    std::function<void(const EngineReply &)> done)
+EngineClient::EngineClient(QObject *parent) : QObject(parent), m_network(new QNetworkAccessManager(this))
+{
+    // Local engine only: never go through a system proxy.
+    m_network->setProxy(QNetworkProxy::NoProxy);
+}
+
+void EngineClient::setTimeouts(int requestMilliseconds, int chatMilliseconds)
+{
+    m_requestTimeoutMilliseconds = requestMilliseconds;
+    m_chatTimeoutMilliseconds = chatMilliseconds;
+}
+
+QNetworkReply *EngineClient::request(const QString &path, const std::optional<QJsonObject> &body,
+                                     std::function<void(const EngineReply &)> done)
 {
     if (!m_baseURL) {
         // Never launched: fail as an unreachable host would, without touching the network.
         QTimer::singleShot(0, this, [done = std::move(done)] {
-            done(EngineReply{{}, EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("NSURLErrorDomain"),
-                                               -1004, QStringLiteral("Could not connect to the server.")}});
+            done(EngineReply{
+                {}, EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("Could not connect to the server.")}});
         });
         return nullptr;
     }
 
-    QUrl target = *m_baseURL;
-    target.setPath(QLatin1Char('/') + path);
-    QNetworkRequest networkRequest(target);
-    networkRequest.setTransferTimeout(requestTimeoutMilliseconds);
-    // The engine never redirects; a redirect is answered as the error it is.
-    networkRequest.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
-    networkRequest.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
+    QNetworkRequest networkRequest = EngineRequest::build(*m_baseURL, path, m_requestTimeoutMilliseconds);
     networkRequest.setRawHeader(QByteArrayLiteral("X-Vorn-App"), QByteArrayLiteral("1"));
-
-    QNetworkReply *reply = body
-        ? m_network->post(networkRequest, QJsonDocument(*body).toJson(QJsonDocument::Compact))
-        : m_network->get(networkRequest);
+    QNetworkReply *reply = body ? post(networkRequest, *body) : m_network->get(networkRequest);
 
     connect(reply, &QNetworkReply::finished, this, [reply, done = std::move(done)] {
         reply->deleteLater();
@@ -85,28 +89,20 @@ QNetworkReply *EngineStore::request(const QString &path, const std::optional<QJs
             done(EngineReply{replyBody, std::nullopt});
             return;
         }
-        done(EngineReply{{}, EngineFailure::vorn(1, engineErrorMessage(replyBody))});
+        done(EngineReply{{}, EngineFailure{EngineFailure::Kind::Engine, engineErrorMessage(replyBody)}});
     });
     return reply;
 }
 
-QNetworkReply *EngineStore::refresh(std::function<void(bool)> done)
+void EngineClient::cancelRequest(QNetworkReply *reply)
 {
-    return request(QStringLiteral("api/state"), std::nullopt, [this, done = std::move(done)](const EngineReply &reply) {
-        std::optional<EngineState> decoded;
-        if (reply.ok())
-            decoded = EngineState::decode(reply.body);
-        if (!decoded) {
-            if (done)
-                done(false);
-            return;
-        }
-        setState(decoded);
-        setReady(true);
-        if (!m_loading && !m_generating)
-            setActivity(hasLoadedModel() ? QStringLiteral("Model ready") : PlatformWords::readyActivity());
-        runStatusChange();
-        if (done)
-            done(true);
-    });
+    if (!reply)
+        return;
+    reply->setProperty(cancelledByCaller, true);
+    reply->abort();
+}
+
+QNetworkReply *EngineClient::post(const QNetworkRequest &request, const QJsonObject &body)
+{
+    return m_network->post(request, QJsonDocument(body).toJson(QJsonDocument::Compact));
 }

@@ -13,6 +13,10 @@ public:
 
     // Files chosen to open, in the chooser's order; empty when the user cancelled.
     virtual QStringList chooseFilesToOpen(Kind kind, bool multiple) = 0;
-    // Where to save, starting from the proposed file name; nothing when cancelled.
+    // Where to save a plain-text file, starting from the proposed file name; nothing
+    // when cancelled.
     virtual std::optional<QString> chooseFileToSave(const QString &proposedName) = 0;
+
+    // The extension of the plain-text files saved through chooseFileToSave.
+    static constexpr char16_t textExtension[] = u"txt";
 };

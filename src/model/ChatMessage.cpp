@@ -9,6 +9,17 @@ QString uuidText(const QUuid &id)
     return id.toString(QUuid::WithoutBraces).toUpper();
 }
 
+namespace {
+
+// ASCII 0-9, a-f and A-F only.
+bool isHexDigit(QChar character)
+{
+    const char16_t code = character.unicode();
+    return (code >= u'0' && code <= u'9') || (code >= u'a' && code <= u'f') || (code >= u'A' && code <= u'F');
+}
+
+} // namespace
+
 std::optional<QUuid> uuidFromText(const QString &text)
 {
     if (text.size() != 36)
@@ -16,7 +27,7 @@ std::optional<QUuid> uuidFromText(const QString &text)
     for (int index = 0; index < text.size(); ++index) {
         const QChar character = text.at(index);
         const bool hyphenPlace = index == 8 || index == 13 || index == 18 || index == 23;
-        if (hyphenPlace ? character != QLatin1Char('-') : !isxdigit(character.toLatin1()) || character.unicode() > 127)
+        if (hyphenPlace ? character != QLatin1Char('-') : !isHexDigit(character))
             return std::nullopt;
     }
     return QUuid::fromString(text);

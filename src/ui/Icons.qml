@@ -21,7 +21,8 @@ QtObject {
         "xmark.circle.fill": "\ue5c9",    // cancel
         "arrow.up": "\ue5d8",             // arrow_upward
         "stop.fill": "\ue047",            // stop
-        "lock.shield": "\ue32a"           // security
+        "lock.shield": "\ue32a",          // security
+        "chevron.up.chevron.down": "\ue5d7"  // unfold_more
     })
 
     function glyph(name) {

@@ -29,6 +29,7 @@ Item {
         RowLayout {
             Layout.fillWidth: true
             ColumnLayout {
+                objectName: "libraryTitleBlock"
                 spacing: 6
                 Label {
                     text: "Model library"
@@ -48,7 +49,6 @@ Item {
             }
             PushButton {
                 objectName: "doneButton"
-                Layout.alignment: Qt.AlignTop
                 text: "Done"
                 onClicked: library.dismissed()
             }
@@ -61,13 +61,13 @@ Item {
                 objectName: "addModelsButton"
                 text: "Add GGUF files"
                 symbol: "plus"
-                onClicked: store.importModels()
+                onClicked: Store.importModels()
             }
             PushButton {
                 objectName: "revealModelsButton"
                 text: DisplayText.revealInFileBrowser
                 symbol: "folder"
-                onClicked: store.revealModels()
+                onClicked: Store.revealModels()
             }
             Item {
                 Layout.fillWidth: true
@@ -78,6 +78,11 @@ Item {
             id: modelScroll
             objectName: "modelScroll"
             Layout.fillWidth: true
+            // 190 to 310 high; in a window too short for the whole sheet it takes what
+            // the other sections leave.
+            Layout.fillHeight: true
+            Layout.minimumHeight: 190
+            Layout.maximumHeight: 310
             Layout.preferredHeight: Math.max(190, Math.min(310, entries.implicitHeight))
             contentWidth: availableWidth
             clip: true
@@ -95,7 +100,7 @@ Item {
 
                 Label {
                     objectName: "emptyLibraryNote"
-                    visible: store.modelList.count === 0
+                    visible: Store.modelList.count === 0
                     Layout.fillWidth: true
                     Layout.margins: 16
                     text: "Add a GGUF model you already have, or paste its Hugging Face download link below."
@@ -104,13 +109,13 @@ Item {
                     color: Theme.secondary
                 }
                 Repeater {
-                    model: store.modelList
+                    model: Store.modelList
                     delegate: ModelRow {
                         Layout.fillWidth: true
                     }
                 }
                 Repeater {
-                    model: store.downloadList
+                    model: Store.downloadList
                     delegate: DownloadRow {
                         Layout.fillWidth: true
                     }
@@ -119,13 +124,14 @@ Item {
         }
 
         Rectangle {
+            objectName: "libraryDivider"
             Layout.fillWidth: true
             Layout.preferredHeight: 1
             color: Theme.divider
         }
 
         Label {
-            Layout.bottomMargin: -8
+            objectName: "downloadHeading"
             text: "Download a model"
             font.pixelSize: 13
             font.weight: Font.DemiBold
@@ -144,21 +150,23 @@ Item {
             PushButton {
                 objectName: "downloadButton"
                 text: "Download"
-                enabled: linkField.text.length > 0 && store.ready
-                onClicked: store.download(linkField.text)
+                enabled: linkField.text.length > 0 && Store.ready
+                onClicked: Store.download(linkField.text)
             }
         }
 
         RowLayout {
             objectName: "settingsRow"
             Layout.fillWidth: true
-            enabled: !store.generating
+            enabled: !Store.generating
             spacing: 10
 
             Label {
+                objectName: "temperatureLabel"
                 text: "Temperature"
                 font.pixelSize: 12
                 color: Theme.primary
+                opacity: enabled ? 1 : Theme.disabledOpacity
             }
             Slider {
                 id: temperatureSlider
@@ -168,14 +176,16 @@ Item {
                 to: 1.3
                 stepSize: 0.1
                 snapMode: Slider.SnapAlways
-                value: store.temperature
-                onMoved: store.temperature = Math.round(value * 10) / 10
+                opacity: enabled ? 1 : Theme.disabledOpacity
+                value: Store.temperature
+                onMoved: Store.temperature = Math.round(value * 10) / 10
             }
             Label {
                 objectName: "temperatureValue"
-                text: DisplayText.oneDecimal(store.temperature)
+                text: DisplayText.oneDecimal(Store.temperature)
                 font.pixelSize: 12
                 color: Theme.primary
+                opacity: enabled ? 1 : Theme.disabledOpacity
             }
             Item {
                 Layout.fillWidth: true
@@ -185,19 +195,21 @@ Item {
                 Layout.fillWidth: false
                 spacing: 8
                 Label {
+                    objectName: "replyLimitLabel"
                     text: "Reply limit"
                     font.pixelSize: 12
                     color: Theme.primary
+                    opacity: enabled ? 1 : Theme.disabledOpacity
                 }
-                ComboBox {
+                ChoicePicker {
                     id: limitPicker
                     objectName: "replyLimitPicker"
                     Layout.fillWidth: true
                     font.pixelSize: 12
                     model: [256, 512, 1024, 2048]
                     displayText: String(currentValue)
-                    currentIndex: Math.max(-1, model.indexOf(store.tokenLimit))
-                    onActivated: (index) => store.tokenLimit = model[index]
+                    currentIndex: Math.max(-1, model.indexOf(Store.tokenLimit))
+                    onActivated: (index) => Store.tokenLimit = model[index]
                 }
             }
         }
@@ -205,7 +217,7 @@ Item {
         Label {
             objectName: "libraryFootnote"
             Layout.fillWidth: true
-            text: DisplayText.historyFootnote(store.dataFolder)
+            text: DisplayText.historyFootnote(Store.dataFolder)
             wrapMode: Text.Wrap
             font.pixelSize: 11
             color: Theme.secondary

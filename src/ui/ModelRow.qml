@@ -8,17 +8,16 @@ Rectangle {
     id: row
 
     required property string name
-    required property double size
     required property string sizeLabel
     required property bool projector
-
-    readonly property bool loaded: store.loadedFile === name
+    required property bool loaded
+    required property bool actionEnabled
 
     objectName: "modelRow"
     implicitHeight: content.implicitHeight + 24
     radius: 10
     color: Theme.quietFill
-    enabled: !store.loading && !store.generating
+    enabled: Store.canChangeModel
 
     RowLayout {
         id: content
@@ -33,7 +32,7 @@ Rectangle {
             name: symbol
             size: 20
             color: Theme.accent
-            opacity: row.enabled ? 1 : 0.5
+            opacity: row.enabled ? 1 : Theme.disabledOpacity
         }
         ColumnLayout {
             Layout.fillWidth: true
@@ -48,22 +47,22 @@ Rectangle {
                 font.pixelSize: 12
                 font.weight: Font.Medium
                 color: Theme.primary
-                opacity: row.enabled ? 1 : 0.5
+                opacity: row.enabled ? 1 : Theme.disabledOpacity
             }
             Label {
                 objectName: "modelSize"
                 text: row.sizeLabel + (row.projector ? " · image projector" : "")
                 font.pixelSize: 11
                 color: Theme.secondary
+                opacity: row.enabled ? 1 : Theme.disabledOpacity
             }
         }
         PushButton {
             objectName: "modelActionButton"
             visible: !row.projector
             text: row.loaded ? "Unload" : "Load"
-            // Only a size of exactly zero blocks Load; a negative size still allows it.
-            enabled: row.loaded || row.size !== 0
-            onClicked: row.loaded ? store.unload() : store.load(row.name)
+            enabled: row.actionEnabled
+            onClicked: row.loaded ? Store.unload() : Store.load(row.name)
         }
     }
 }

@@ -21,19 +21,17 @@ Button {
     background: Rectangle {
         implicitHeight: 30
         radius: 7
-        opacity: button.enabled ? 1 : 0.45
+        opacity: button.enabled ? 1 : Theme.disabledOpacity
         color: button.prominent
-               ? (button.pressed ? Qt.darker(Theme.accent, 1.15) : Theme.accent)
-               : (button.pressed ? (Theme.dark ? Qt.rgba(1, 1, 1, 0.16) : Qt.rgba(0, 0, 0, 0.09))
-                                 : button.hovered ? (Theme.dark ? Qt.rgba(1, 1, 1, 0.12) : Qt.rgba(0, 0, 0, 0.06))
-                                                  : (Theme.dark ? Qt.rgba(1, 1, 1, 0.08) : Theme.system.base))
+               ? (button.pressed ? Theme.accentPressed : Theme.accent)
+               : Theme.controlFill(button.pressed, button.hovered)
         border.width: button.prominent ? 0 : 1
-        border.color: Theme.dark ? Qt.rgba(1, 1, 1, 0.1) : Qt.rgba(0, 0, 0, 0.14)
+        border.color: Theme.controlBorder
     }
 
     contentItem: RowLayout {
         spacing: 6
-        opacity: button.enabled ? 1 : 0.45
+        opacity: button.enabled ? 1 : Theme.disabledOpacity
         Icon {
             visible: button.symbol.length > 0
             name: button.symbol

@@ -72,6 +72,21 @@ private slots:
         QVERIFY(!setup.store->error());
     }
 
+    // A name typed without an extension is saved as a text file; one with its own
+    // extension is kept as typed.
+    void aNameWithoutExtensionGetsTxt()
+    {
+        Setup setup({message("user", "Hi")});
+        setup.chooser->saveAnswers.append(setup.path("notes"));
+        setup.store->exportChat();
+        QCOMPARE(contents(setup.path("notes.txt")), QByteArray("USER\nHi"));
+        QVERIFY(!QFileInfo::exists(setup.path("notes")));
+        QCOMPARE(setup.exportTo(setup.path("notes.md")), QByteArray("USER\nHi"));
+        QCOMPARE(setup.exportTo(setup.path("My.Notes.TXT")), QByteArray("USER\nHi"));
+        QVERIFY(!QFileInfo::exists(setup.path("My.Notes.TXT.txt")));
+        QVERIFY(!setup.store->error());
+    }
+
     void emptyConversationGivesEmptyFile()
     {
         Setup setup({});
@@ -85,15 +100,13 @@ private slots:
     void stoppedReplyIsExportedAsIs()
     {
         Setup setup({message("user", "Tell me a story"), message("assistant", "Stopped.")});
-        QCOMPARE(setup.exportTo(setup.path("stopped.txt")),
-                 QByteArray("USER\nTell me a story\n\nASSISTANT\nStopped."));
+        QCOMPARE(setup.exportTo(setup.path("stopped.txt")), QByteArray("USER\nTell me a story\n\nASSISTANT\nStopped."));
     }
 
     void blankLinesInsideTextAreKept()
     {
         Setup setup({message("user", "One\n\nTwo\n"), message("assistant", "\n\nThree\n\n")});
-        QCOMPARE(setup.exportTo(setup.path("lines.txt")),
-                 QByteArray("USER\nOne\n\nTwo\n\n\nASSISTANT\n\n\nThree\n\n"));
+        QCOMPARE(setup.exportTo(setup.path("lines.txt")), QByteArray("USER\nOne\n\nTwo\n\n\nASSISTANT\n\n\nThree\n\n"));
     }
 
     void imagesAreLeftOut()
@@ -105,7 +118,7 @@ private slots:
 
     void utf8WithoutByteOrderMark()
     {
-        const QString text = QString::fromUtf8("Caf\u00e9 \u2014 \u4f60\u597d \U0001F600");
+        const QString text = QStringLiteral("Caf\u00e9 \u2014 \u4f60\u597d \U0001F600");
         Setup setup({message("user", text)});
         QCOMPARE(setup.exportTo(setup.path("utf8.txt")), QByteArray("USER\n") + text.toUtf8());
     }
@@ -148,7 +161,8 @@ private slots:
         Setup setup({message("user", "Hi")});
         const QString folder = setup.path("taken.txt");
         QVERIFY(QDir().mkpath(folder));
-        const QStringList before = QDir(setup.home.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+        const QStringList before =
+            QDir(setup.home.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
 
         setup.chooser->saveAnswers.append(folder);
         setup.store->exportChat();

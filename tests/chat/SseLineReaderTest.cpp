@@ -31,11 +31,11 @@ private slots:
     void multiByteCharactersSurviveChunkBoundaries()
     {
         SseLineReader reader;
-        const QByteArray text = QString::fromUtf8("data: h\u00e9llo \U0001F600\n").toUtf8();
+        const QByteArray text = QStringLiteral("data: h\u00e9llo \U0001F600\n").toUtf8();
         QStringList lines;
         for (char byte : text)
             lines += reader.feed(QByteArray(1, byte));
-        QCOMPARE(lines, QStringList{QString::fromUtf8("data: h\u00e9llo \U0001F600")});
+        QCOMPARE(lines, QStringList{QStringLiteral("data: h\u00e9llo \U0001F600")});
     }
 
     void oneByteAtATime()

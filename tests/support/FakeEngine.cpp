@@ -1,5 +1,6 @@
 #include "FakeEngine.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QPointer>
 #include <QTcpServer>
@@ -37,6 +38,19 @@ FakeResponse FakeResponse::stream(const QList<QByteArray> &lines, int delayBetwe
     return response;
 }
 
+FakeResponse FakeResponse::silent()
+{
+    FakeResponse response;
+    response.neverAnswer = true;
+    return response;
+}
+
+QByteArray FakeResponse::delta(const QString &content)
+{
+    const QJsonObject event{{"choices", QJsonArray{QJsonObject{{"delta", QJsonObject{{"content", content}}}}}}};
+    return "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
+}
+
 FakeResponse FakeResponse::file(const QByteArray &contents, const RecordedRequest &request, int pieceSize, int delayMs)
 {
     FakeResponse response;
@@ -50,9 +64,9 @@ FakeResponse FakeResponse::file(const QByteArray &contents, const RecordedReques
             return response;
         }
         response.status = 206;
-        response.headers.append({"Content-Range", "bytes " + QByteArray::number(start) + '-'
-                                                      + QByteArray::number(contents.size() - 1) + '/'
-                                                      + QByteArray::number(contents.size())});
+        response.headers.append({"Content-Range",
+                                 "bytes " + QByteArray::number(start) + '-' + QByteArray::number(contents.size() - 1)
+                                     + '/' + QByteArray::number(contents.size())});
     }
     response.headers.append({"Content-Length", QByteArray::number(contents.size() - start)});
     for (qsizetype offset = start; offset < contents.size(); offset += pieceSize)
@@ -137,12 +151,10 @@ QByteArray FakeEngine::stateJson(const QString &loaded, bool vision, const QByte
                                  const QString &backend)
 {
     const QByteArray loadedJson = loaded.isEmpty() ? QByteArray("null") : '"' + loaded.toUtf8() + '"';
-    return QByteArray(R"({"version":"test","dir":"/models","loaded":)") + loadedJson
-        + R"(,"backend":")" + backend.toUtf8() + R"(","ctx":4096,"vision":)" + (vision ? "true" : "false")
-        + R"(,"models":)" + modelsJson + R"(,"downloads":)" + downloadsJson
-        + R"(,"last":{"decode_tps":)" + QByteArray::number(decodeTps)
-        + R"(,"prefill_tps":0,"prompt_tokens":0,"completion_tokens":)" + QByteArray::number(completionTokens)
-        + "}}";
+    return QByteArray(R"({"version":"test","dir":"/models","loaded":)") + loadedJson + R"(,"backend":")"
+        + backend.toUtf8() + R"(","ctx":4096,"vision":)" + (vision ? "true" : "false") + R"(,"models":)" + modelsJson
+        + R"(,"downloads":)" + downloadsJson + R"(,"last":{"decode_tps":)" + QByteArray::number(decodeTps)
+        + R"(,"prefill_tps":0,"prompt_tokens":0,"completion_tokens":)" + QByteArray::number(completionTokens) + "}}";
 }
 
 void FakeEngine::onReadyRead(QTcpSocket *socket)
@@ -228,8 +240,10 @@ void FakeEngine::sendResponse(QTcpSocket *socket, const FakeResponse &response)
     QPointer<QTcpSocket> guarded(socket);
     auto sendPart = std::make_shared<std::function<void(int)>>();
     *sendPart = [this, guarded, response, sendPart, rawParts](int index) {
-        if (!guarded)
+        if (!guarded) {
+            ++m_abandonedReplies;
             return;
+        }
         if (index >= response.parts.size()) {
             if (response.dropAfterParts) {
                 guarded->abort();
@@ -245,6 +259,7 @@ void FakeEngine::sendResponse(QTcpSocket *socket, const FakeResponse &response)
         else if (!data.isEmpty())
             guarded->write(QByteArray::number(data.size(), 16) + "\r\n" + data + "\r\n");
         guarded->flush();
+        ++m_partsSent;
         const int nextDelay = index + 1 < response.parts.size() ? response.parts.at(index + 1).first : 0;
         if (nextDelay > 0)
             QTimer::singleShot(nextDelay, this, [sendPart, index] { (*sendPart)(index + 1); });

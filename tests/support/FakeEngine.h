@@ -16,11 +16,11 @@ class QTcpSocket;
 struct RecordedRequest {
     QByteArray method;
     QByteArray path;
-    QList<QPair<QByteArray, QByteArray>> headers;  // in the order sent
+    QList<QPair<QByteArray, QByteArray>> headers; // in the order sent
     QByteArray body;
 
-    QByteArray header(const QByteArray &name) const;  // case-insensitive; empty when absent
-    QJsonObject json() const;                         // the body as an object, empty when not one
+    QByteArray header(const QByteArray &name) const; // case-insensitive; empty when absent
+    QJsonObject json() const;                        // the body as an object, empty when not one
 };
 
 // How the fake engine answers one request.
@@ -30,16 +30,20 @@ struct FakeResponse {
     QByteArray body;
     // When not empty the reply is chunked: each part is sent after its delay (ms).
     QList<QPair<int, QByteArray>> parts;
-    int delayMs = 0;                 // before the status line
-    bool dropConnection = false;     // close the connection instead of answering
-    bool dropAfterParts = false;     // close mid-stream after the parts, without the final chunk
-    bool neverAnswer = false;        // keep the connection open and say nothing
+    int delayMs = 0;             // before the status line
+    bool dropConnection = false; // close the connection instead of answering
+    bool dropAfterParts = false; // close mid-stream after the parts, without the final chunk
+    bool neverAnswer = false;    // keep the connection open and say nothing
     // Extra response headers. With a Content-Length among them, parts go out raw
     // instead of chunked, as a file server sends a body of known size.
     QList<QPair<QByteArray, QByteArray>> headers;
 
     static FakeResponse json(int status, const QByteArray &body);
     static FakeResponse stream(const QList<QByteArray> &lines, int delayBetweenMs = 0);
+    // Takes the request and never says a word.
+    static FakeResponse silent();
+    // One streamed chat event whose delta carries this content.
+    static QByteArray delta(const QString &content);
     // A file served like a download host: honours "Range: bytes=N-", sends the body in
     // pieces of pieceSize bytes with delayMs between them.
     static FakeResponse file(const QByteArray &contents, const RecordedRequest &request, int pieceSize, int delayMs);
@@ -69,12 +73,15 @@ public:
     void clearRequests() { m_requests.clear(); }
     // Closes every open connection at once, as a crashed engine would.
     void dropAllConnections();
+    // Parts of streamed replies written so far, over all connections.
+    int partsSent() const { return m_partsSent; }
+    // Streamed replies whose client closed the connection before their last part.
+    int abandonedReplies() const { return m_abandonedReplies; }
 
     // A minimal valid status, with the given loaded model (empty: none) and vision flag.
-    static QByteArray stateJson(const QString &loaded = {}, bool vision = false,
-                                const QByteArray &modelsJson = "[]", const QByteArray &downloadsJson = "[]",
-                                double decodeTps = 0, qint64 completionTokens = 0,
-                                const QString &backend = QStringLiteral("cpu"));
+    static QByteArray stateJson(const QString &loaded = {}, bool vision = false, const QByteArray &modelsJson = "[]",
+                                const QByteArray &downloadsJson = "[]", double decodeTps = 0,
+                                qint64 completionTokens = 0, const QString &backend = QStringLiteral("cpu"));
 
 signals:
     void requestReceived(const RecordedRequest &request);
@@ -88,4 +95,6 @@ private:
     QHash<QByteArray, std::function<FakeResponse(const RecordedRequest &)>> m_routes;
     QList<RecordedRequest> m_requests;
     QHash<QTcpSocket *, QByteArray> m_buffers;
+    int m_partsSent = 0;
+    int m_abandonedReplies = 0;
 };

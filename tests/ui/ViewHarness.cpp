@@ -2,15 +2,14 @@
 
 #include "ViewSetup.h"
 
-#include <QCoreApplication>
 #include "model/HistoryFile.h"
+#include <QCoreApplication>
 
 #include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QKeyEvent>
-#include <QQmlContext>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -28,6 +27,15 @@ void ViewHarness::prepareProcess()
     ViewSetup::prepareApplication();
 }
 
+namespace {
+bool listModelChecks = true;
+}
+
+void ViewHarness::setListModelChecks(bool on)
+{
+    listModelChecks = on;
+}
+
 void ViewHarness::resetSettings()
 {
     QSettings settings;
@@ -37,8 +45,7 @@ void ViewHarness::resetSettings()
 
 QByteArray ViewHarness::delta(const QString &content)
 {
-    const QJsonObject event{{"choices", QJsonArray{QJsonObject{{"delta", QJsonObject{{"content", content}}}}}}};
-    return "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
+    return FakeResponse::delta(content);
 }
 
 QByteArray ViewHarness::modelJson(const QString &name, qint64 size, bool projector)
@@ -78,16 +85,22 @@ ViewHarness::ViewHarness(const QByteArray &stateJson, const QList<Conversation> 
     if (!stateJson.isEmpty())
         m_fake.setState(stateJson);
     m_store = std::make_unique<EngineStore>();
-    m_store->connectForTesting(m_fake.baseURL());
+    m_store->engine().client().setBaseURL(m_fake.baseURL());
+    if (listModelChecks)
+        m_checks = std::make_unique<StoreListModelChecks>(*m_store);
 
     m_engine = std::make_unique<QQmlApplicationEngine>();
-    ViewSetup::prepareEngine(*m_engine);
-    m_engine->rootContext()->setContextProperty(QStringLiteral("shell"), nullptr);
-    m_engine->rootContext()->setContextProperty(QStringLiteral("store"), m_store.get());
+    ViewSetup::prepareEngine(*m_engine, *m_store);
     m_engine->load(ViewSetup::mainWindowURL());
     if (m_engine->rootObjects().isEmpty())
         qFatal("The main window did not load");
     setWindow(qobject_cast<QQuickWindow *>(m_engine->rootObjects().first()));
+    if (m_checks) {
+        auto *filter = qobject_cast<QAbstractItemModel *>(object(QStringLiteral("conversationFilter")));
+        if (!filter)
+            qFatal("The sidebar's conversation filter was not found");
+        m_checks->addProxy(filter);
+    }
     window()->show();
     if (!QTest::qWaitForWindowExposed(window()))
         qFatal("The main window was not exposed");
@@ -97,7 +110,16 @@ ViewHarness::ViewHarness(const QByteArray &stateJson, const QList<Conversation> 
 ViewHarness::~ViewHarness()
 {
     m_engine.reset();
+    m_checks.reset();
     m_store.reset();
+}
+
+bool ViewHarness::startEndlessReply(const QString &prompt)
+{
+    m_fake.route("POST", "/v1/chat/completions", FakeResponse::silent());
+    m_store->setPrompt(prompt);
+    m_store->send();
+    return waitFor([&] { return m_store->generating(); });
 }
 
 bool ViewHarness::refresh()

@@ -1,10 +1,14 @@
 #pragma once
 
 #include "FakeEngine.h"
+#include "ListModelChecks.h"
 #include "TestHome.h"
-#include "engine/EngineStore.h"
-#include "model/Conversation.h"
 #include "WindowDriver.h"
+#include "chat/ChatSession.h"
+#include "engine/EngineConnection.h"
+#include "engine/EngineStore.h"
+#include "library/ModelLibrary.h"
+#include "model/Conversation.h"
 
 #include <QImage>
 #include <QQmlApplicationEngine>
@@ -27,6 +31,9 @@ public:
 
     // Forgets the appearance and window frame, as on a fresh install.
     static void resetSettings();
+    // Every harness checks the store's list models and the sidebar's filter as they
+    // change (ListModelChecks); a benchmark, which measures the app alone, turns that off.
+    static void setListModelChecks(bool on);
 
     // Pieces of what the fake engine says.
     static QByteArray delta(const QString &content);
@@ -40,11 +47,14 @@ public:
 
     // One status call to the fake engine; true once it was applied.
     bool refresh();
+    // Sends the prompt to a reply that never comes; true once generating.
+    bool startEndlessReply(const QString &prompt = QStringLiteral("Hello"));
     void setEngineState(const QByteArray &stateJson);
 
 private:
     TestHome m_home;
     FakeEngine m_fake;
     std::unique_ptr<EngineStore> m_store;
+    std::unique_ptr<StoreListModelChecks> m_checks;
     std::unique_ptr<QQmlApplicationEngine> m_engine;
 };

@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QKeyEvent>
+#include <QtQuickTest/quicktest.h>
 #include <QtTest>
 
 namespace {
@@ -54,6 +55,19 @@ bool WindowDriver::shown(const QQuickItem *item)
     return item && item->isVisible() && item->opacity() > 0;
 }
 
+qreal WindowDriver::drawnOpacity(const QQuickItem *item)
+{
+    qreal opacity = 1;
+    for (; item; item = item->parentItem())
+        opacity *= item->opacity();
+    return opacity;
+}
+
+QRectF WindowDriver::sceneRect(const QQuickItem *item)
+{
+    return item ? item->mapRectToScene(QRectF(0, 0, item->width(), item->height())) : QRectF();
+}
+
 QString WindowDriver::text(const QQuickItem *item)
 {
     return item ? item->property("text").toString() : QString();
@@ -90,8 +104,11 @@ void WindowDriver::key(int key, Qt::KeyboardModifiers modifiers)
 
 void WindowDriver::settle()
 {
+    // Posted events (bindings, deferred deletes, queued calls) first, then every
+    // pending polish, which is where layouts and views place their items.
     QCoreApplication::processEvents();
-    QTest::qWait(30);
+    if (m_window && !QQuickTest::qWaitForPolish(m_window.data(), 5000))
+        qWarning("The window did not finish laying out its items");
     QCoreApplication::processEvents();
 }
 

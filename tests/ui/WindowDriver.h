@@ -21,12 +21,16 @@ public:
     QList<QQuickItem *> items(const QString &objectName) const;
     QList<QQuickItem *> visibleItems(const QString &objectName) const;
     static bool shown(const QQuickItem *item);
+    // The opacity an item is drawn with: its own times that of every item around it.
+    static qreal drawnOpacity(const QQuickItem *item);
+    // An item's rectangle in window coordinates.
+    static QRectF sceneRect(const QQuickItem *item);
     static QString text(const QQuickItem *item);
 
     void click(QQuickItem *item);
     void typeInto(QQuickItem *field, const QString &text);
     void key(int key, Qt::KeyboardModifiers modifiers = Qt::NoModifier);
-    // Lets bindings, layouts and one frame run.
+    // Lets posted events, bindings and layouts run.
     void settle();
     bool waitFor(const std::function<bool()> &condition, int timeoutMs = 5000);
 

@@ -1,4 +1,5 @@
 // The main window: sidebar, header, alert, appearance and the Edit keys.
+#include "PlatformText.h"
 #include "ScriptedFileChooser.h"
 #include "ViewHarness.h"
 #include "chat/ConversationListModel.h"
@@ -29,16 +30,6 @@ private:
         return {ViewHarness::conversation("Trip to Lisbon", {"Where should we eat?", "Try the bakery."}),
                 ViewHarness::conversation("Garden plans", {"Tomatoes need sun", "Plant them in May."}),
                 ViewHarness::conversation("Taxes", {"Deadline?", "April."})};
-    }
-
-    static void startEndlessReply(ViewHarness &view)
-    {
-        FakeResponse endless;
-        endless.neverAnswer = true;
-        view.fake().route("POST", "/v1/chat/completions", endless);
-        view.store().setPrompt(QStringLiteral("Hello"));
-        view.store().send();
-        QVERIFY(view.waitFor([&] { return view.store().generating(); }));
     }
 
 private slots:
@@ -93,7 +84,7 @@ private slots:
     {
         ViewHarness view(FakeEngine::stateJson("m.gguf"), searchHistory());
         QVERIFY(view.refresh());
-        startEndlessReply(view);
+        QVERIFY(view.startEndlessReply());
         const QString selected = view.store().selectedIDText();
 
         const QList<QQuickItem *> rows = view.visibleItems("conversationRow");
@@ -135,10 +126,10 @@ private slots:
     void engineIndicatorFollowsReady()
     {
         ViewHarness view;
-        QCOMPARE(ViewHarness::text(view.item("engineText")), QString::fromUtf8("Starting engine\u2026"));
+        QCOMPARE(ViewHarness::text(view.item("engineText")), QStringLiteral("Starting engine\u2026"));
         QVERIFY(view.refresh());
         QVERIFY(view.store().ready());
-        QCOMPARE(ViewHarness::text(view.item("engineText")), QString::fromUtf8("Private \u00b7 local engine"));
+        QCOMPARE(ViewHarness::text(view.item("engineText")), QStringLiteral("Private \u00b7 local engine"));
     }
 
     void darkAppearanceRecoloursAtOnceAndSurvivesARelaunch()
@@ -155,11 +146,13 @@ private slots:
             QCOMPARE(main, QColor::fromRgbF(0.07f, 0.09f, 0.12f));
         }
         ViewHarness relaunched;
-        QCOMPARE(relaunched.item("mainColumn")->property("color").value<QColor>(), QColor::fromRgbF(0.07f, 0.09f, 0.12f));
+        QCOMPARE(relaunched.item("mainColumn")->property("color").value<QColor>(),
+                 QColor::fromRgbF(0.07f, 0.09f, 0.12f));
         QVERIFY(relaunched.item("appearanceDark")->property("chosen").toBool());
         relaunched.click(relaunched.item("appearanceLight"));
         QCOMPARE(QSettings().value("appearance").toString(), QStringLiteral("light"));
-        QVERIFY(relaunched.item("mainColumn")->property("color").value<QColor>() != QColor::fromRgbF(0.07f, 0.09f, 0.12f));
+        QVERIFY(relaunched.item("mainColumn")->property("color").value<QColor>()
+                != QColor::fromRgbF(0.07f, 0.09f, 0.12f));
     }
 
     void anUnknownAppearanceIsLightWithNoSegmentChosen()
@@ -189,7 +182,8 @@ private slots:
         QVERIFY(view.refresh());
         QCOMPARE(ViewHarness::text(view.item("headerTitle")), QStringLiteral("llama-q4"));
         QVERIFY(ViewHarness::shown(view.item("backendBadge")));
-        QCOMPARE(ViewHarness::text(view.item("backendBadge")), QStringLiteral("GPU"));
+        QCOMPARE(ViewHarness::text(view.item("backendBadge")),
+                 PlatformText::expected(QStringLiteral("METAL"), QStringLiteral("GPU")));
 
         view.setEngineState(FakeEngine::stateJson("m.gguf", false, "[]", "[]", 0, 0, "vulkan"));
         QVERIFY(view.refresh());
@@ -211,12 +205,12 @@ private slots:
         ViewHarness view;
         const QString tagline = ViewHarness::text(view.item("headerSubtitle"));
         QVERIFY(!tagline.isEmpty());
-        view.store().setActivity(QStringLiteral("Loading m.gguf"));
-        view.store().setLoading(true);
+        view.store().engine().setActivity(QStringLiteral("Loading m.gguf"));
+        view.store().library().setLoading(true);
         view.settle();
         QCOMPARE(ViewHarness::text(view.item("headerSubtitle")), QStringLiteral("Loading m.gguf"));
         QVERIFY(ViewHarness::shown(view.item("headerBusy")));
-        view.store().setLoading(false);
+        view.store().library().setLoading(false);
         view.settle();
         QCOMPARE(ViewHarness::text(view.item("headerSubtitle")), tagline);
         QVERIFY(!ViewHarness::shown(view.item("headerBusy")));
@@ -311,6 +305,33 @@ private slots:
         QCOMPARE(view.store().prompt(), QStringLiteral("menu text"));
         // The Edit menu has no Redo item.
         QVERIFY(!view.window()->findChild<QObject *>("redoItem"));
+    }
+
+    // The conversation rows line up with the search field and the buttons above them.
+    void conversationRowsSpanTheSidebar()
+    {
+        ViewHarness view(FakeEngine::stateJson(), searchHistory());
+        const QRectF search = ViewHarness::sceneRect(view.item("searchField"));
+        const QRectF newConversation = ViewHarness::sceneRect(view.item("newConversationButton"));
+        QCOMPARE(newConversation.right(), search.right());
+        for (QQuickItem *row : view.visibleItems("conversationRow")) {
+            QCOMPARE(ViewHarness::sceneRect(row).left(), search.left());
+            QCOMPARE(ViewHarness::sceneRect(row).right(), search.right());
+        }
+    }
+
+    // A disabled send button dims its arrow with it.
+    void aDisabledSendButtonDimsItsArrow()
+    {
+        ViewHarness view(FakeEngine::stateJson("m.gguf"));
+        QVERIFY(view.refresh());
+        QVERIFY(!view.item("sendButton")->isEnabled());
+        const qreal dimmed = ViewHarness::drawnOpacity(view.item("sendSymbol"));
+        QVERIFY2(dimmed < 0.6, qPrintable(QString::number(dimmed)));
+        view.store().setPrompt(QStringLiteral("Hi"));
+        view.settle();
+        QVERIFY(view.item("sendButton")->isEnabled());
+        QCOMPARE(ViewHarness::drawnOpacity(view.item("sendSymbol")), 1.0);
     }
 
     void mainScreenshots()

@@ -41,7 +41,9 @@ fn main() {
             _ => usage(),
         }
     }
-    let [out, vocab] = paths.as_slice() else { usage() };
+    let [out, vocab] = paths.as_slice() else {
+        usage()
+    };
     let partial = out.with_extension("gguf.part");
     gen::write_model(
         &partial,

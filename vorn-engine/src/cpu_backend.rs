@@ -76,7 +76,13 @@ mod modules {
         match std::env::var(FORCE_VARIABLE) {
             Ok(name) if !name.is_empty() => load_forced(&dir, &name)?,
             // llama.cpp's own choice, looking only in the engine's folder.
-            _ => unsafe { sys::ggml_backend_load_all_from_path(c_path(&dir)?.as_ptr()) },
+            _ => {
+                let folder = c_path(&dir)?;
+                // SAFETY: `folder` is a NUL-terminated path that outlives the call,
+                // which only reads it; start-up runs this once, before any other
+                // llama.cpp call.
+                unsafe { sys::ggml_backend_load_all_from_path(folder.as_ptr()) }
+            }
         }
         loaded_variant(&dir)
     }
@@ -92,8 +98,11 @@ mod modules {
                 available(dir).join(", ")
             ));
         }
+        let file = c_path(&path)?;
         // llama.cpp refuses a variant whose instructions this CPU lacks.
-        if unsafe { sys::ggml_backend_load(c_path(&path)?.as_ptr()) }.is_null() {
+        // SAFETY: `file` is a NUL-terminated path that outlives the call, which only
+        // reads it; the returned registration is owned by llama.cpp.
+        if unsafe { sys::ggml_backend_load(file.as_ptr()) }.is_null() {
             return Err(format!(
                 "{FORCE_VARIABLE}={name}: this CPU lacks the instructions that variant needs"
             ));
@@ -101,7 +110,9 @@ mod modules {
         for gpu in GPU_BACKENDS {
             let module = dir.join(module_file(gpu));
             if module.is_file() {
-                unsafe { sys::ggml_backend_load(c_path(&module)?.as_ptr()) };
+                let file = c_path(&module)?;
+                // SAFETY: as above; a GPU module that fails to load is left out.
+                unsafe { sys::ggml_backend_load(file.as_ptr()) };
             }
         }
         Ok(())
@@ -145,10 +156,13 @@ mod modules {
                 }
             )
         };
+        // SAFETY: the name is a static NUL-terminated string; the lookup only reads it.
         let reg = unsafe { sys::ggml_backend_reg_by_name(c"CPU".as_ptr()) };
         if reg.is_null() {
             return Err(none());
         }
+        // SAFETY: `reg` is a live registration (checked non-null above, owned by
+        // llama.cpp for the whole run) and the name a static NUL-terminated string.
         let code = unsafe {
             sys::ggml_backend_reg_get_proc_address(reg, c"ggml_backend_get_features".as_ptr())
         };
@@ -170,12 +184,16 @@ mod modules {
         if code.is_null() {
             return None;
         }
+        // SAFETY: Dl_info is a plain C struct of pointers and integers, for which
+        // all zeros is a valid value.
         let mut info: libc::Dl_info = unsafe { std::mem::zeroed() };
-        // SAFETY: dladdr only reads the address; the name it returns belongs to the
-        // loaded module, which stays loaded for the whole run.
+        // SAFETY: dladdr only reads the address and writes `info`, which lives on
+        // this stack frame for the call.
         if unsafe { libc::dladdr(code, &mut info) } == 0 || info.dli_fname.is_null() {
             return None;
         }
+        // SAFETY: dladdr set a non-null, NUL-terminated name that belongs to the
+        // loaded module, which stays loaded for the whole run.
         let name = unsafe { CStr::from_ptr(info.dli_fname) };
         Some(PathBuf::from(name.to_string_lossy().into_owned()))
     }

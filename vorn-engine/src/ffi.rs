@@ -13,29 +13,35 @@ use llama_cpp_sys_2 as sys;
 use std::mem::size_of;
 
 /// Pointer-sized words of a value, for scanning a wrapper's fields. Only
-/// used on wrappers whose fields are all pointer-sized, so no word holds
-/// padding.
+/// sound for types without padding or other uninitialised bytes: it is only
+/// called on the wrappers below, whose fields are a pointer, a Vec (three
+/// words) and zero-sized markers.
 fn words<T>(value: &T) -> Vec<usize> {
     let n = size_of::<T>() / size_of::<usize>();
     let base = value as *const T as *const usize;
-    // SAFETY: reads whole words inside the value's own storage; every word of
-    // these wrappers is initialised (pointers, lengths, capacities, flags).
     (0..n)
+        // SAFETY: word `i < n` lies inside the value's own storage, which the
+        // borrow keeps alive; `read_unaligned` needs no alignment. Every byte
+        // of those wrappers is an initialised field (see above), so each word
+        // read is initialised; this is what the caller must guarantee.
         .map(|i| unsafe { base.add(i).read_unaligned() })
         .collect()
 }
 
 /// Words that cannot be a heap pointer: null, small flags, dangling markers.
-fn plausible_pointer(w: usize) -> bool {
-    w > 0x10000 && w % size_of::<usize>() == 0
+fn plausible_pointer(word: usize) -> bool {
+    word > 0x10000 && word.is_multiple_of(size_of::<usize>())
 }
 
+/// The model's raw pointer; valid while `model` lives.
 pub fn model_ptr(model: &LlamaModel) -> *mut sys::llama_model {
     // LlamaModel is repr(transparent) over its non-null pointer.
     const _: () = assert!(size_of::<LlamaModel>() == size_of::<*mut sys::llama_model>());
     words(model)[0] as *mut sys::llama_model
 }
 
+/// The context's raw pointer, confirmed by asking llama.cpp for its model;
+/// valid while `ctx` lives.
 pub fn context_ptr(ctx: &LlamaContext<'_>, model: &LlamaModel) -> Option<*mut sys::llama_context> {
     // Pointer, then a Vec's three words: no padding anywhere.
     if size_of::<LlamaContext<'_>>() != 4 * size_of::<usize>() {
@@ -44,24 +50,32 @@ pub fn context_ptr(ctx: &LlamaContext<'_>, model: &LlamaModel) -> Option<*mut sy
     let want = model_ptr(model) as *const sys::llama_model;
     let candidates: Vec<usize> = words(ctx)
         .into_iter()
-        .filter(|w| plausible_pointer(*w))
+        .filter(|word| plausible_pointer(*word))
         .collect();
     // With no backend samplers the context pointer is the only heap pointer.
     if candidates.len() != 1 {
         return None;
     }
-    let p = candidates[0] as *mut sys::llama_context;
-    // SAFETY: `p` is the only pointer-like field of a live LlamaContext.
-    let got = unsafe { sys::llama_get_model(p) };
-    (got == want).then_some(p)
+    let context = candidates[0] as *mut sys::llama_context;
+    // SAFETY: LlamaContext is its NonNull context pointer plus a Vec of
+    // backend samplers (four words, checked above). With no samplers the Vec
+    // holds a dangling pointer, zero and zero, none of them plausible, so the
+    // one plausible word is the context pointer, alive while `ctx` is
+    // borrowed. llama_get_model only reads the context's model field. Should
+    // the layout change unnoticed by the size check, this call is where it
+    // would go wrong; the comparison below only catches a wrong answer.
+    let got = unsafe { sys::llama_get_model(context) };
+    (got == want).then_some(context)
 }
 
+/// The projector's raw context; valid while `mtmd` lives. A one-word
+/// MtmdContext can only be its NonNull context pointer.
 pub fn mtmd_ptr(mtmd: &MtmdContext) -> Option<*mut sys::mtmd_context> {
     if size_of::<MtmdContext>() != size_of::<usize>() {
         return None;
     }
-    let w = words(mtmd)[0];
-    plausible_pointer(w).then_some(w as *mut sys::mtmd_context)
+    let word = words(mtmd)[0];
+    plausible_pointer(word).then_some(word as *mut sys::mtmd_context)
 }
 
 /// The raw chunk `index` of a chunk list; checked against the safe wrapper.
@@ -69,18 +83,23 @@ pub fn chunk_ptr(chunks: &MtmdInputChunks, index: usize) -> Option<*const sys::m
     if size_of::<MtmdInputChunks>() != size_of::<usize>() {
         return None;
     }
-    let w = words(chunks)[0];
-    if !plausible_pointer(w) {
+    let word = words(chunks)[0];
+    if !plausible_pointer(word) {
         return None;
     }
-    let list = w as *const sys::mtmd_input_chunks;
-    // SAFETY: `list` is the wrapper's only field; the index is checked first.
+    let list = word as *const sys::mtmd_input_chunks;
+    // SAFETY: a one-word MtmdInputChunks is its NonNull list pointer, alive
+    // while `chunks` is borrowed. The list functions only read it; the index
+    // is checked against the list's size before it is used, and `chunk` is
+    // checked for null before its token count is read. The returned chunk
+    // lives as long as the list.
     unsafe {
         if index >= sys::mtmd_input_chunks_size(list) {
             return None;
         }
-        let p = sys::mtmd_input_chunks_get(list, index);
+        let chunk = sys::mtmd_input_chunks_get(list, index);
         let safe = chunks.get(index)?;
-        (!p.is_null() && sys::mtmd_input_chunk_get_n_tokens(p) == safe.n_tokens()).then_some(p)
+        (!chunk.is_null() && sys::mtmd_input_chunk_get_n_tokens(chunk) == safe.n_tokens())
+            .then_some(chunk)
     }
 }

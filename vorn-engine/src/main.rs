@@ -1,11 +1,9 @@
 //! vorn-engine: the local inference server that the Vorn app launches.
 
 use axum::serve::ListenerExt as _;
-use vorn_engine::{cpu_backend, download, engine, server, state};
+use vorn_engine::{cpu_backend, engine, server};
 
 use std::path::PathBuf;
-use std::sync::atomic::Ordering;
-use std::sync::{Arc, Mutex};
 
 const USAGE: &str = "usage: vorn-engine app --port <port> --models-dir <path> [--no-open]\n       vorn-engine --version";
 
@@ -15,33 +13,35 @@ struct Args {
 }
 
 fn parse_args(args: &[String]) -> Result<Option<Args>, String> {
-    if args.iter().any(|a| a == "--version" || a == "-V") {
+    if args.iter().any(|arg| arg == "--version" || arg == "-V") {
         return Ok(None);
     }
-    let mut it = args.iter();
-    match it.next().map(String::as_str) {
+    let mut words = args.iter();
+    match words.next().map(String::as_str) {
         Some("app") => {}
         Some(other) => return Err(format!("unknown mode {other:?}")),
         None => return Err("missing mode".into()),
     }
     let mut port = None;
     let mut dir = None;
-    while let Some(a) = it.next() {
-        match a.as_str() {
+    while let Some(word) = words.next() {
+        match word.as_str() {
             "--port" => {
-                let v = it.next().ok_or("--port needs a value")?;
-                let p: u16 = v.parse().map_err(|_| format!("invalid port {v:?}"))?;
-                if p == 0 {
+                let value = words.next().ok_or("--port needs a value")?;
+                let number: u16 = value
+                    .parse()
+                    .map_err(|_| format!("invalid port {value:?}"))?;
+                if number == 0 {
                     return Err("invalid port 0".into());
                 }
-                port = Some(p);
+                port = Some(number);
             }
             "--models-dir" => {
-                let v = it.next().ok_or("--models-dir needs a value")?;
-                if v.is_empty() {
+                let value = words.next().ok_or("--models-dir needs a value")?;
+                if value.is_empty() {
                     return Err("--models-dir is empty".into());
                 }
-                dir = Some(PathBuf::from(v));
+                dir = Some(PathBuf::from(value));
             }
             "--no-open" => {}
             other => return Err(format!("unknown argument {other:?}")),
@@ -56,6 +56,8 @@ fn parse_args(args: &[String]) -> Result<Option<Args>, String> {
 /// The engine must never outlive the app.
 fn watch_parent() {
     #[cfg(target_os = "linux")]
+    // SAFETY: prctl with PR_SET_PDEATHSIG takes plain integers and touches no
+    // memory of ours; it only asks the kernel to signal us when the parent dies.
     unsafe {
         libc::prctl(
             libc::PR_SET_PDEATHSIG,
@@ -67,7 +69,9 @@ fn watch_parent() {
     }
     #[cfg(unix)]
     {
+        // SAFETY: getppid takes no arguments, cannot fail and touches no memory.
         let parent = unsafe { libc::getppid() };
+        // SAFETY: as above.
         let check = move || unsafe { libc::getppid() } != parent;
         if check() {
             // The app died before the signal was armed.
@@ -78,6 +82,8 @@ fn watch_parent() {
             .spawn(move || loop {
                 std::thread::sleep(std::time::Duration::from_millis(500));
                 if check() {
+                    // SAFETY: sends SIGTERM to this very process, whose handler
+                    // (tokio's) shuts the engine down; no memory is involved.
                     unsafe { libc::kill(libc::getpid(), libc::SIGTERM) };
                     std::thread::sleep(std::time::Duration::from_secs(5));
                     std::process::exit(0);
@@ -117,7 +123,7 @@ fn main() {
         ));
     }
     let args = match parse_args(&args) {
-        Ok(Some(a)) => a,
+        Ok(Some(parsed)) => parsed,
         Ok(None) => {
             println!("vorn-engine {}", env!("CARGO_PKG_VERSION"));
             return;
@@ -135,7 +141,7 @@ fn main() {
         .enable_all()
         .build()
     {
-        Ok(r) => r,
+        Ok(runtime) => runtime,
         Err(e) => {
             eprintln!("vorn-engine: cannot start runtime: {e}");
             std::process::exit(1);
@@ -145,6 +151,8 @@ fn main() {
     // llama.cpp threads may still be inside a computation; skip global
     // destructors instead of racing them.
     #[cfg(unix)]
+    // SAFETY: _exit ends the process at once; nothing after this point needs
+    // to run, and skipping destructors is the point (see above).
     unsafe {
         libc::_exit(code)
     }
@@ -154,21 +162,14 @@ fn main() {
 
 async fn run(args: Args) -> i32 {
     let listener = match tokio::net::TcpListener::bind(("127.0.0.1", args.port)).await {
-        Ok(l) => l,
+        Ok(listener) => listener,
         Err(e) => {
             eprintln!("vorn-engine: cannot listen on 127.0.0.1:{}: {e}", args.port);
             return 1;
         }
     };
-    let shared = Arc::new(state::Shared::new(args.dir.clone(), args.port));
-    let engine = engine::spawn(shared.clone());
-    let downloads = download::Downloader::new(shared.clone());
-    let app = server::App {
-        shared: shared.clone(),
-        engine: Arc::new(Mutex::new(engine)),
-        downloads: downloads.clone(),
-    };
-    let router = server::router(app);
+    let app = server::App::new(args.dir.clone(), args.port);
+    let router = server::router(app.clone());
     // Replies stream as many small writes; with Nagle's algorithm each one after the
     // first can wait for the app's delayed acknowledgement, up to 40 ms.
     let listener = listener.tap_io(|stream| {
@@ -178,16 +179,15 @@ async fn run(args: Args) -> i32 {
     });
     let server = axum::serve(listener, router);
     tokio::select! {
-        r = server => {
-            if let Err(e) = r {
+        served = server => {
+            if let Err(e) = served {
                 eprintln!("vorn-engine: server failed: {e}");
                 return 1;
             }
         }
         _ = shutdown_signal() => {}
     }
-    shared.shutting_down.store(true, Ordering::Relaxed);
-    downloads.stop_all().await;
+    app.shut_down().await;
     0
 }
 
@@ -195,13 +195,13 @@ async fn run(args: Args) -> i32 {
 mod tests {
     use super::*;
 
-    fn v(a: &[&str]) -> Vec<String> {
-        a.iter().map(|s| s.to_string()).collect()
+    fn words(text: &[&str]) -> Vec<String> {
+        text.iter().map(|s| s.to_string()).collect()
     }
 
     #[test]
     fn arguments() {
-        let a = parse_args(&v(&[
+        let parsed = parse_args(&words(&[
             "app",
             "--port",
             "4000",
@@ -211,9 +211,9 @@ mod tests {
         ]))
         .unwrap()
         .unwrap();
-        assert_eq!(a.port, 4000);
-        assert_eq!(a.dir, PathBuf::from("/m"));
-        assert!(parse_args(&v(&["--version"])).unwrap().is_none());
+        assert_eq!(parsed.port, 4000);
+        assert_eq!(parsed.dir, PathBuf::from("/m"));
+        assert!(parse_args(&words(&["--version"])).unwrap().is_none());
         for bad in [
             &["app"][..],
             &["app", "--port", "x", "--models-dir", "/m"],
@@ -223,7 +223,7 @@ mod tests {
             &["app", "--port", "1", "--models-dir", "/m", "--bogus"],
             &["app", "--port", "1"],
         ] {
-            assert!(parse_args(&v(bad)).is_err(), "{bad:?} accepted");
+            assert!(parse_args(&words(bad)).is_err(), "{bad:?} accepted");
         }
     }
 }

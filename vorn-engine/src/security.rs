@@ -3,9 +3,10 @@
 /// Only our own loopback address is accepted as Host, which defeats DNS rebinding.
 pub fn host_allowed(host: Option<&str>, port: u16) -> bool {
     match host {
-        Some(h) => {
-            let h = h.trim();
-            h == format!("127.0.0.1:{port}") || h.eq_ignore_ascii_case(&format!("localhost:{port}"))
+        Some(host) => {
+            let host = host.trim();
+            host == format!("127.0.0.1:{port}")
+                || host.eq_ignore_ascii_case(&format!("localhost:{port}"))
         }
         None => false,
     }
@@ -15,10 +16,10 @@ pub fn host_allowed(host: Option<&str>, port: u16) -> bool {
 pub fn origin_allowed(origin: Option<&str>, port: u16) -> bool {
     match origin {
         None => true,
-        Some(o) => {
-            let o = o.trim();
-            o == format!("http://127.0.0.1:{port}")
-                || o.eq_ignore_ascii_case(&format!("http://localhost:{port}"))
+        Some(origin) => {
+            let origin = origin.trim();
+            origin == format!("http://127.0.0.1:{port}")
+                || origin.eq_ignore_ascii_case(&format!("http://localhost:{port}"))
         }
     }
 }
@@ -26,10 +27,10 @@ pub fn origin_allowed(origin: Option<&str>, port: u16) -> bool {
 /// `application/json`, optionally with parameters such as a charset.
 pub fn is_json_content_type(value: Option<&str>) -> bool {
     match value {
-        Some(v) => v
+        Some(value) => value
             .split(';')
             .next()
-            .map(|m| m.trim().eq_ignore_ascii_case("application/json"))
+            .map(|media_type| media_type.trim().eq_ignore_ascii_case("application/json"))
             .unwrap_or(false),
         None => false,
     }

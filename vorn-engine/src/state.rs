@@ -20,6 +20,20 @@ pub struct RunMetrics {
     pub ttft_ms: f64,
     /// Images whose encoding was done ahead of time by /api/encode.
     pub reused_images: i64,
+    /// The context in use and the messages left out to fit it.
+    pub context_size: i64,
+    pub dropped_messages: i64,
+}
+
+impl RunMetrics {
+    /// Figures of a run that so far only has its context.
+    pub fn with_context(context: crate::engine::ContextUse) -> Self {
+        RunMetrics {
+            context_size: i64::from(context.size),
+            dropped_messages: context.dropped_messages as i64,
+            ..RunMetrics::default()
+        }
+    }
 }
 
 #[derive(Debug, Clone, Default)]
@@ -48,6 +62,15 @@ pub struct Download {
 pub struct HeaderInfo {
     pub projector: bool,
     pub embedding: Option<u64>,
+    pub details: gguf::ModelDetails,
+}
+
+/// Header facts of a file as it was when read: size, modification time and
+/// what the header said (None when it could not be read).
+struct CachedHeader {
+    size: u64,
+    modified: Option<SystemTime>,
+    info: Option<HeaderInfo>,
 }
 
 pub struct Shared {
@@ -56,7 +79,7 @@ pub struct Shared {
     pub loaded: Mutex<Option<Loaded>>,
     pub last: Mutex<RunMetrics>,
     pub downloads: Mutex<BTreeMap<String, Download>>,
-    header_cache: Mutex<HashMap<PathBuf, (u64, Option<SystemTime>, Option<HeaderInfo>)>>,
+    header_cache: Mutex<HashMap<PathBuf, CachedHeader>>,
     pub shutting_down: AtomicBool,
 }
 
@@ -65,6 +88,9 @@ pub struct LocalModel {
     pub name: String,
     pub size: i64,
     pub projector: bool,
+    /// What the header tells, when it could be read.
+    #[serde(flatten)]
+    pub details: gguf::ModelDetails,
 }
 
 impl Shared {
@@ -87,21 +113,27 @@ impl Shared {
             return None;
         }
         let size = meta.len();
-        let mtime = meta.modified().ok();
-        if let Some((s, m, info)) = lock(&self.header_cache).get(path) {
-            if *s == size && *m == mtime {
-                return info.clone();
+        let modified = meta.modified().ok();
+        if let Some(cached) = lock(&self.header_cache).get(path) {
+            if cached.size == size && cached.modified == modified {
+                return cached.info.clone();
             }
         }
-        let info = gguf::read_file(path).ok().map(|h| HeaderInfo {
-            projector: h.is_projector(),
-            embedding: if h.is_projector() {
-                h.projector_output_dim()
+        let info = gguf::read_file(path).ok().map(|header| HeaderInfo {
+            projector: header.is_projector(),
+            embedding: if header.is_projector() {
+                header.projector_output_dim()
             } else {
-                h.embedding_length()
+                header.embedding_length()
             },
+            details: header.details(),
         });
-        lock(&self.header_cache).insert(path.to_path_buf(), (size, mtime, info.clone()));
+        let cached = CachedHeader {
+            size,
+            modified,
+            info: info.clone(),
+        };
+        lock(&self.header_cache).insert(path.to_path_buf(), cached);
         info
     }
 
@@ -118,8 +150,10 @@ impl Shared {
             if !crate::names::has_gguf_extension(&name) || name.starts_with('.') {
                 continue;
             }
-            let Ok(ft) = entry.file_type() else { continue };
-            if !(ft.is_file() || ft.is_symlink()) {
+            let Ok(file_type) = entry.file_type() else {
+                continue;
+            };
+            if !(file_type.is_file() || file_type.is_symlink()) {
                 continue;
             }
             let path = entry.path();
@@ -129,15 +163,16 @@ impl Shared {
                 Ok(_) => continue,
                 Err(_) => 0,
             };
-            let projector = size > 0
-                && self
-                    .header_info(&path)
-                    .map(|i| i.projector)
-                    .unwrap_or(false);
+            let info = if size > 0 {
+                self.header_info(&path)
+            } else {
+                None
+            };
             out.push(LocalModel {
                 name,
                 size,
-                projector,
+                projector: info.as_ref().is_some_and(|i| i.projector),
+                details: info.map(|i| i.details).unwrap_or_default(),
             });
         }
         out.sort_by(|a, b| a.name.cmp(&b.name));

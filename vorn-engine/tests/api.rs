@@ -43,14 +43,18 @@ fn state_lists_models_in_name_order() {
     assert_eq!(
         s["last"],
         json!({"decode_tps": 0.0, "prefill_tps": 0.0, "prompt_tokens": 0, "completion_tokens": 0,
-               "evaluated_tokens": 0, "cached_tokens": 0, "ttft_ms": 0.0, "reused_images": 0})
+               "evaluated_tokens": 0, "cached_tokens": 0, "ttft_ms": 0.0, "reused_images": 0,
+               "context_size": 0, "dropped_messages": 0})
     );
     assert_eq!(
         s["models"],
         json!([
             {"name": "a-gone.gguf", "size": 0, "projector": false},
-            {"name": "b-mmproj.gguf", "size": 1039072, "projector": true},
-            {"name": "stories260K.gguf", "size": 1185376, "projector": false},
+            {"name": "b-mmproj.gguf", "size": 1039072, "projector": true,
+             "architecture": "clip", "parameters": 844288, "quantization": "Q8_0"},
+            {"name": "stories260K.gguf", "size": 1185376, "projector": false,
+             "architecture": "llama", "context_length": 2048, "parameters": 292800,
+             "quantization": "F32", "kv_bytes_per_token": 640},
         ])
     );
 }
@@ -481,6 +485,8 @@ fn sigterm_exits_cleanly() {
     let e = Engine::start(&stories_dir("sigterm"));
     assert_eq!(e.load("stories260K.gguf").status, 200);
     let mut e = e;
+    // SAFETY: kill takes plain integers and touches no memory; the pid is
+    // our own child, not yet reaped.
     unsafe { libc::kill(e.child.id() as i32, libc::SIGTERM) };
     let deadline = Instant::now() + Duration::from_secs(20);
     loop {
@@ -544,6 +550,8 @@ fn engine_exits_when_its_parent_dies() {
     )
     .unwrap();
     let pid: i32 = line.trim().parse().unwrap();
+    // SAFETY: signal 0 only asks whether the process exists; nothing is sent
+    // and no memory is touched.
     let alive = |pid: i32| unsafe { libc::kill(pid, 0) } == 0 && !is_zombie(pid);
     let deadline = Instant::now() + Duration::from_secs(20);
     while request(

@@ -455,6 +455,8 @@ fn sigterm_during_download_keeps_the_partial_file() {
         assert!(Instant::now() < deadline, "no progress");
         std::thread::sleep(Duration::from_millis(20));
     }
+    // SAFETY: kill takes plain integers and touches no memory; the pid is
+    // our own child, not yet reaped.
     unsafe { libc::kill(e.child.id() as i32, libc::SIGTERM) };
     let status = e.child.wait().unwrap();
     assert_eq!(status.code(), Some(0));

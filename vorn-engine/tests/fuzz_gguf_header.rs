@@ -206,7 +206,11 @@ fn generate_header(rng: &mut Rng) -> Vec<u8> {
         let name = if rng.one_in(6) {
             random_text(rng)
         } else {
-            let names: &[&str] = if rng.one_in(4) { &TENSORS } else { &gguf::PROJECTION_TENSORS };
+            let names: &[&str] = if rng.one_in(4) {
+                &TENSORS
+            } else {
+                &gguf::PROJECTION_TENSORS
+            };
             rng.pick(names).as_bytes().to_vec()
         };
         put_string(&mut out, rng, &name);
@@ -478,7 +482,7 @@ impl Target for GgufTarget {
         }
         // Reading only the first `cut` bytes of a longer source must give the
         // same answer as a source that ends there.
-        if self.runs % 8 == 0 && len > 0 {
+        if self.runs.is_multiple_of(8) && len > 0 {
             let cut = (self.runs as usize / 8 * 7919) % len;
             let whole = parse_bytes(input, cut as u64);
             let prefix = parse_bytes(&input[..cut], cut as u64);

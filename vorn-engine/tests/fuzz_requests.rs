@@ -18,9 +18,8 @@ use fuzzing::rng::Rng;
 use fuzzing::{memory, shape, Target};
 use serde_json::{json, Value};
 use std::path::PathBuf;
-use std::sync::{Arc, Mutex};
 use tower::ServiceExt;
-use vorn_engine::{download, engine, server, state};
+use vorn_engine::{engine, server};
 
 const PORT: u16 = 4000;
 const HOST: &str = "127.0.0.1:4000";
@@ -28,12 +27,13 @@ const HOST: &str = "127.0.0.1:4000";
 /// nothing listens, so none leaves the machine.
 const HUB: &str = "http://127.0.0.1:1";
 
-const ROUTES: [&str; 6] = [
+const ROUTES: [&str; 7] = [
     "/api/state",
     "/api/load",
     "/api/unload",
     "/api/pull",
     "/api/encode",
+    "/api/count",
     "/v1/chat/completions",
 ];
 const OTHER_PATHS: [&str; 10] = [
@@ -280,7 +280,8 @@ fn data_url(rng: &mut Rng) -> String {
     let mut b64 = base64::engine::general_purpose::STANDARD.encode(bytes);
     if rng.one_in(4) && !b64.is_empty() {
         let at = rng.below(b64.len());
-        b64.insert_str(at, *rng.pick(&[" ", "\n", "@", "=", "-_", "\u{e9}"]));
+        let noise = *rng.pick(&[" ", "\n", "@", "=", "-_", "\u{e9}"]);
+        b64.insert_str(at, noise);
     }
     let meta = *rng.pick(&[
         "data:image/png;base64,",
@@ -315,6 +316,9 @@ fn content(rng: &mut Rng) -> Value {
     }
 }
 
+/// Makes a random value for one optional field.
+type ValueMaker = fn(&mut Rng) -> Value;
+
 fn chat_body(rng: &mut Rng) -> Value {
     let messages: Vec<Value> = (0..rng.small(5))
         .map(|_| {
@@ -324,7 +328,7 @@ fn chat_body(rng: &mut Rng) -> Value {
         })
         .collect();
     let mut body = json!({ "messages": messages });
-    let optional: [(&str, fn(&mut Rng) -> Value); 10] = [
+    let optional: [(&str, ValueMaker); 10] = [
         ("stream", |r| json!(r.one_in(2))),
         ("temperature", |r| json!(r.small(30) as f64 / 10.0)),
         ("top_p", |r| json!(r.small(10) as f64 / 10.0)),
@@ -356,7 +360,7 @@ fn body_for(rng: &mut Rng, path: &str) -> Value {
             "url": or_random(rng, |r| json!(*r.pick(&URLS))),
         }),
         "/api/encode" => json!({ "url": or_random(rng, |r| json!(data_url(r))) }),
-        "/v1/chat/completions" => chat_body(rng),
+        "/v1/chat/completions" | "/api/count" => chat_body(rng),
         _ => random_value(rng, 0),
     }
 }
@@ -466,6 +470,9 @@ fn mutate_value(rng: &mut Rng, v: &mut Value, depth: u32) {
     }
 }
 
+/// A seed input: method, path, headers and JSON body (null for none).
+type SeedRequest<'a> = (&'a str, &'a str, &'a [(&'a str, &'a str)], Value);
+
 struct RequestTarget {
     runtime: tokio::runtime::Runtime,
     router: axum::Router,
@@ -490,17 +497,10 @@ impl RequestTarget {
             .enable_all()
             .build()
             .expect("runtime");
-        let shared = Arc::new(state::Shared::new(dir.clone(), PORT));
-        let engine = engine::spawn(shared.clone());
-        let downloads = {
+        let router = {
             let _inside = runtime.enter();
-            download::Downloader::new(shared.clone())
+            server::router(server::App::new(dir.clone(), PORT))
         };
-        let router = server::router(server::App {
-            shared,
-            engine: Arc::new(Mutex::new(engine)),
-            downloads,
-        });
         RequestTarget {
             runtime,
             router,
@@ -540,7 +540,7 @@ impl Target for RequestTarget {
         ], "stream": true, "temperature": 0.7, "top_p": 0.9, "min_p": 0.05, "top_k": 40,
            "seed": 7, "max_tokens": 32, "stop": ["</s>", "\n\n"]});
         let plain: &[(&str, &str)] = &[("Host", HOST), ("Content-Type", "application/json")];
-        let bodies: [(&str, &str, &[(&str, &str)], Value); 9] = [
+        let bodies: [SeedRequest; 10] = [
             ("GET", "/api/state", &h, Value::Null),
             (
                 "POST",
@@ -562,6 +562,7 @@ impl Target for RequestTarget {
                 &h,
                 json!({"url": "data:image/png;base64,aGk="}),
             ),
+            ("POST", "/api/count", &h, chat.clone()),
             ("POST", "/v1/chat/completions", plain, chat),
             (
                 "POST",
@@ -602,6 +603,7 @@ impl Target for RequestTarget {
             "POST /api/load",
             "GET /api/state",
             "POST /v1/chat/completions",
+            "POST /api/count",
             "\"messages\"",
             "\"content\"",
             "\"role\"",

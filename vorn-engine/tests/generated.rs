@@ -44,7 +44,7 @@ fn model_with_its_own_chat_template() {
     // The phi-3 template wraps the turn in <|user|> ... <|end|> <|assistant|>,
     // which are single special tokens: a handful of tokens in all.
     let prompt = v["usage"]["prompt_tokens"].as_i64().unwrap();
-    assert!(prompt >= 4 && prompt <= 12, "{v}");
+    assert!((4..=12).contains(&prompt), "{v}");
     messages.push(json!({"role": "assistant", "content": reply}));
     messages.push(user("And then?"));
     let r =
@@ -60,24 +60,7 @@ fn model_with_its_own_chat_template() {
 
 #[test]
 fn image_chat_with_projector() {
-    let dir = temp_dir("vision");
-    write_model(
-        &dir.join("tinygemma3.gguf"),
-        &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
-        &ModelShape {
-            arch: "gemma3",
-            n_embd: 128,
-            n_layer: 2,
-            n_head: 4,
-            n_ff: 256,
-            seed: 5,
-        },
-    );
-    std::os::unix::fs::symlink(
-        shared_models().join("mmproj/mmproj-tinygemma3.gguf"),
-        dir.join("mmproj-tinygemma3.gguf"),
-    )
-    .unwrap();
+    let dir = vision_dir("vision");
     std::os::unix::fs::symlink(
         shared_models().join("stories260K.gguf"),
         dir.join("stories260K.gguf"),

@@ -1,80 +1,50 @@
 //! Writes tiny random-weight GGUF models at test time, borrowing the
 //! tokenizer of a vocabulary-only file.
 
+#[path = "gguf_edit.rs"]
+pub mod gguf_edit;
+
+use gguf_edit::{put_str, Entry, Gguf, TYPE_F32, TYPE_STRING};
 use std::io::Write;
 use std::path::Path;
 
-struct Cursor<'a> {
-    b: &'a [u8],
-    p: usize,
-}
+/// GGUF token types.
+pub const CONTROL: i32 = 3;
+pub const USER_DEFINED: i32 = 4;
 
-impl Cursor<'_> {
-    fn u32(&mut self) -> u32 {
-        let v = u32::from_le_bytes(self.b[self.p..self.p + 4].try_into().unwrap());
-        self.p += 4;
-        v
-    }
-    fn u64(&mut self) -> u64 {
-        let v = u64::from_le_bytes(self.b[self.p..self.p + 8].try_into().unwrap());
-        self.p += 8;
-        v
-    }
-    fn string(&mut self) -> String {
-        let n = self.u64() as usize;
-        let s = String::from_utf8_lossy(&self.b[self.p..self.p + n]).into_owned();
-        self.p += n;
-        s
-    }
-    fn skip_value(&mut self, ty: u32) -> u64 {
-        match ty {
-            0 | 1 | 7 => self.p += 1,
-            2 | 3 => self.p += 2,
-            4 | 5 | 6 => self.p += 4,
-            10 | 11 | 12 => self.p += 8,
-            8 => {
-                self.string();
-            }
-            9 => {
-                let et = self.u32();
-                let n = self.u64();
-                for _ in 0..n {
-                    self.skip_value(et);
-                }
-                return n;
-            }
-            _ => panic!("unknown type {ty}"),
+/// The `tokenizer.*` entries of a vocabulary file, with `added` tokens
+/// appended to its lists, and the token texts.
+fn tokenizer_entries(vocab: &Path, added: &[(&str, i32)]) -> (Vec<Entry>, Vec<String>) {
+    let mut entries: Vec<Entry> = Gguf::read(vocab)
+        .entries
+        .into_iter()
+        .filter(|e| e.key.starts_with("tokenizer."))
+        .collect();
+    for entry in &mut entries {
+        let (mut encoded, count) = (Vec::new(), added.len() as u64);
+        match entry.key.as_str() {
+            "tokenizer.ggml.tokens" => added.iter().for_each(|(t, _)| put_str(&mut encoded, t)),
+            "tokenizer.ggml.scores" => added
+                .iter()
+                .for_each(|_| encoded.extend_from_slice(&0f32.to_le_bytes())),
+            "tokenizer.ggml.token_type" => added
+                .iter()
+                .for_each(|(_, ty)| encoded.extend_from_slice(&ty.to_le_bytes())),
+            _ => continue,
         }
-        0
+        entry.append(&encoded, count);
     }
-}
-
-/// Raw `tokenizer.*` entries of a vocabulary file and its token count.
-fn tokenizer_entries(vocab: &Path) -> (Vec<Vec<u8>>, u64) {
-    let b = std::fs::read(vocab).unwrap();
-    let mut c = Cursor { b: &b, p: 8 };
-    let _n_tensors = c.u64();
-    let n_kv = c.u64();
-    let mut out = Vec::new();
-    let mut n_vocab = 0;
-    for _ in 0..n_kv {
-        let start = c.p;
-        let key = c.string();
-        let ty = c.u32();
-        let n = c.skip_value(ty);
-        if key == "tokenizer.ggml.tokens" {
-            n_vocab = n;
-        }
-        if key.starts_with("tokenizer.") {
-            out.push(b[start..c.p].to_vec());
-        }
-    }
-    (out, n_vocab)
+    let tokens = entries
+        .iter()
+        .find(|e| e.key == "tokenizer.ggml.tokens")
+        .expect("a vocabulary")
+        .strings();
+    (entries, tokens)
 }
 
 fn kv_str(out: &mut Vec<u8>, k: &str, v: &str) {
     put_str(out, k);
-    out.extend_from_slice(&8u32.to_le_bytes());
+    out.extend_from_slice(&TYPE_STRING.to_le_bytes());
     put_str(out, v);
 }
 
@@ -86,13 +56,8 @@ fn kv_u32(out: &mut Vec<u8>, k: &str, v: u32) {
 
 fn kv_f32(out: &mut Vec<u8>, k: &str, v: f32) {
     put_str(out, k);
-    out.extend_from_slice(&6u32.to_le_bytes());
+    out.extend_from_slice(&TYPE_F32.to_le_bytes());
     out.extend_from_slice(&v.to_le_bytes());
-}
-
-fn put_str(out: &mut Vec<u8>, s: &str) {
-    out.extend_from_slice(&(s.len() as u64).to_le_bytes());
-    out.extend_from_slice(s.as_bytes());
 }
 
 pub struct ModelShape<'a> {
@@ -104,9 +69,40 @@ pub struct ModelShape<'a> {
     pub seed: u64,
 }
 
+/// What a generated model carries besides its shape and random weights.
+#[derive(Default)]
+pub struct Extras<'a> {
+    /// Its `tokenizer.chat_template`.
+    pub chat_template: Option<&'a str>,
+    /// Tokens added to the vocabulary, with their GGUF token type.
+    pub added_tokens: &'a [(&'a str, i32)],
+    /// Token texts `(first, then)`: the weights are set so that the model
+    /// writes `first` after any other token and `then` after `first`
+    /// (llama-shaped models only).
+    pub steer: Option<(&'a str, &'a str)>,
+    /// The trained context the header states; 4096 when not given.
+    pub context_length: Option<u32>,
+}
+
 /// Writes a llama- or gemma3-shaped model with random F32 weights.
 pub fn write_model(out_path: &Path, vocab: &Path, shape: &ModelShape) {
-    let (tok_entries, n_vocab) = tokenizer_entries(vocab);
+    write_model_with(out_path, vocab, shape, &Extras::default());
+}
+
+pub fn write_model_with(out_path: &Path, vocab: &Path, shape: &ModelShape, extras: &Extras) {
+    let (mut tok_entries, tokens) = tokenizer_entries(vocab, extras.added_tokens);
+    if let Some(template) = extras.chat_template {
+        tok_entries.retain(|e| e.key != "tokenizer.chat_template");
+        tok_entries.push(Entry::string("tokenizer.chat_template", template));
+    }
+    let n_vocab = tokens.len() as u64;
+    let id = |text: &str| {
+        tokens
+            .iter()
+            .position(|t| t == text)
+            .unwrap_or_else(|| panic!("no token {text:?} in the vocabulary")) as u64
+    };
+    let steer = extras.steer.map(|(first, then)| (id(first), id(then)));
     let a = shape.arch;
     let e = shape.n_embd;
     let head = e / shape.n_head;
@@ -143,7 +139,11 @@ pub fn write_model(out_path: &Path, vocab: &Path, shape: &ModelShape) {
     kv_str(&mut kv, "general.architecture", a);
     kv_str(&mut kv, "general.name", "vorn test model");
     kv_u32(&mut kv, "general.alignment", 32);
-    kv_u32(&mut kv, &format!("{a}.context_length"), 4096);
+    kv_u32(
+        &mut kv,
+        &format!("{a}.context_length"),
+        extras.context_length.unwrap_or(4096),
+    );
     kv_u32(&mut kv, &format!("{a}.embedding_length"), e as u32);
     kv_u32(&mut kv, &format!("{a}.block_count"), shape.n_layer as u32);
     kv_u32(
@@ -175,7 +175,7 @@ pub fn write_model(out_path: &Path, vocab: &Path, shape: &ModelShape) {
         n_kv += 2;
     }
     for t in &tok_entries {
-        kv.extend_from_slice(t);
+        kv.extend_from_slice(&t.bytes());
         n_kv += 1;
     }
 
@@ -198,7 +198,7 @@ pub fn write_model(out_path: &Path, vocab: &Path, shape: &ModelShape) {
         let bytes = dims.iter().product::<u64>() * 4;
         offset += bytes.div_ceil(32) * 32;
     }
-    while header.len() % 32 != 0 {
+    while !header.len().is_multiple_of(32) {
         header.push(0);
     }
 
@@ -214,8 +214,8 @@ pub fn write_model(out_path: &Path, vocab: &Path, shape: &ModelShape) {
         let n = dims.iter().product::<u64>();
         let is_norm = name.contains("norm");
         let mut buf = Vec::with_capacity(n as usize * 4);
-        for _ in 0..n {
-            let v = if is_norm {
+        for k in 0..n {
+            let mut v = if is_norm {
                 1.0f32
             } else {
                 x ^= x << 13;
@@ -223,12 +223,68 @@ pub fn write_model(out_path: &Path, vocab: &Path, shape: &ModelShape) {
                 x ^= x << 17;
                 ((x >> 40) as f32 / (1u64 << 24) as f32 - 0.5) * 0.2
             };
+            if let Some(steer) = steer {
+                v += steering(name, k / e, k % e, steer);
+            }
             buf.extend_from_slice(&v.to_le_bytes());
         }
         f.write_all(&buf).unwrap();
         written += n * 4;
     }
     f.flush().unwrap();
+}
+
+/// A value in a header written by `write_header`.
+#[derive(Clone, Copy)]
+pub enum HeaderValue<'a> {
+    Text(&'a str),
+    Uint(u32),
+}
+
+/// Writes a GGUF file that is only a header: these keys and tensor entries
+/// (name, dimensions, ggml type number), without tensor data. Enough for
+/// the models listing, not for loading.
+pub fn write_header(
+    out_path: &Path,
+    keys: &[(&str, HeaderValue)],
+    tensors: &[(&str, &[u64], u32)],
+) {
+    let mut out = b"GGUF".to_vec();
+    out.extend_from_slice(&3u32.to_le_bytes());
+    out.extend_from_slice(&(tensors.len() as u64).to_le_bytes());
+    out.extend_from_slice(&(keys.len() as u64).to_le_bytes());
+    for (key, value) in keys {
+        match value {
+            HeaderValue::Text(text) => kv_str(&mut out, key, text),
+            HeaderValue::Uint(n) => kv_u32(&mut out, key, *n),
+        }
+    }
+    let mut offset = 0u64;
+    for (name, dims, kind) in tensors {
+        put_str(&mut out, name);
+        out.extend_from_slice(&(dims.len() as u32).to_le_bytes());
+        for d in *dims {
+            out.extend_from_slice(&d.to_le_bytes());
+        }
+        out.extend_from_slice(&kind.to_le_bytes());
+        out.extend_from_slice(&offset.to_le_bytes());
+        offset += 1024;
+    }
+    std::fs::write(out_path, out).unwrap();
+}
+
+/// What steering adds to the weight of `token`'s row at `dim`. Every
+/// token's embedding gets a large first component, but `first`'s gets a
+/// large second one instead; they dominate the normalised last hidden
+/// state, and the output rows of `first` and `then` read exactly those.
+fn steering(tensor: &str, token: u64, dim: u64, (first, then): (u64, u64)) -> f32 {
+    match (tensor, dim) {
+        ("token_embd.weight", 0) if token != first => 8.0,
+        ("token_embd.weight", 1) if token == first => 8.0,
+        ("output.weight", 0) if token == first => 4.0,
+        ("output.weight", 1) if token == then => 4.0,
+        _ => 0.0,
+    }
 }
 
 /// A minimal PNG (stored deflate blocks) of the given RGB size.

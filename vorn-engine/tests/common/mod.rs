@@ -257,10 +257,7 @@ pub fn parse_response(raw: &[u8]) -> std::io::Result<Response> {
 
 fn dechunk(mut data: &[u8]) -> Vec<u8> {
     let mut out = Vec::new();
-    loop {
-        let Some(eol) = data.windows(2).position(|w| w == b"\r\n") else {
-            break;
-        };
+    while let Some(eol) = data.windows(2).position(|w| w == b"\r\n") {
         let size_line = String::from_utf8_lossy(&data[..eol]).into_owned();
         let Ok(size) = usize::from_str_radix(size_line.split(';').next().unwrap_or("").trim(), 16)
         else {
@@ -283,6 +280,30 @@ pub fn stories_dir(tag: &str) -> PathBuf {
     std::os::unix::fs::symlink(
         shared_models().join("stories260K.gguf"),
         dir.join("stories260K.gguf"),
+    )
+    .unwrap();
+    dir
+}
+
+/// A models folder holding a generated gemma3 model, `tinygemma3.gguf`, and
+/// a link to the tiny test projector that fits it.
+pub fn vision_dir(tag: &str) -> PathBuf {
+    let dir = temp_dir(tag);
+    gen::write_model(
+        &dir.join("tinygemma3.gguf"),
+        &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
+        &gen::ModelShape {
+            arch: "gemma3",
+            n_embd: 128,
+            n_layer: 2,
+            n_head: 4,
+            n_ff: 256,
+            seed: 5,
+        },
+    );
+    std::os::unix::fs::symlink(
+        shared_models().join("mmproj/mmproj-tinygemma3.gguf"),
+        dir.join("mmproj-tinygemma3.gguf"),
     )
     .unwrap();
     dir

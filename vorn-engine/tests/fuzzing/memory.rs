@@ -26,6 +26,9 @@ fn shrank(n: usize) {
     CURRENT.fetch_sub(n, Ordering::Relaxed);
 }
 
+// SAFETY: every call goes to the system allocator with the caller's own
+// arguments, so its guarantees carry over; refusing a request with null is
+// allowed, and the counters touch no allocated memory.
 unsafe impl GlobalAlloc for Counting {
     unsafe fn alloc(&self, layout: Layout) -> *mut u8 {
         if layout.size() > LARGEST_ALLOCATION {
