@@ -15,6 +15,16 @@ use std::path::{Path, PathBuf};
 
 const MANIFEST: &str = "vorn-engine-runtime.txt";
 
+/// The shared libraries the engine links (llama.cpp also builds others, such as its
+/// command-line helpers' `llama-common`, which the engine never loads).
+const LIBRARIES: [&str; 4] = ["llama", "mtmd", "ggml", "ggml-base"];
+
+/// The library a file name belongs to: `libggml-base.so.0` and `ggml-base.dll` are `ggml-base`.
+fn library_of(file: &str) -> &str {
+    let name = file.strip_prefix("lib").unwrap_or(file);
+    name.split('.').next().unwrap_or(name)
+}
+
 fn main() {
     println!("cargo:rerun-if-changed=build.rs");
     println!("cargo:rerun-if-env-changed=DEP_LLAMA_BACKENDS_DIR");
@@ -61,7 +71,7 @@ fn install(llama: &Path, backends: &Path, profile: &Path, target_os: &str) -> io
     for folder in folders.iter().filter(|f| f.is_dir()) {
         println!("cargo:rerun-if-changed={}", folder.display());
         for name in names_in(folder)? {
-            if is_library(&name) {
+            if is_library(&name) && LIBRARIES.contains(&library_of(&name)) {
                 files.push((folder.join(&name), name));
             }
         }
