@@ -17,8 +17,9 @@
 #   icelake    skylakex + AVX-512 VBMI and VNNI (Ice Lake on, AMD Zen 4 and 5)
 # Left out: sandybridge, ivybridge, piledriver (AVX without AVX2: they use sse42),
 # cannonlake and cascadelake (close to icelake / skylakex), cooperlake and zen4 (add
-# AVX-512 BF16, which only BF16 models use), and sapphirerapids, whose AMX code crashes
-# on virtual machines that report AMX without enabling it.
+# AVX-512 BF16, which only BF16 models use), and sapphirerapids: llama.cpp built for
+# the development machine's AMX crashed in its AMX matrix multiplication, and the AMX
+# code has not been shown correct and faster since; CPUs with AMX load icelake.
 set(VORN_CPU_VARIANTS_X86 x64 sse42 haswell alderlake skylakex icelake)
 
 # ggml defines its variant function after this file runs. A watch on the variable that

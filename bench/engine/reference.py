@@ -4,11 +4,15 @@ alternating rounds so that both see the same load on a shared machine.
 
 Builds bench/engine/LlamaReference.cpp (once, into <build>/bench/llama_reference)
 against the llama.cpp libraries installed beside the engine, from the headers their
-build installed (vorn-engine-runtime.txt names them). Each round asks the engine for a
-32-token greedy reply and a fresh ~280-token prompt (as bench.py does), then runs the
-reference with the CPU variant the engine reports, the engine's thread count and the
-number of prompt tokens the engine evaluated. Prints one JSON line: the medians of each
-side and their ratios, and the same for the fastest round of each side.
+build installed (vorn-engine-runtime.txt names them). Each round asks the engine for
+three 32-token greedy replies and three fresh ~280-token prompts (as bench.py does),
+then runs the reference, which repeats each three times too, with the CPU variant the
+engine reports, the engine's thread count and the number of prompt tokens the engine
+evaluated. Where the engine runs a wider variant than
+`--baseline-variant` (haswell: AVX2, which the engine was built with before it chose at
+run time), each round also runs the reference on that variant, for the speed-up in the
+same run. Prints one JSON line: the medians of each side and their ratios, and the same
+for the fastest round of each side.
 
     python3 bench/engine/reference.py --engine build/bin/vorn-engine --model M.gguf [--rounds 5]
 """
@@ -29,6 +33,8 @@ from engine_process import EngineProcess  # noqa: E402
 DECODE_TOKENS = 32
 PREFILL_SENTENCES = 25
 CTX = 4096
+# Replies and prompts per round on each side; each side's round figure is their median.
+REPEAT = 3
 
 
 def median(xs):
@@ -63,12 +69,22 @@ def build_reference(bin_dir, program):
                    check=True)
 
 
+def run_reference(command, variant):
+    """The reference's figures on one CPU variant (None or "built-in": llama.cpp's own choice)."""
+    if variant and variant != "built-in":
+        command = command + ["--cpu-variant", variant]
+    done = subprocess.run(command, stdout=subprocess.PIPE, check=True, text=True)
+    return json.loads(done.stdout)
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("--engine", required=True, help="vorn-engine in a build's bin folder")
     ap.add_argument("--model", required=True)
     ap.add_argument("--program", help="where the reference is built (default: <build>/bench/llama_reference)")
     ap.add_argument("--rounds", type=int, default=5)
+    ap.add_argument("--baseline-variant", default="haswell",
+                    help="CPU variant to compare the engine's with on the reference (empty: none)")
     args = ap.parse_args()
     bin_dir = os.path.dirname(os.path.abspath(args.engine))
     program = args.program or os.path.join(os.path.dirname(bin_dir), "bench", "llama_reference")
@@ -84,30 +100,38 @@ def main():
         engine.call("/api/load", {"name": name, "gpu": True, "ctx": CTX})
         state = engine.state()
         variant = state.get("cpu_variant")
+        compare = bool(args.baseline_variant) and variant not in (None, "built-in", args.baseline_variant)
         long_text = " ".join("the little girl went to the park with her dog" for _ in range(PREFILL_SENTENCES))
         for i in range(args.rounds):
-            engine.call("/v1/chat/completions", {
-                "messages": [{"role": "user", "content": "Once upon a time, story %d" % i}],
-                "temperature": 0, "max_tokens": DECODE_TOKENS})
-            decode = engine.state()["last"]["decode_tps"]
-            engine.call("/v1/chat/completions", {
-                "messages": [{"role": "user", "content": "%d %s" % (i, long_text)}],
-                "temperature": 0, "max_tokens": 1})
-            last = engine.state()["last"]
+            # As many replies and prompts as the reference repeats, for medians of the same kind.
+            decodes, prefills = [], []
+            for k in range(REPEAT):
+                engine.call("/v1/chat/completions", {
+                    "messages": [{"role": "user", "content": "Once upon a time, story %d.%d" % (i, k)}],
+                    "temperature": 0, "max_tokens": DECODE_TOKENS})
+                decodes.append(engine.state()["last"]["decode_tps"])
+                engine.call("/v1/chat/completions", {
+                    "messages": [{"role": "user", "content": "%d.%d %s" % (i, k, long_text)}],
+                    "temperature": 0, "max_tokens": 1})
+                last = engine.state()["last"]
+                prefills.append(last["prefill_tps"])
+            decode, prefill = median(decodes), median(prefills)
             command = [program, "--model", args.model, "--backends", bin_dir, "--threads", str(threads),
                        "--prompt-tokens", str(last["evaluated_tokens"]), "--decode-tokens", str(DECODE_TOKENS),
-                       "--ctx", str(CTX), "--repeat", "3"]
-            if variant and variant != "built-in":
-                command += ["--cpu-variant", variant]
-            done = subprocess.run(command, stdout=subprocess.PIPE, check=True, text=True)
-            reference = json.loads(done.stdout)
-            rounds.append({"engine_decode_tps": decode, "engine_prefill_tps": last["prefill_tps"],
+                       "--ctx", str(CTX), "--repeat", str(REPEAT)]
+            reference = run_reference(command, variant)
+            row = {}
+            if compare:
+                baseline = run_reference(command, args.baseline_variant)
+                row = {"baseline_decode_tps": baseline["reference_decode_tps"],
+                       "baseline_prefill_tps": baseline["reference_prefill_tps"]}
+            rounds.append({**row, "engine_decode_tps": decode, "engine_prefill_tps": prefill,
                            "reference_decode_tps": reference["reference_decode_tps"],
                            "reference_prefill_tps": reference["reference_prefill_tps"],
                            "prompt_tokens": last["evaluated_tokens"], "load": round(os.getloadavg()[0], 2),
                            "reference_cpu_variant": reference["reference_cpu_variant"]})
             print("round %d: engine %.1f / %.1f, reference %.1f / %.1f tokens/s (decode / prefill), load %.1f"
-                  % (i + 1, decode, last["prefill_tps"], reference["reference_decode_tps"],
+                  % (i + 1, decode, prefill, reference["reference_decode_tps"],
                      reference["reference_prefill_tps"], os.getloadavg()[0]), file=sys.stderr)
     finally:
         engine.stop()
@@ -127,6 +151,12 @@ def main():
     for figure in ("decode", "prefill"):
         result["%s_ratio_best" % figure] = (result["engine_%s_tps_best" % figure]
                                             / result["reference_%s_tps_best" % figure])
+    if compare:
+        result["baseline_variant"] = args.baseline_variant
+        for figure in ("decode", "prefill"):
+            key = "baseline_%s_tps" % figure
+            result[key] = median([r[key] for r in rounds])
+            result["%s_over_baseline" % figure] = result["reference_%s_tps" % figure] / result[key]
     result["per_round"] = rounds
     print(json.dumps(result))
 
