@@ -1,5 +1,6 @@
 #include "AppDelegate.h"
 #include "AppIconArt.h"
+#include "ApplicationIdentity.h"
 #include "QuitSignals.h"
 #include "ViewSetup.h"
 #include "engine/EngineStore.h"
@@ -54,9 +55,7 @@ void reportStartup(AppDelegate &delegate)
 int main(int argc, char *argv[])
 {
     QApplication application(argc, argv);
-    QCoreApplication::setOrganizationName(QStringLiteral("Vorn"));
-    QCoreApplication::setApplicationName(QStringLiteral("Vorn"));
-    QCoreApplication::setApplicationVersion(QStringLiteral(VORN_VERSION));
+    ApplicationIdentity::apply();
     QIcon icon;
     for (const int size : {16, 32, 48, 64, 128, 256})
         icon.addPixmap(QPixmap::fromImage(AppIconArt::applicationImage(size)));
