@@ -2,8 +2,10 @@
 #include "AppIconArt.h"
 #include "ApplicationIdentity.h"
 #include "QuitSignals.h"
+#include "SingleInstance.h"
 #include "ViewSetup.h"
 #include "engine/EngineStore.h"
+#include "model/HistoryFile.h"
 
 #ifdef VORN_HAVE_DIALOGS
 #include "DialogFileChooser.h"
@@ -50,12 +52,30 @@ void reportStartup(AppDelegate &delegate)
     });
 }
 
+// With VORN_STARTUP_REPORT set, a later start that brought the window forward is
+// reported too.
+void reportActivation()
+{
+    if (qEnvironmentVariableIsEmpty("VORN_STARTUP_REPORT"))
+        return;
+    std::fprintf(stderr, "window_shown_for_later_start: %s\n", "yes");
+    std::fflush(stderr);
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
 {
     QApplication application(argc, argv);
     ApplicationIdentity::apply();
+    // A second start over the same history shows the running window and ends.
+    SingleInstance instance(HistoryFile::defaultFolder());
+    if (!instance.claim()) {
+        if (instance.activateRunning())
+            return 0;
+        std::fprintf(stderr, "Vorn is already running, but its window could not be shown.\n");
+        return 1;
+    }
     QIcon icon;
     for (const int size : {16, 32, 48, 64, 128, 256})
         icon.addPixmap(QPixmap::fromImage(AppIconArt::applicationImage(size)));
@@ -63,6 +83,12 @@ int main(int argc, char *argv[])
     ViewSetup::prepareApplication();
 
     AppDelegate delegate;
+    QObject::connect(&instance, &SingleInstance::activationRequested, &delegate, [&delegate] {
+        if (QQuickWindow *window = delegate.window(); window && window->windowStates().testFlag(Qt::WindowMinimized))
+            window->setWindowStates(window->windowStates() & ~Qt::WindowMinimized);
+        delegate.openWindow();
+        reportActivation();
+    });
 #ifdef VORN_HAVE_DIALOGS
     delegate.store().setFileChooser(std::make_shared<DialogFileChooser>());
 #endif

@@ -4,18 +4,8 @@
 #include "model/HistoryFile.h"
 
 #include <QDir>
-#include <QStandardPaths>
 
 namespace {
-
-// "Vorn" in the application data folder.
-QString dataFolderPath()
-{
-    const QString folder = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
-    if (folder.isEmpty())
-        qFatal("No application data folder is available");
-    return QDir(folder).filePath(QStringLiteral("Vorn"));
-}
 
 // The history file in the data folder, which is created (0700) if need be.
 QString historyFilePath(const QString &dataFolder)
@@ -28,7 +18,7 @@ QString historyFilePath(const QString &dataFolder)
 
 EngineStore::EngineStore(QObject *parent)
     : QObject(parent),
-      m_dataFolder(dataFolderPath()),
+      m_dataFolder(HistoryFile::defaultFolder()),
       m_engine(new EngineConnection(QDir(QDir::homePath()).filePath(QStringLiteral(".vorn/models")), this)),
       m_conversations(new Conversations(historyFilePath(m_dataFolder), this)),
       m_library(new ModelLibrary(*m_engine, this)),

@@ -8,8 +8,17 @@
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QSaveFile>
+#include <QStandardPaths>
 
 namespace HistoryFile {
+
+QString defaultFolder()
+{
+    const QString folder = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
+    if (folder.isEmpty())
+        qFatal("No application data folder is available");
+    return QDir(folder).filePath(QStringLiteral("Vorn"));
+}
 
 void prepareFolder(const QString &folder)
 {
