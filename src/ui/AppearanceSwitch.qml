@@ -30,6 +30,9 @@ Rectangle {
                 readonly property bool chosen: AppearanceSetting.appearance === modelData.tag
 
                 objectName: "appearance" + modelData.label
+                Accessible.name: modelData.label
+                Accessible.checkable: true
+                Accessible.checked: chosen
                 Layout.fillWidth: true
                 Layout.fillHeight: true
                 checkable: false

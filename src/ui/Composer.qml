@@ -69,6 +69,7 @@ Item {
                 }
                 IconButton {
                     objectName: "removeAttachmentButton"
+                    accessibleName: "Remove attached image"
                     symbol: "xmark.circle.fill"
                     symbolSize: 15
                     symbolColor: Theme.secondary
@@ -107,6 +108,7 @@ Item {
                     TextArea {
                         id: promptField
                         objectName: "promptField"
+                        Accessible.name: "Ask Vorn"
                         placeholderText: "Ask Vorn…"
                         wrapMode: TextArea.Wrap
                         font.pixelSize: 15
@@ -124,6 +126,12 @@ Item {
                         Keys.onPressed: (event) => {
                             if (event.matches(StandardKey.Redo)) {
                                 event.accepted = true
+                            } else if (event.key === Qt.Key_Tab || event.key === Qt.Key_Backtab) {
+                                // Tab moves on, as it does everywhere else, rather than
+                                // typing a tab into the prompt.
+                                event.accepted = true
+                                const forward = event.key === Qt.Key_Tab && !(event.modifiers & Qt.ShiftModifier)
+                                nextItemInFocusChain(forward).forceActiveFocus(forward ? Qt.TabFocusReason : Qt.BacktabFocusReason)
                             } else if (event.key === Qt.Key_Return || event.key === Qt.Key_Enter) {
                                 if (event.modifiers & Qt.ShiftModifier)
                                     return
@@ -155,7 +163,9 @@ Item {
                     implicitHeight: 34
                     enabled: Store.canSend
                     hoverEnabled: true
-                    focusPolicy: Qt.NoFocus
+                    focusPolicy: Qt.TabFocus
+                    Accessible.name: Store.generating ? "Stop" : "Send"
+                    Accessible.description: help
                     // Disabled, the arrow fades with its square.
                     opacity: enabled ? 1 : Theme.disabledSymbolOpacity
                     onClicked: Store.sendOrStop()
@@ -167,6 +177,8 @@ Item {
                     background: Rectangle {
                         radius: 10
                         color: sendButton.pressed ? Theme.accentPressed : Theme.accent
+                        border.width: sendButton.visualFocus ? 2 : 0
+                        border.color: Theme.focusBorder
                     }
                     contentItem: Icon {
                         objectName: "sendSymbol"

@@ -12,6 +12,9 @@ AbstractButton {
     required property bool selected
 
     objectName: "conversationRow"
+    Accessible.name: title
+    Accessible.selectable: true
+    Accessible.selected: selected
     hoverEnabled: true
     padding: 10
     onClicked: Store.selectConversation(conversationId)

@@ -67,6 +67,8 @@ Item {
         dim: true
         // Only Done or Ctrl+Escape close the sheet; plain Escape and outside clicks do not.
         closePolicy: Popup.NoAutoClose
+        // The keyboard moves into the sheet while it is open.
+        focus: true
         visible: Store.showLibrary
         onClosed: Store.showLibrary = false
         x: Math.round((parent.width - width) / 2)

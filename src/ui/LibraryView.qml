@@ -144,6 +144,7 @@ Item {
             RoundedField {
                 id: linkField
                 objectName: "downloadLinkField"
+                Accessible.name: "Download link"
                 Layout.fillWidth: true
                 placeholderText: "https://huggingface.co/…/model.gguf"
             }
@@ -171,6 +172,7 @@ Item {
             Slider {
                 id: temperatureSlider
                 objectName: "temperatureSlider"
+                Accessible.name: "Temperature"
                 Layout.preferredWidth: 150
                 from: 0
                 to: 1.3
@@ -204,6 +206,7 @@ Item {
                 ChoicePicker {
                     id: limitPicker
                     objectName: "replyLimitPicker"
+                    Accessible.name: "Reply limit"
                     Layout.fillWidth: true
                     font.pixelSize: 12
                     model: [256, 512, 1024, 2048]

@@ -75,6 +75,11 @@ Rectangle {
         TextEdit {
             id: body
             objectName: "messageText"
+            // Tab reaches each message; a screen reader says who wrote it, then the text.
+            activeFocusOnTab: true
+            Accessible.name: block.isUser ? "You" : "Vorn"
+            Accessible.role: Accessible.EditableText
+            Accessible.readOnly: true
             visible: block.hasText || !Store.generating
             width: column.width
             textFormat: TextEdit.PlainText

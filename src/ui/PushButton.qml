@@ -11,6 +11,7 @@ Button {
     property string symbol
     property bool prominent: false
 
+    Accessible.name: text
     font.pixelSize: 13
     hoverEnabled: true
     leftPadding: 12

@@ -47,6 +47,7 @@ Rectangle {
         AbstractButton {
             id: newConversation
             objectName: "newConversationButton"
+            Accessible.name: "New conversation"
             Layout.fillWidth: true
             Layout.topMargin: 6
             enabled: !Store.generating
@@ -84,6 +85,7 @@ Rectangle {
         RoundedField {
             id: searchField
             objectName: "searchField"
+            Accessible.name: placeholderText
             Layout.fillWidth: true
             placeholderText: "Search conversations"
             // Typing is likely next: the texts are folded for searching now, not on the
@@ -128,6 +130,7 @@ Rectangle {
         AbstractButton {
             id: libraryButton
             objectName: "sidebarLibraryButton"
+            Accessible.name: "Model library"
             Layout.fillWidth: true
             hoverEnabled: true
             padding: 12
