@@ -3,6 +3,7 @@
 // window's identity, the icon is there at every size, the engine and the libraries it
 // loads sit in libexec/vorn, and the installed app starts and finds its engine there.
 #include "ApplicationIdentity.h"
+#include "RunningApp.h"
 #include "TestHome.h"
 
 #include <QDir>
@@ -56,27 +57,6 @@ QMap<QString, QString> desktopEntry(const QString &path)
             entry.insert(line.section(QLatin1Char('='), 0, 0), line.section(QLatin1Char('='), 1));
     }
     return entry;
-}
-
-QString executableOf(qint64 pid)
-{
-    return QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget();
-}
-
-qint64 engineUnder(qint64 parent)
-{
-    const QStringList entries = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
-    for (const QString &entry : entries) {
-        QFile stat(QStringLiteral("/proc/%1/stat").arg(entry));
-        if (!stat.open(QIODevice::ReadOnly))
-            continue;
-        const QByteArray line = stat.readAll();
-        const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
-        if (fields.size() > 1 && fields.at(1).toLongLong() == parent
-            && QFileInfo(executableOf(entry.toLongLong())).fileName() == QStringLiteral("vorn-engine"))
-            return entry.toLongLong();
-    }
-    return 0;
 }
 
 } // namespace
@@ -211,29 +191,14 @@ private slots:
     void theInstalledAppStartsItsEngine()
     {
         TestHome home;
-        QProcess app;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("VORN_STARTUP_REPORT"), QStringLiteral("1"));
-        environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-        environment.insert(QStringLiteral("QT_QUICK_BACKEND"), QStringLiteral("software"));
-        app.setProcessEnvironment(environment);
-        app.setStandardOutputFile(QProcess::nullDevice());
-        QByteArray report;
-        connect(&app, &QProcess::readyReadStandardError, this, [&] { report += app.readAllStandardError(); });
-        app.start(installed("bin/vorn"), {});
-        QVERIFY(app.waitForStarted());
-
-        QTRY_VERIFY2_WITH_TIMEOUT(report.contains("activity: Ready on this"), report.constData(), 20000);
-        QVERIFY2(!report.contains("missing"), report.constData());
-        const qint64 engine = engineUnder(app.processId());
-        QVERIFY(engine > 0);
-        QCOMPARE(QFileInfo(executableOf(engine)).canonicalFilePath(),
+        RunningApp app(installed("bin/vorn"));
+        QVERIFY(app.process().waitForStarted());
+        QTRY_VERIFY2_WITH_TIMEOUT(app.engineReady(), app.report().constData(), 20000);
+        const QList<qint64> engines = app.engines();
+        QCOMPARE(engines.size(), 1);
+        QCOMPARE(QFileInfo(ProcessTree::executableOf(engines.first())).canonicalFilePath(),
                  QFileInfo(installed("libexec/vorn/vorn-engine")).canonicalFilePath());
-
-        QCOMPARE(::kill(static_cast<pid_t>(app.processId()), SIGTERM), 0);
-        QVERIFY(app.waitForFinished(15000));
-        QCOMPARE(app.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(app.exitCode(), 0);
+        QVERIFY(app.quitWith(SIGTERM));
     }
 };
 

@@ -5,7 +5,6 @@
 
 #include <QAccessible>
 #include <QApplication>
-#include <QBuffer>
 #include <QtTest>
 
 namespace {
@@ -39,17 +38,6 @@ void screenReaderReads(WindowDriver &view)
 {
     QAccessible::setActive(true);
     view.settle();
-}
-
-QString pngDataURL()
-{
-    QImage image(4, 4, QImage::Format_ARGB32);
-    image.fill(QColor(40, 140, 120));
-    QByteArray bytes;
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, "PNG");
-    return QStringLiteral("data:image/png;base64,") + QString::fromLatin1(bytes.toBase64());
 }
 
 QByteArray libraryModels()
@@ -128,7 +116,8 @@ private slots:
         ViewHarness view(FakeEngine::stateJson("m.gguf", true));
         QVERIFY(view.refresh());
         screenReaderReads(view);
-        view.store().setAttachment(pngDataURL());
+        // The chip shows for any attachment; the picture itself is not drawn there.
+        view.store().setAttachment(QStringLiteral("data:image/png;base64,iVBORw0KGgo="));
         screenReaderReads(view);
         QQuickItem *remove = view.item("removeAttachmentButton");
         QVERIFY(WindowDriver::shown(remove));
