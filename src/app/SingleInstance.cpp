@@ -10,10 +10,22 @@
 #include <QLocalSocket>
 #include <QThread>
 
+#include <algorithm>
+
 namespace {
 
-const QByteArray showRequest = "show\n";
+const QByteArray showRequest = "show";
 const QByteArray shownAnswer = "shown\n";
+// A request is one short line: "show", then a space and a token when there is one.
+constexpr qint64 longestRequest = 300;
+
+// Tokens are opaque short printable words; anything else is not passed on.
+bool plausibleToken(const QByteArray &token)
+{
+    if (token.isEmpty() || token.size() > 256)
+        return false;
+    return std::all_of(token.cbegin(), token.cend(), [](char character) { return character > ' ' && character < 127; });
+}
 
 QString lockPath(const QString &dataFolder)
 {
@@ -71,13 +83,14 @@ void SingleInstance::answer()
         connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
         const auto read = [this, socket] {
             if (!socket->canReadLine()) {
-                // Nothing asked for is longer than one short line.
-                if (socket->bytesAvailable() > 64)
+                if (socket->bytesAvailable() > longestRequest)
                     socket->abort();
                 return;
             }
-            if (socket->readLine(64) == showRequest) {
-                emit activationRequested();
+            const QByteArray request = socket->readLine(longestRequest + 1).chopped(1);
+            if (request == showRequest || request.startsWith(showRequest + ' ')) {
+                const QByteArray token = request.mid(showRequest.size() + 1);
+                emit activationRequested(plausibleToken(token) ? token : QByteArray());
                 socket->write(shownAnswer);
                 socket->flush();
             }
@@ -88,8 +101,10 @@ void SingleInstance::answer()
     }
 }
 
-bool SingleInstance::activateRunning(int timeoutMs)
+bool SingleInstance::activateRunning(const QByteArray &activationToken, int timeoutMs)
 {
+    const QByteArray request = (plausibleToken(activationToken) ? showRequest + ' ' + activationToken : showRequest)
+        + '\n';
     const QDeadlineTimer deadline(timeoutMs);
     const QString name = serverName(m_dataFolder);
     // The running app may still be on its way to listening: try until the deadline.
@@ -97,7 +112,7 @@ bool SingleInstance::activateRunning(int timeoutMs)
         QLocalSocket socket;
         socket.connectToServer(name);
         if (socket.waitForConnected(static_cast<int>(qMax<qint64>(1, deadline.remainingTime())))) {
-            socket.write(showRequest);
+            socket.write(request);
             if (!socket.waitForBytesWritten(static_cast<int>(qMax<qint64>(1, deadline.remainingTime()))))
                 return false;
             while (!socket.canReadLine() && socket.state() == QLocalSocket::ConnectedState

@@ -20,16 +20,17 @@ public:
     // starts. False when another process holds the folder.
     bool claim();
     // From a later start: asks the running app to show its window; true once it said
-    // it did.
-    bool activateRunning(int timeoutMs = 5000);
+    // it did. activationToken: the desktop's permission to raise a window, which it gave
+    // this start (XDG_ACTIVATION_TOKEN), handed on to the running app.
+    bool activateRunning(const QByteArray &activationToken = {}, int timeoutMs = 5000);
 
     // The local socket's name: in the user's runtime folder when there is one, else in
     // the temporary folder, and different for each data folder.
     static QString serverName(const QString &dataFolder);
 
 signals:
-    // A later start asked for the window.
-    void activationRequested();
+    // A later start asked for the window, with the activation token it was given, if any.
+    void activationRequested(const QByteArray &activationToken);
 
 private:
     void answer();

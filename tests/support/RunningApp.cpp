@@ -52,9 +52,10 @@ bool gone(qint64 pid)
 
 } // namespace ProcessTree
 
-RunningApp::RunningApp(const QString &program)
+RunningApp::RunningApp(const QString &program, const QProcessEnvironment &extraEnvironment)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(extraEnvironment);
     environment.insert(QStringLiteral("VORN_STARTUP_REPORT"), QStringLiteral("1"));
     environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
     environment.insert(QStringLiteral("QT_QUICK_BACKEND"), QStringLiteral("software"));

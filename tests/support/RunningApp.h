@@ -21,7 +21,8 @@ bool gone(qint64 pid);
 // report lines (VORN_STARTUP_REPORT) collected from stderr as events are processed.
 class RunningApp {
 public:
-    explicit RunningApp(const QString &program);
+    // extraEnvironment: variables set for this start alone.
+    explicit RunningApp(const QString &program, const QProcessEnvironment &extraEnvironment = {});
     ~RunningApp();
 
     QProcess &process() { return m_process; }
