@@ -41,8 +41,9 @@ Rectangle {
                 background: Rectangle {
                     radius: 6
                     color: segment.chosen ? (Theme.dark ? Qt.rgba(1, 1, 1, 0.13) : "#ffffff") : "transparent"
-                    border.color: segment.chosen && !Theme.dark ? Qt.rgba(0, 0, 0, 0.08) : "transparent"
-                    border.width: 1
+                    border.color: segment.visualFocus ? Theme.focusBorder
+                                                      : (segment.chosen && !Theme.dark ? Qt.rgba(0, 0, 0, 0.08) : "transparent")
+                    border.width: segment.visualFocus ? 2 : 1
                 }
                 contentItem: Item {
                     Row {

@@ -22,6 +22,8 @@ AbstractButton {
     background: Rectangle {
         radius: 8
         color: row.selected ? Theme.raisedFill : (row.hovered ? Theme.quietFill : "transparent")
+        border.width: row.visualFocus ? 2 : 0
+        border.color: Theme.focusBorder
     }
     contentItem: RowLayout {
         spacing: 9

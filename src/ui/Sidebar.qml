@@ -59,6 +59,8 @@ Rectangle {
             background: Rectangle {
                 radius: 9
                 color: Theme.raisedFill
+                border.width: newConversation.visualFocus ? 2 : 0
+                border.color: Theme.focusBorder
                 Rectangle {
                     anchors.fill: parent
                     radius: 9
@@ -139,6 +141,8 @@ Rectangle {
             background: Rectangle {
                 radius: 10
                 color: libraryButton.hovered ? Theme.raisedFill : Theme.quietFill
+                border.width: libraryButton.visualFocus ? 2 : 0
+                border.color: Theme.focusBorder
             }
             contentItem: RowLayout {
                 spacing: 8

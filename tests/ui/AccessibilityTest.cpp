@@ -202,6 +202,17 @@ private slots:
         backward.append(QStringLiteral("Ask Vorn"));
         QCOMPARE(tabStops(view, true), backward);
 
+        // The controls show where the keyboard is.
+        view.item("exportButton")->forceActiveFocus(Qt::TabFocusReason);
+        QVERIFY(view.item("exportButton")->property("visualFocus").toBool());
+        view.saveScreenshot(QStringLiteral("keyboard-focus-light"));
+        view.item("newConversationButton")->forceActiveFocus(Qt::TabFocusReason);
+        view.click(view.item("appearanceDark"));
+        view.item("newConversationButton")->forceActiveFocus(Qt::TabFocusReason);
+        view.saveScreenshot(QStringLiteral("keyboard-focus-dark"));
+        view.click(view.item("appearanceLight"));
+        view.item("promptField")->forceActiveFocus();
+
         // With a prompt to send, Send is a stop after the field, and Space sends.
         view.typeInto(view.item("promptField"), QStringLiteral("More"));
         view.fake().route("POST", "/v1/chat/completions", FakeResponse::silent());
