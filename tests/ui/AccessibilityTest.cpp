@@ -225,6 +225,41 @@ private slots:
         QVERIFY(view.waitFor([&] { return !view.store().generating(); }));
     }
 
+    void aMessageReachedByTabScrollsIntoView()
+    {
+        QStringList texts;
+        for (int index = 0; index < 24; ++index)
+            texts.append(QStringLiteral("Message %1\nwith a second line\nand a third").arg(index));
+        ViewHarness view(FakeEngine::stateJson(), {ViewHarness::conversation("Long", texts)});
+        QVERIFY(view.refresh());
+        auto *messages = qobject_cast<QQuickItem *>(view.object("messageView"));
+        QVERIFY(messages);
+        const auto showsAny = [&](QQuickItem *item) {
+            const QRectF area = item->mapRectToItem(messages, QRectF(0, 0, item->width(), item->height()));
+            return area.bottom() > 0 && area.top() < messages->height();
+        };
+        const QList<QQuickItem *> bodies = view.items("messageText");
+        QCOMPARE(bodies.size(), 24);
+
+        // Shift+Tab from the prompt reaches the last message, wherever the view stood.
+        messages->setProperty("contentY", 0);
+        view.settle();
+        QVERIFY(!showsAny(bodies.last()));
+        view.item("promptField")->forceActiveFocus();
+        view.key(Qt::Key_Backtab, Qt::ShiftModifier);
+        view.key(Qt::Key_Backtab, Qt::ShiftModifier);
+        QCOMPARE(view.window()->activeFocusItem(), bodies.last());
+        QVERIFY(showsAny(bodies.last()));
+
+        // Tab on from the sidebar's last control reaches the first one.
+        view.item("appearanceDark")->forceActiveFocus(Qt::TabFocusReason);
+        view.key(Qt::Key_Tab); // export
+        view.key(Qt::Key_Tab); // library
+        view.key(Qt::Key_Tab);
+        QCOMPARE(view.window()->activeFocusItem(), bodies.first());
+        QVERIFY(showsAny(bodies.first()));
+    }
+
     void theLibrarySheetIsWorkedByKeys()
     {
         ViewHarness view(FakeEngine::stateJson({}, false, libraryModels()));
