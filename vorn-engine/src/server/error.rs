@@ -99,7 +99,6 @@ impl ApiError {
                 E::NoModelLoaded | E::NoImageSupport => S::CONFLICT,
                 E::ImagesNotAccepted
                 | E::ImageUndecodable
-                | E::ImageIdRefused
                 | E::ImageNotPrepared(_)
                 | E::ImagesNotPrepared(_)
                 | E::NoProjector
@@ -119,7 +118,6 @@ impl ApiError {
                 | E::ContextFailed { .. }
                 | E::ImageEncoderFailed(_)
                 | E::EncodingPanicked
-                | E::ImagesUnsupportedByBuild
                 | E::ImageEvaluationFailed(_)
                 | E::Template(_)
                 | E::BatchRefused(_)
