@@ -43,7 +43,8 @@ fn state_lists_models_in_name_order() {
     assert_eq!(
         s["last"],
         json!({"decode_tps": 0.0, "prefill_tps": 0.0, "prompt_tokens": 0, "completion_tokens": 0,
-               "evaluated_tokens": 0, "cached_tokens": 0, "ttft_ms": 0.0, "reused_images": 0})
+               "evaluated_tokens": 0, "cached_tokens": 0, "ttft_ms": 0.0, "reused_images": 0,
+               "decoded_images": 0})
     );
     assert_eq!(
         s["models"],

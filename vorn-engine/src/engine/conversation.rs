@@ -78,18 +78,17 @@ impl Session<'_> {
         if images.is_empty() {
             return Ok(Prompt::Text(self.tokenize_text(text)));
         }
-        let mut bitmaps = Vec::with_capacity(images.len());
+        let mut bitmaps: Vec<&Bitmap> = Vec::with_capacity(images.len());
         for image in images {
             bitmaps.push(self.bitmap(image)?);
         }
-        let bitmap_refs: Vec<&Bitmap> = bitmaps.iter().map(|b| b.as_ref()).collect();
         let add_special = self.adds_bos(text);
         let projector = self
             .projector
             .as_ref()
             .ok_or(EngineError::ImagesNotAccepted)?;
         let chunks = projector
-            .tokenize(text, add_special, &bitmap_refs)
+            .tokenize(text, add_special, &bitmaps)
             .map_err(|code| EngineError::ImagesNotPrepared(format!("llama.cpp code {code}")))?;
         Ok(Prompt::Chunks(chunks))
     }

@@ -44,6 +44,7 @@ impl Session<'_> {
     pub(super) fn chat(&mut self, job: ChatJob) {
         let t_start = Instant::now();
         self.reused_images = 0;
+        self.decoded_images = 0;
         if job.request.messages.iter().any(|m| !m.images.is_empty()) && self.projector.is_none() {
             job.events.fail(EngineError::ImagesNotAccepted);
             return;
@@ -107,6 +108,7 @@ impl Session<'_> {
             cached_tokens: prompt_tokens - evaluated,
             ttft_ms: ttft * 1000.0,
             reused_images: self.reused_images,
+            decoded_images: self.decoded_images,
         };
         self.history = job.request.messages;
         self.history_reply = decoded.text;

@@ -4,7 +4,7 @@
 use super::lru::LruCache;
 use super::prefill::Key;
 use super::{threads, turn_end, vision, ChatMessage, Command, EngineError, LoadRequest};
-use crate::llama::{Bitmap, Context, ContextSettings, Model, Projector};
+use crate::llama::{Context, ContextSettings, Model, Projector};
 use crate::state::{lock, Shared};
 use crate::template::ChatTemplate;
 use llama_cpp_2::llama_backend::LlamaBackend;
@@ -12,8 +12,6 @@ use llama_cpp_2::token::LlamaToken;
 use std::panic::{catch_unwind, AssertUnwindSafe};
 use std::sync::{mpsc, Arc};
 
-/// Decoded images kept by hash.
-const DECODED_IMAGES: usize = 16;
 /// Image encoder outputs kept by hash (each is tokens × embedding width floats).
 const ENCODED_IMAGES: usize = 8;
 
@@ -35,12 +33,13 @@ pub(super) struct Session<'m> {
     /// First message kept when the conversation last overflowed the context,
     /// so later turns cut at the same place and keep the cache useful.
     pub(super) cut_anchor: Option<(String, String)>,
-    pub(super) bitmaps: LruCache<Arc<Bitmap>>,
     pub(super) embeddings: LruCache<Arc<Vec<f32>>>,
     /// M-RoPE models place images at fewer positions than they have tokens.
     pub(super) mrope: bool,
     /// Images of the current request whose encoder output came from /api/encode.
     pub(super) reused_images: i64,
+    /// Images of the current request decoded into pixels for it.
+    pub(super) decoded_images: i64,
     /// The last conversation and its reply, to guess where an image that
     /// arrives through /api/encode will be placed.
     pub(super) history: Vec<ChatMessage>,
@@ -95,10 +94,10 @@ impl<'m> Session<'m> {
             prompt_opens_reasoning: false,
             cached: Vec::new(),
             cut_anchor: None,
-            bitmaps: LruCache::new(DECODED_IMAGES),
             embeddings: LruCache::new(ENCODED_IMAGES),
             mrope,
             reused_images: 0,
+            decoded_images: 0,
             history: Vec::new(),
             history_reply: String::new(),
         };

@@ -48,19 +48,18 @@ pub(super) fn open_projector<'m>(
 }
 
 impl Session<'_> {
-    pub(super) fn bitmap(&mut self, image: &Image) -> Result<Arc<Bitmap>, EngineError> {
-        if let Some(bitmap) = self.bitmaps.get(&image.hash) {
-            return Ok(bitmap);
-        }
+    /// The image's pixels, decoded now unless an earlier use did.
+    pub(super) fn bitmap<'i>(&mut self, image: &'i Image) -> Result<&'i Bitmap, EngineError> {
         let projector = self
             .projector
             .as_ref()
             .ok_or(EngineError::ImagesNotAccepted)?;
-        let bitmap = projector
-            .decode_image(&image.bytes, &image.hash)
+        let (bitmap, decoded) = image
+            .pixels(|file| projector.decode_image(file, &image.hash))
             .ok_or(EngineError::ImageUndecodable)?;
-        let bitmap = Arc::new(bitmap);
-        self.bitmaps.put(image.hash.clone(), bitmap.clone());
+        if decoded {
+            self.decoded_images += 1;
+        }
         Ok(bitmap)
     }
 
@@ -80,7 +79,7 @@ impl Session<'_> {
         let bitmap = self.bitmap(image)?;
         let projector = self.projector.as_mut().expect("checked by the caller");
         let chunks = projector
-            .tokenize(MEDIA_MARKER, false, &[&bitmap])
+            .tokenize(MEDIA_MARKER, false, &[bitmap])
             .map_err(|code| EngineError::ImageNotPrepared(format!("llama.cpp code {code}")))?;
         for chunk in chunks.iter().filter(|c| c.kind() == ChunkKind::Image) {
             let embedding = projector.encode(&chunk).map_err(|code| {

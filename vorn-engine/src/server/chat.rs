@@ -1,7 +1,7 @@
 //! /v1/chat/completions: OpenAI-style chat, streamed or in one reply.
 
 use super::error::ApiError;
-use super::json::{Field, JsonBody, TextOr};
+use super::json::{parse, Field, JsonBytes, TextOr};
 use super::messages::{conversation, MessagesField};
 use super::stream;
 use super::App;
@@ -14,8 +14,9 @@ use serde::{Deserialize, Serialize};
 
 #[derive(Deserialize, Default)]
 #[serde(default)]
-pub(super) struct ChatBody {
-    messages: MessagesField,
+pub(super) struct ChatBody<'a> {
+    #[serde(borrow)]
+    messages: MessagesField<'a>,
     stream: Field<bool>,
     temperature: Field<f64>,
     top_p: Field<f64>,
@@ -25,7 +26,8 @@ pub(super) struct ChatBody {
     max_tokens: Field<u64>,
     max_completion_tokens: Field<u64>,
     /// One stop text or several.
-    stop: Field<TextOr<Vec<String>>>,
+    #[serde(borrow)]
+    stop: Field<TextOr<'a, Vec<String>>>,
 }
 
 /// A sampling number: any JSON number, or `default` when absent or null.
@@ -45,10 +47,9 @@ struct Settings {
     stop: Vec<String>,
 }
 
-impl ChatBody {
-    /// Checks the settings in a fixed order. The messages are left for
-    /// later, off the async threads, since they carry the images.
-    fn check(self) -> Result<(Settings, MessagesField), ApiError> {
+impl<'a> ChatBody<'a> {
+    /// Checks the settings in a fixed order; the messages come after them.
+    fn check(self) -> Result<(Settings, MessagesField<'a>), ApiError> {
         let ChatBody {
             messages,
             stream,
@@ -81,7 +82,7 @@ impl ChatBody {
             .map(|m| m.min(u32::MAX as u64) as u32);
         let stop = match stop.optional(ApiError::BadStop)? {
             None => Vec::new(),
-            Some(TextOr::Text(text)) => vec![text],
+            Some(TextOr::Text(text)) => vec![text.into_owned()],
             Some(TextOr::Other(texts)) => texts,
         };
         let settings = Settings {
@@ -102,12 +103,18 @@ impl ChatBody {
 
 pub(super) async fn chat(
     State(app): State<App>,
-    JsonBody(body): JsonBody<ChatBody>,
+    JsonBytes(body): JsonBytes,
 ) -> Result<Response, ApiError> {
-    let (settings, messages) = body.check()?;
-    let messages = tokio::task::spawn_blocking(move || conversation(messages))
-        .await
-        .map_err(|_| ApiError::Internal("parse failed"))??;
+    // A conversation with images can be tens of megabytes: it is read (in
+    // place, its image URLs never copied) and its images decoded, unless
+    // found in the cache, off the async threads.
+    let images = app.images.clone();
+    let (settings, messages) = tokio::task::spawn_blocking(move || {
+        let (settings, messages) = parse::<ChatBody>(&body)?.check()?;
+        Ok::<_, ApiError>((settings, conversation(messages, &images)?))
+    })
+    .await
+    .map_err(|_| ApiError::Internal("parse failed"))??;
     let Some(loaded) = lock(&app.shared.loaded).clone() else {
         return Err(EngineError::NoModelLoaded.into());
     };
