@@ -1,6 +1,7 @@
 //! A model's context: its KV cache, evaluation and the logits to sample from.
 
 use super::batch::Batch;
+use super::checked;
 use super::model::Model;
 use llama_cpp_2::llama_backend::LlamaBackend;
 use llama_cpp_2::sampling::LlamaSampler;
@@ -78,12 +79,7 @@ impl<'m> Context<'m> {
         // self`). The batch's arrays hold `len` filled entries and stay
         // untouched during the call; llama.cpp checks the ids and positions
         // it reads and copies what it keeps.
-        let code = unsafe { sys::llama_decode(self.raw.as_ptr(), batch.raw()) };
-        if code == 0 {
-            Ok(())
-        } else {
-            Err(code)
-        }
+        checked(unsafe { sys::llama_decode(self.raw.as_ptr(), batch.raw()) })
     }
 
     /// Drops positions from `position` on; false when the cache cannot.

@@ -33,3 +33,12 @@ pub use batch::Batch;
 pub use context::{Context, ContextSettings};
 pub use model::{Model, Vocab};
 pub use projector::{Bitmap, Chunk, ChunkKind, Chunks, Projector, ProjectorSettings};
+
+/// llama.cpp's status codes: 0 for success, anything else says what failed.
+fn checked(code: i32) -> Result<(), i32> {
+    if code == 0 {
+        Ok(())
+    } else {
+        Err(code)
+    }
+}

@@ -2,6 +2,7 @@
 //! tokenized around them, and evaluating images into a context, from fresh
 //! encoder output or from output kept earlier.
 
+use super::checked;
 use super::context::Context;
 use super::model::Model;
 use llama_cpp_2::llama_backend::LlamaBackend;
@@ -151,11 +152,7 @@ impl<'m> Projector<'m> {
                 pointers.len(),
             )
         };
-        if code == 0 {
-            Ok(chunks)
-        } else {
-            Err(code)
-        }
+        checked(code).map(|()| chunks)
     }
 
     /// Runs the image encoder on an image chunk and returns its output:
@@ -167,10 +164,7 @@ impl<'m> Projector<'m> {
         // SAFETY: the projector is ours (`&mut self`) and alive; the chunk
         // belongs to a live list that `chunk` borrows. Exceptions are caught
         // inside and reported as a code.
-        let code = unsafe { sys::mtmd_encode_chunk(self.raw.as_ptr(), chunk.raw.as_ptr()) };
-        if code != 0 {
-            return Err(code);
-        }
+        checked(unsafe { sys::mtmd_encode_chunk(self.raw.as_ptr(), chunk.raw.as_ptr()) })?;
         let len = chunk.n_tokens() * self.model.input_embedding_width();
         // SAFETY: after a successful encode of an image chunk the output
         // buffer holds the chunk's tokens times the projector's output width
@@ -217,11 +211,7 @@ impl<'m> Projector<'m> {
                 &mut next,
             )
         };
-        if code == 0 {
-            Ok(next)
-        } else {
-            Err(code)
-        }
+        checked(code).map(|()| next)
     }
 
     /// Evaluates an image chunk into `ctx` from encoder output kept from
@@ -261,11 +251,7 @@ impl<'m> Projector<'m> {
                 std::ptr::null_mut(),
             )
         };
-        if code == 0 {
-            Ok(next)
-        } else {
-            Err(code)
-        }
+        checked(code).map(|()| next)
     }
 
     /// The helpers size image rows by the context's model; it must be the
