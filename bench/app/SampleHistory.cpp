@@ -4,17 +4,17 @@
 
 namespace {
 
-const QStringList words = QStringLiteral(
-    "the a of and to in is it that for on with as was at by this be from or have an they which "
-    "one you were her all she there would their we him been has when who will more no if out so "
-    "said what up its about into than them can only other new some could time these two may then "
-    "do first any my now such like our over man me even most made after also did many before must "
-    "through back years where much your way well down should because each just those people how "
-    "too little state good very make world still own see men work long get here between both life "
-    "being under never day same another know while last might us great old year off come since "
-    "against go came right used take three light garden river window kettle bread market letter "
-    "winter summer engine bridge forest paper music ladder harbour candle")
-                              .split(QLatin1Char(' '));
+const QStringList words =
+    QStringLiteral("the a of and to in is it that for on with as was at by this be from or have an they which "
+                   "one you were her all she there would their we him been has when who will more no if out so "
+                   "said what up its about into than them can only other new some could time these two may then "
+                   "do first any my now such like our over man me even most made after also did many before must "
+                   "through back years where much your way well down should because each just those people how "
+                   "too little state good very make world still own see men work long get here between both life "
+                   "being under never day same another know while last might us great old year off come since "
+                   "against go came right used take three light garden river window kettle bread market letter "
+                   "winter summer engine bridge forest paper music ladder harbour candle")
+        .split(QLatin1Char(' '));
 
 // A small, fixed generator, so every run writes the same history.
 class Words {
@@ -65,8 +65,8 @@ QList<Conversation> make(int conversations, int messages)
                 if (index % 100 == 37 && message == messages - 1)
                     text += QStringLiteral("The old ") + rareWord + QStringLiteral(" kept its light on.");
             }
-            conversation.messages.append(ChatMessage{QUuid::createUuid(), user ? QStringLiteral("user") : QStringLiteral("assistant"),
-                                                     text, std::nullopt});
+            conversation.messages.append(ChatMessage{
+                QUuid::createUuid(), user ? QStringLiteral("user") : QStringLiteral("assistant"), text, std::nullopt});
         }
         history.append(conversation);
     }

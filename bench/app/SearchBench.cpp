@@ -23,7 +23,7 @@ int main(int argc, char *argv[])
     if (store.conversations().size() != 1000)
         qFatal("history did not load");
     ConversationFilter filter;
-    filter.setStore(&store);
+    filter.setConversations(store.conversationList());
     filter.count();
     // What focusing the search field does: fold the history for searching.
     QElapsedTimer preparing;

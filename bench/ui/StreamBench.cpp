@@ -58,7 +58,8 @@ int main(int argc, char *argv[])
     QList<QByteArray> lines;
     QString expected;
     for (int index = 0; index < tokens; ++index) {
-        const QString token = (index % 17 == 16) ? QStringLiteral("word%1.\n").arg(index) : QStringLiteral("word%1 ").arg(index);
+        const QString token = (index % 17 == 16) ? QStringLiteral("word%1.\n").arg(index)
+                                                 : QStringLiteral("word%1 ").arg(index);
         expected += token;
         if (index % tokensPerBurst == 0)
             lines.append(QByteArray());
@@ -108,7 +109,8 @@ int main(int argc, char *argv[])
     std::printf("reply finished:       %s\n", finished ? "yes" : "no");
     std::printf("frames:               %lld, interval median %.1f ms, p95 %.1f ms, worst %.1f ms\n",
                 static_cast<long long>(frames.size()), frame.median, frame.p95, frame.worst);
-    std::printf("10 ms timer lateness: median %.1f ms, p95 %.1f ms, worst %.1f ms\n", late.median, late.p95, late.worst);
+    std::printf("10 ms timer lateness: median %.1f ms, p95 %.1f ms, worst %.1f ms\n", late.median, late.p95,
+                late.worst);
     std::printf("text in the store:    %s (%lld of %lld characters)\n", storeComplete ? "complete" : "LOST TEXT",
                 static_cast<long long>(stored.size()), static_cast<long long>(expected.size()));
     std::printf("text on screen:       %s (%lld characters)\n", screenComplete ? "complete" : "LOST TEXT",

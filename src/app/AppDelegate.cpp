@@ -1,7 +1,9 @@
 #include "AppDelegate.h"
 
 #include "AppIconArt.h"
+#include "ShellActions.h"
 #include "ViewSetup.h"
+#include "WindowSize.h"
 #include "engine/EngineStore.h"
 
 #include <QAction>
@@ -12,7 +14,6 @@
 #include <QMessageBox>
 #include <QPalette>
 #include <QQmlApplicationEngine>
-#include <QQmlContext>
 #include <QQuickWindow>
 #include <QScreen>
 #include <QSettings>
@@ -77,17 +78,20 @@ void AppDelegate::launch()
 void AppDelegate::createWindow()
 {
     m_engine = std::make_unique<QQmlApplicationEngine>();
-    ViewSetup::prepareEngine(*m_engine);
-    // The menus in the window call back into the delegate.
-    m_engine->rootContext()->setContextProperty(QStringLiteral("shell"), this);
-    m_engine->rootContext()->setContextProperty(QStringLiteral("store"), m_store);
+    ViewSetup::prepareEngine(*m_engine, *m_store);
     m_engine->load(ViewSetup::mainWindowURL());
+    // The menus in the window call back into the delegate; the module is known once the
+    // window has loaded.
+    auto *actions = m_engine->singletonInstance<ShellActions *>(qmlTypeId("Vorn", 1, 0, "Shell"));
+    if (!actions)
+        qFatal("The window's menus have no way to the shell");
+    connect(actions, &ShellActions::aboutRequested, this, &AppDelegate::about);
+    connect(actions, &ShellActions::quitRequested, this, &AppDelegate::quit);
     const QList<QObject *> roots = m_engine->rootObjects();
     m_window = roots.isEmpty() ? nullptr : qobject_cast<QQuickWindow *>(roots.first());
     if (!m_window)
         qFatal("The main window could not be created");
     m_window->setTitle(QStringLiteral("Vorn"));
-    m_window->setMinimumSize(QSize(minimumWidth, minimumHeight));
     restoreFrame();
     connect(m_window, &QWindow::visibleChanged, this, [this](bool visible) {
         if (!visible)
@@ -147,7 +151,8 @@ void AppDelegate::about()
         m_about->setIconPixmap(QPixmap::fromImage(AppIconArt::applicationImage(64)));
         m_about->setTextFormat(Qt::PlainText);
         m_about->setText(QStringLiteral("Vorn"));
-        m_about->setInformativeText(QStringLiteral("Version ") + versionText() + QStringLiteral("\n\n") + creditsText());
+        m_about->setInformativeText(QStringLiteral("Version ") + versionText() + QStringLiteral("\n\n")
+                                    + creditsText());
         m_about->setStandardButtons(QMessageBox::Ok);
     }
     m_about->show();
@@ -185,14 +190,14 @@ void AppDelegate::restoreFrame()
 {
     QSettings settings;
     const QRect frame = settings.value(QStringLiteral("%1/frame").arg(QLatin1String(frameGroup))).toRect();
-    if (frame.isValid() && frame.width() >= minimumWidth && frame.height() >= minimumHeight) {
+    if (frame.isValid() && frame.width() >= WindowSize::minimumWidth && frame.height() >= WindowSize::minimumHeight) {
         m_window->setGeometry(frame);
         return;
     }
-    m_window->resize(launchWidth, launchHeight);
+    m_window->resize(WindowSize::launchWidth, WindowSize::launchHeight);
     if (QScreen *screen = m_window->screen()) {
         const QRect available = screen->availableGeometry();
-        m_window->setPosition(available.center() - QPoint(launchWidth / 2, launchHeight / 2));
+        m_window->setPosition(available.center() - QPoint(WindowSize::launchWidth / 2, WindowSize::launchHeight / 2));
     }
 }
 

@@ -1,15 +1,15 @@
 #pragma once
 
+#include <QMessageBox>
 #include <QObject>
 #include <QPointer>
+#include <QQuickWindow>
 #include <memory>
 
 class EngineStore;
 class QAction;
 class QMenu;
-#include <QMessageBox>
 class QQmlApplicationEngine;
-#include <QQuickWindow>
 class QSystemTrayIcon;
 
 // The application's shell: it owns the one store, builds the window with its menus and
@@ -24,10 +24,6 @@ public:
     explicit AppDelegate(bool trayAvailable, QObject *parent = nullptr);
     ~AppDelegate() override;
 
-    static constexpr int launchWidth = 1180;
-    static constexpr int launchHeight = 790;
-    static constexpr int minimumWidth = 920;
-    static constexpr int minimumHeight = 660;
     static constexpr const char *frameGroup = "VornDesktop";
 
     EngineStore &store() const { return *m_store; }

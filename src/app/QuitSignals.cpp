@@ -42,7 +42,7 @@ bool prepareEnd(int descriptor, bool nonBlocking)
 QuitSignals::QuitSignals(QObject *parent) : QObject(parent)
 {
     if (socketEnds[0] >= 0)
-        return;  // another instance watches already
+        return; // another instance watches already
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, socketEnds) != 0)
         return;
     // The engine and any other child must not inherit the ends; a full socket must

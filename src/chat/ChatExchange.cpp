@@ -1,14 +1,13 @@
 #include "ChatExchange.h"
 
-#include "engine/EngineStore.h"
+#include "engine/EngineClient.h"
+#include "engine/EngineRequest.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonParseError>
-#include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
-#include <QTimer>
 
 namespace {
 
@@ -19,14 +18,14 @@ QString refusedMessage()
 
 } // namespace
 
-ChatExchange::ChatExchange(EngineStore *store, QJsonArray messages, QUuid assistantID)
-    : CancellableTask(store), m_store(store), m_messages(std::move(messages)), m_assistantID(assistantID)
+ChatExchange::ChatExchange(EngineClient *client, QJsonArray messages, QObject *parent)
+    : CancellableTask(parent), m_client(client), m_messages(std::move(messages))
 {
 }
 
-void ChatExchange::begin()
+void ChatExchange::begin(double temperature, int tokenLimit)
 {
-    if (!m_store) {
+    if (!m_client) {
         finish();
         return;
     }
@@ -34,25 +33,21 @@ void ChatExchange::begin()
         failCancelled();
         return;
     }
-    const auto base = m_store->baseURL();
+    const auto base = m_client->baseURL();
     if (!base) {
         finalSteps();
         return;
     }
 
-    QUrl target = *base;
-    target.setPath(QStringLiteral("/v1/chat/completions"));
-    QNetworkRequest request(target);
-    request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
-    request.setTransferTimeout(m_store->m_chatTimeoutMilliseconds);
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
+    const QNetworkRequest request = EngineRequest::build(*base, QStringLiteral("v1/chat/completions"),
+                                                         m_client->chatTimeout());
     const QJsonObject body{
         {QStringLiteral("messages"), m_messages},
         {QStringLiteral("stream"), true},
-        {QStringLiteral("temperature"), m_store->temperature()},
-        {QStringLiteral("max_tokens"), m_store->tokenLimit()},
+        {QStringLiteral("temperature"), temperature},
+        {QStringLiteral("max_tokens"), tokenLimit},
     };
-    m_networkReply = m_store->m_network->post(request, QJsonDocument(body).toJson(QJsonDocument::Compact));
+    m_networkReply = m_client->post(request, body);
     connect(m_networkReply, &QNetworkReply::readyRead, this, &ChatExchange::readAvailable);
     connect(m_networkReply, &QNetworkReply::finished, this, &ChatExchange::replyFinished);
 }
@@ -98,7 +93,8 @@ void ChatExchange::replyFinished()
     // cancelled here was aborted by its transfer time-out.
     const bool timedOut = error == QNetworkReply::OperationCanceledError || error == QNetworkReply::TimeoutError;
     const QVariant status = m_networkReply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    if (timedOut || !status.isValid() || (error != QNetworkReply::NoError && error < QNetworkReply::ContentAccessDenied)) {
+    if (timedOut || !status.isValid()
+        || (error != QNetworkReply::NoError && error < QNetworkReply::ContentAccessDenied)) {
         // Whatever arrived before the break has been applied already.
         fail(timedOut ? EngineFailure::timedOutMessage() : m_networkReply->errorString());
         return;
@@ -141,9 +137,9 @@ ChatExchange::Outcome ChatExchange::handleLine(const QString &line)
     const QJsonValue content = delta.toObject().value(QStringLiteral("content"));
     if (!content.isString())
         return Outcome::Continue;
-    m_reply += content.toString();
-    if (m_store)
-        m_store->updateAssistant(m_assistantID, m_reply);
+    const QString piece = content.toString();
+    m_reply += piece;
+    emit replyGrew(piece, m_reply);
     return Outcome::Continue;
 }
 
@@ -170,31 +166,25 @@ void ChatExchange::succeed()
 void ChatExchange::failCancelled()
 {
     detachReply();
-    if (m_reply.isEmpty() && m_store)
-        m_store->updateAssistant(m_assistantID, QStringLiteral("Stopped."));
+    if (m_reply.isEmpty())
+        emit replyReplaced(QStringLiteral("Stopped."));
     finalSteps();
 }
 
 void ChatExchange::fail(const QString &message)
 {
     detachReply();
-    if (m_store) {
-        if (!isCancelled())
-            m_store->setError(message);
-        if (m_reply.isEmpty())
-            m_store->updateAssistant(m_assistantID, isCancelled() ? QStringLiteral("Stopped.")
-                                                                  : QStringLiteral("The request did not complete."));
-    }
+    if (!isCancelled())
+        emit failed(message);
+    if (m_reply.isEmpty())
+        emit replyReplaced(isCancelled() ? QStringLiteral("Stopped.")
+                                         : QStringLiteral("The request did not complete."));
     finalSteps();
 }
 
 void ChatExchange::finalSteps()
 {
     m_ended = true;
-    if (EngineStore *store = m_store) {
-        store->setGenerating(false);
-        store->save();
-        QTimer::singleShot(0, store, [store] { store->refresh(); });
-    }
+    emit ended();
     finish();
 }

@@ -6,18 +6,29 @@
 #include <QJsonArray>
 #include <QPointer>
 #include <QString>
-#include <QUuid>
 
-class EngineStore;
+class EngineClient;
 class QNetworkReply;
 
-// One chat request to the engine, with its reply streamed into the assistant message.
+// One chat request to the engine, with its reply read as it streams. What arrives and
+// how the exchange ends is told through signals; the exchange changes nothing itself.
 class ChatExchange : public CancellableTask {
     Q_OBJECT
 public:
-    ChatExchange(EngineStore *store, QJsonArray messages, QUuid assistantID);
+    ChatExchange(EngineClient *client, QJsonArray messages, QObject *parent = nullptr);
 
-    void begin();
+    // Sends the request with these settings, taken as the exchange starts.
+    void begin(double temperature, int tokenLimit);
+
+signals:
+    // The reply grew by piece; reply is all of it so far.
+    void replyGrew(const QString &piece, const QString &reply);
+    // Nothing arrived before the end; the message says so instead.
+    void replyReplaced(const QString &text);
+    // A failure the user should see.
+    void failed(const QString &message);
+    // The exchange is over, whichever way it went; finished() follows.
+    void ended();
 
 protected:
     void onCancel() override;
@@ -35,9 +46,8 @@ private:
     void finalSteps();
     void detachReply();
 
-    QPointer<EngineStore> m_store;
+    QPointer<EngineClient> m_client;
     QJsonArray m_messages;
-    QUuid m_assistantID;
     QString m_reply;
     QPointer<QNetworkReply> m_networkReply;
     SseLineReader m_lines;

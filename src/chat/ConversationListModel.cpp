@@ -1,22 +1,20 @@
 #include "ConversationListModel.h"
 
-#include "engine/EngineStore.h"
-
-ConversationListModel::ConversationListModel(EngineStore *store)
-    : QAbstractListModel(store), m_store(store)
+ConversationListModel::ConversationListModel(QList<Conversation> conversations, QObject *parent)
+    : QAbstractListModel(parent), m_conversations(std::move(conversations))
 {
 }
 
 int ConversationListModel::rowCount(const QModelIndex &parent) const
 {
-    return parent.isValid() ? 0 : static_cast<int>(m_store->conversations().size());
+    return parent.isValid() ? 0 : count();
 }
 
 QVariant ConversationListModel::data(const QModelIndex &index, int role) const
 {
-    if (!index.isValid() || index.row() >= rowCount())
+    if (!index.isValid() || index.row() >= count())
         return {};
-    const Conversation &conversation = m_store->conversations().at(index.row());
+    const Conversation &conversation = m_conversations.at(index.row());
     switch (role) {
     case IdRole:
         return uuidText(conversation.id);
@@ -24,7 +22,7 @@ QVariant ConversationListModel::data(const QModelIndex &index, int role) const
     case TitleRole:
         return conversation.title;
     case SelectedRole:
-        return m_store->selectedID() == conversation.id;
+        return m_selectedID == conversation.id;
     default:
         return {};
     }
@@ -35,28 +33,75 @@ QHash<int, QByteArray> ConversationListModel::roleNames() const
     return {{IdRole, "conversationId"}, {TitleRole, "title"}, {SelectedRole, "selected"}};
 }
 
-void ConversationListModel::beginInsert(int index)
+void ConversationListModel::findSelectedIndex()
 {
-    beginInsertRows({}, index, index);
-}
-
-void ConversationListModel::finishInsert()
-{
-    endInsertRows();
-    emit countChanged();
+    m_selectedIndex = -1;
+    if (!m_selectedID)
+        return;
+    for (int index = 0; index < count(); ++index) {
+        if (m_conversations.at(index).id == *m_selectedID) {
+            m_selectedIndex = index;
+            return;
+        }
+    }
 }
 
 void ConversationListModel::conversationChanged(int index, const QList<int> &roles)
 {
-    if (index < 0 || index >= rowCount())
+    if (index < 0 || index >= count())
         return;
     const QModelIndex changed = this->index(index);
     emit dataChanged(changed, changed, roles);
 }
 
-void ConversationListModel::selectionMoved(int previousIndex, int currentIndex)
+void ConversationListModel::insert(int index, const Conversation &conversation)
 {
+    beginInsertRows({}, index, index);
+    m_conversations.insert(index, conversation);
+    findSelectedIndex();
+    endInsertRows();
+    emit countChanged();
+}
+
+void ConversationListModel::select(const std::optional<QUuid> &id)
+{
+    if (m_selectedID == id)
+        return;
+    const int previousIndex = m_selectedIndex;
+    // The messages shown are replaced while the list still shows the old conversation.
+    emit selectionAboutToChange();
+    m_selectedID = id;
+    findSelectedIndex();
+    emit selectionChanged();
     conversationChanged(previousIndex, {SelectedRole});
-    if (currentIndex != previousIndex)
-        conversationChanged(currentIndex, {SelectedRole});
+    if (m_selectedIndex != previousIndex)
+        conversationChanged(m_selectedIndex, {SelectedRole});
+}
+
+void ConversationListModel::setTitle(int index, const QString &title)
+{
+    m_conversations[index].title = title;
+    conversationChanged(index, {TitleRole, Qt::DisplayRole});
+}
+
+void ConversationListModel::appendMessage(int index, const ChatMessage &message)
+{
+    emit messageAboutToBeAppended(index, static_cast<int>(m_conversations.at(index).messages.size()));
+    m_conversations[index].messages.append(message);
+    emit messageAppended(index);
+    conversationChanged(index);
+}
+
+void ConversationListModel::setMessageText(int index, int messageIndex, const QString &text)
+{
+    m_conversations[index].messages[messageIndex].text = text;
+    emit messageTextChanged(index, messageIndex);
+    conversationChanged(index);
+}
+
+void ConversationListModel::appendMessageText(int index, int messageIndex, const QString &piece)
+{
+    m_conversations[index].messages[messageIndex].text.append(piece);
+    emit messageTextChanged(index, messageIndex);
+    conversationChanged(index);
 }

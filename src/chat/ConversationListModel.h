@@ -1,32 +1,56 @@
 #pragma once
 
+#include "model/Conversation.h"
+
 #include <QAbstractListModel>
+#include <QList>
+#include <QUuid>
+#include <optional>
 
-class EngineStore;
-
-// The store's conversations as a list for the sidebar, in store order.
+// All conversations, in the order the sidebar shows them, and which one is selected.
+// The list is changed here and nowhere else, so every change is announced as it
+// happens: rows to the sidebar, and the selected conversation's messages to the
+// message list that follows it.
 class ConversationListModel : public QAbstractListModel {
     Q_OBJECT
     Q_PROPERTY(int count READ count NOTIFY countChanged)
 public:
     enum Role { IdRole = Qt::UserRole + 1, TitleRole, SelectedRole };
 
-    explicit ConversationListModel(EngineStore *store);
+    explicit ConversationListModel(QList<Conversation> conversations, QObject *parent = nullptr);
 
     int rowCount(const QModelIndex &parent = {}) const override;
     QVariant data(const QModelIndex &index, int role) const override;
     QHash<int, QByteArray> roleNames() const override;
-    int count() const { return rowCount(); }
+    int count() const { return static_cast<int>(m_conversations.size()); }
 
-    // Called by the store after it changed its list.
-    void conversationChanged(int index, const QList<int> &roles = {});
-    void selectionMoved(int previousIndex, int currentIndex);
-    void beginInsert(int index);
-    void finishInsert();
+    const QList<Conversation> &conversations() const { return m_conversations; }
+    const std::optional<QUuid> &selectedID() const { return m_selectedID; }
+    // The selected conversation's row, or -1 when the selection names none.
+    int selectedIndex() const { return m_selectedIndex; }
+
+    void insert(int index, const Conversation &conversation);
+    void select(const std::optional<QUuid> &id);
+    void setTitle(int index, const QString &title);
+    void appendMessage(int index, const ChatMessage &message);
+    void setMessageText(int index, int messageIndex, const QString &text);
+    void appendMessageText(int index, int messageIndex, const QString &piece);
 
 signals:
     void countChanged();
+    // Around a change of the selection.
+    void selectionAboutToChange();
+    void selectionChanged();
+    // Around a message added to a conversation, and after a message's text changed.
+    void messageAboutToBeAppended(int index, int messageIndex);
+    void messageAppended(int index);
+    void messageTextChanged(int index, int messageIndex);
 
 private:
-    EngineStore *m_store;
+    void conversationChanged(int index, const QList<int> &roles = {});
+    void findSelectedIndex();
+
+    QList<Conversation> m_conversations;
+    std::optional<QUuid> m_selectedID;
+    int m_selectedIndex = -1;
 };

@@ -1,129 +1,117 @@
-// Sending, stopping and new conversations.
-#include "ChatExchange.h"
-#include "engine/EngineStore.h"
+#include "Conversations.h"
 
-#include <QJsonArray>
-#include <QTextBoundaryFinder>
-#include <QTimer>
+#include "ConversationListModel.h"
+#include "MessageListModel.h"
+#include "model/HistoryFile.h"
 
 namespace {
 
-// The first count user-perceived characters (grapheme clusters) of text.
-QString firstCharacters(const QString &text, int count)
+QList<Conversation> readHistory(const QString &file)
 {
-    QTextBoundaryFinder boundaries(QTextBoundaryFinder::Grapheme, text);
-    int taken = 0;
-    qsizetype end = 0;
-    while (taken < count) {
-        const qsizetype next = boundaries.toNextBoundary();
-        if (next < 0)
-            return text;
-        end = next;
-        ++taken;
-    }
-    return text.left(end);
+    auto history = HistoryFile::load(file);
+    if (history && !history->isEmpty())
+        return std::move(*history);
+    if (!history)
+        HistoryFile::keepUnreadableCopy(file);
+    return {Conversation()};
 }
 
 } // namespace
 
-// The send/stop control's rule; the first match wins.
-bool EngineStore::canSend() const
+Conversations::Conversations(const QString &historyFile, QObject *parent)
+    : QObject(parent),
+      m_historyFile(historyFile),
+      m_list(new ConversationListModel(readHistory(historyFile), this)),
+      m_messageList(new MessageListModel(m_list, this))
 {
-    if (m_generating)
-        return true;  // acts as Stop
-    if (m_loading || !hasLoadedModel())
-        return false;
-    // Spaces count as text here; send() itself trims them away.
-    if (m_prompt.isEmpty() && !m_attachment)
-        return false;
-    if (m_attachment && !vision())
-        return false;
-    return true;
+    m_list->select(m_list->conversations().first().id);
 }
 
-void EngineStore::followCanSend()
+const QList<Conversation> &Conversations::all() const
 {
-    m_canSend = canSend();
-    const auto update = [this] {
-        const bool now = canSend();
-        if (now == m_canSend)
-            return;
-        m_canSend = now;
-        emit canSendChanged();
-    };
-    for (const auto changed : {&EngineStore::generatingChanged, &EngineStore::loadingChanged,
-                               &EngineStore::stateChanged, &EngineStore::promptChanged,
-                               &EngineStore::attachmentChanged})
-        connect(this, changed, this, update);
+    return m_list->conversations();
 }
 
-void EngineStore::send()
+const std::optional<QUuid> &Conversations::selectedID() const
 {
-    if (m_generating || m_loading || !hasLoadedModel())
-        return;
-    const QString trimmed = m_prompt.trimmed();
-    if (trimmed.isEmpty() && !m_attachment)
-        return;
-    const QString text = trimmed.isEmpty() ? QStringLiteral("Describe this image.") : trimmed;
-
-    ChatMessage question;
-    question.role = QStringLiteral("user");
-    question.text = text;
-    question.image = m_attachment;
-
-    const int index = selectedIndex();
-    if (index < 0)
-        return;
-    if (m_conversations.at(index).messages.isEmpty())
-        setConversationTitle(index, firstCharacters(text, 40));
-    appendMessage(index, question);
-
-    QJsonArray payloads;
-    for (const ChatMessage &message : m_conversations.at(index).messages)
-        payloads.append(message.payload());
-
-    ChatMessage answer;
-    answer.role = QStringLiteral("assistant");
-    appendMessage(index, answer);
-
-    setPrompt(QString());
-    setAttachment(std::nullopt);
-    setGenerating(true);
-    setError(std::nullopt);
-
-    auto *exchange = new ChatExchange(this, payloads, answer.id);
-    m_generationTask = exchange;
-    QTimer::singleShot(0, exchange, &ChatExchange::begin);
+    return m_list->selectedID();
 }
 
-void EngineStore::stop()
+int Conversations::selectedIndex() const
 {
-    if (m_generationTask)
-        m_generationTask->cancel();
+    return m_list->selectedIndex();
 }
 
-void EngineStore::updateAssistant(const QUuid &id, const QString &text)
+QList<ChatMessage> Conversations::messages() const
 {
     const int index = selectedIndex();
-    if (index < 0)
-        return;
-    const auto &messages = m_conversations.at(index).messages;
-    for (int row = 0; row < messages.size(); ++row) {
-        if (messages.at(row).id == id) {
-            setMessageText(index, row, text);
-            return;
-        }
-    }
+    return index < 0 ? QList<ChatMessage>() : all().at(index).messages;
 }
 
-void EngineStore::newChat()
+void Conversations::select(const std::optional<QUuid> &id)
 {
-    if (m_generating)
+    if (selectedID() == id)
         return;
+    m_list->select(id);
+    emit selectedIDChanged();
+}
+
+void Conversations::startNew()
+{
     const Conversation conversation;
-    insertConversation(0, conversation);
-    setSelectedID(conversation.id);
-    setPrompt(QString());
-    setAttachment(std::nullopt);
-    save();
+    m_list->insert(0, conversation);
+    select(conversation.id);
+}
+
+std::optional<QList<ChatMessage>> Conversations::ask(const ChatMessage &question, const ChatMessage &answer,
+                                                     const QString &title)
+{
+    const int index = selectedIndex();
+    if (index < 0)
+        return std::nullopt;
+    if (all().at(index).messages.isEmpty())
+        m_list->setTitle(index, title);
+    m_list->appendMessage(index, question);
+    const QList<ChatMessage> asked = all().at(index).messages;
+    m_list->appendMessage(index, answer);
+    return asked;
+}
+
+int Conversations::selectedMessageRow(const QUuid &id) const
+{
+    const int index = selectedIndex();
+    if (index < 0)
+        return -1;
+    const QList<ChatMessage> &messages = all().at(index).messages;
+    // Ids are unique; the reply being written is nearly always the last message.
+    for (auto row = messages.size() - 1; row >= 0; --row) {
+        if (messages.at(row).id == id)
+            return static_cast<int>(row);
+    }
+    return -1;
+}
+
+void Conversations::updateAssistant(const QUuid &id, const QString &text)
+{
+    const int row = selectedMessageRow(id);
+    if (row >= 0)
+        m_list->setMessageText(selectedIndex(), row, text);
+}
+
+void Conversations::extendAssistant(const QUuid &id, const QString &piece, const QString &reply)
+{
+    const int row = selectedMessageRow(id);
+    if (row < 0)
+        return;
+    const QString &text = all().at(selectedIndex()).messages.at(row).text;
+    // A message left behind while another conversation was shown catches up whole.
+    if (text.size() + piece.size() == reply.size() && QStringView(reply).first(text.size()) == text)
+        m_list->appendMessageText(selectedIndex(), row, piece);
+    else
+        m_list->setMessageText(selectedIndex(), row, reply);
+}
+
+void Conversations::save() const
+{
+    HistoryFile::save(m_historyFile, all());
 }

@@ -1,9 +1,7 @@
-// Attaching one image to the next message.
-#include "engine/EngineStore.h"
+#include "ImageAttachment.h"
 
 #include <QFile>
 #include <QFileInfo>
-#include <QJsonObject>
 #include <QMimeDatabase>
 
 namespace {
@@ -14,6 +12,11 @@ QString readFailureMessage(const QString &path, const QString &reason)
 {
     return QStringLiteral("The image %1 could not be read: %2.")
         .arg(QChar(0x201C) + QFileInfo(path).fileName() + QChar(0x201D), reason);
+}
+
+QString tooLargeMessage()
+{
+    return QStringLiteral("Please choose an image smaller than 30 MB.");
 }
 
 // By the file name's extension alone; the bytes are carried as they are.
@@ -31,41 +34,20 @@ QString imageMimeType(const QString &path)
 
 } // namespace
 
-void EngineStore::attachImage()
+ImageAttachment ImageAttachment::read(const QString &path)
 {
-    const QStringList files = m_fileChooser
-        ? m_fileChooser->chooseFilesToOpen(FileChooser::Kind::Images, false)
-        : QStringList();
-    if (files.isEmpty())
-        return;
-    const QString path = files.first();
-
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        setError(readFailureMessage(path, file.errorString()));
-        return;
-    }
+    if (!file.open(QIODevice::ReadOnly))
+        return {{}, readFailureMessage(path, file.errorString())};
     // Refused before reading, so a huge file never fills the memory.
-    if (file.size() > largestImageBytes) {
-        setError(QStringLiteral("Please choose an image smaller than 30 MB."));
-        return;
-    }
+    if (file.size() > largestImageBytes)
+        return {{}, tooLargeMessage()};
     const QByteArray bytes = file.readAll();
-    if (file.error() != QFileDevice::NoError) {
-        setError(readFailureMessage(path, file.errorString()));
-        return;
-    }
-    if (bytes.size() > largestImageBytes) {
-        setError(QStringLiteral("Please choose an image smaller than 30 MB."));
-        return;
-    }
-
-    setAttachment(QStringLiteral("data:") + imageMimeType(path) + QStringLiteral(";base64,")
-                  + QString::fromLatin1(bytes.toBase64()));
-
-    // Lets the engine encode the image while the user is still typing; the message
-    // carries the whole image all the same, so the outcome does not matter.
-    if (m_state && m_state->vision && m_attachment)
-        request(QStringLiteral("api/encode"), QJsonObject{{QStringLiteral("url"), *m_attachment}},
-                [](const EngineReply &) {});
+    if (file.error() != QFileDevice::NoError)
+        return {{}, readFailureMessage(path, file.errorString())};
+    if (bytes.size() > largestImageBytes)
+        return {{}, tooLargeMessage()};
+    return {QStringLiteral("data:") + imageMimeType(path) + QStringLiteral(";base64,")
+                + QString::fromLatin1(bytes.toBase64()),
+            {}};
 }

@@ -1,29 +1,57 @@
 #include "MessageListModel.h"
 
-#include "engine/EngineStore.h"
+#include "ConversationListModel.h"
 
-MessageListModel::MessageListModel(EngineStore *store)
-    : QAbstractListModel(store), m_store(store)
+MessageListModel::MessageListModel(const ConversationListModel *conversations, QObject *parent)
+    : QAbstractListModel(parent), m_conversations(conversations)
 {
+    connect(conversations, &ConversationListModel::selectionAboutToChange, this, [this] { beginResetModel(); });
+    connect(conversations, &ConversationListModel::selectionChanged, this, [this] {
+        endResetModel();
+        emit countChanged();
+        emit lastTextChanged();
+    });
+    connect(conversations, &ConversationListModel::messageAboutToBeAppended, this, [this](int index, int messageIndex) {
+        m_inserting = index == m_conversations->selectedIndex();
+        if (m_inserting)
+            beginInsertRows({}, messageIndex, messageIndex);
+    });
+    connect(conversations, &ConversationListModel::messageAppended, this, [this] {
+        if (!m_inserting)
+            return;
+        m_inserting = false;
+        endInsertRows();
+        emit countChanged();
+        emit lastTextChanged();
+    });
+    connect(conversations, &ConversationListModel::messageTextChanged, this, [this](int index, int messageIndex) {
+        if (index != m_conversations->selectedIndex())
+            return;
+        const QModelIndex changed = this->index(messageIndex);
+        emit dataChanged(changed, changed, {TextRole, Qt::DisplayRole, HasTextRole});
+        if (messageIndex == rowCount() - 1)
+            emit lastTextChanged();
+    });
+}
+
+const QList<ChatMessage> *MessageListModel::shownMessages() const
+{
+    const int selected = m_conversations->selectedIndex();
+    return selected < 0 ? nullptr : &m_conversations->conversations().at(selected).messages;
 }
 
 int MessageListModel::rowCount(const QModelIndex &parent) const
 {
-    if (parent.isValid())
-        return 0;
-    const int selected = m_store->selectedIndex();
-    return selected < 0 ? 0 : static_cast<int>(m_store->conversations().at(selected).messages.size());
+    const QList<ChatMessage> *messages = shownMessages();
+    return parent.isValid() || !messages ? 0 : static_cast<int>(messages->size());
 }
 
 QVariant MessageListModel::data(const QModelIndex &index, int role) const
 {
-    const int selected = m_store->selectedIndex();
-    if (!index.isValid() || selected < 0)
+    const QList<ChatMessage> *messages = shownMessages();
+    if (!index.isValid() || !messages || index.row() >= messages->size())
         return {};
-    const auto &messages = m_store->conversations().at(selected).messages;
-    if (index.row() >= messages.size())
-        return {};
-    const ChatMessage &message = messages.at(index.row());
+    const ChatMessage &message = messages->at(index.row());
     switch (role) {
     case IdRole:
         return uuidText(message.id);
@@ -47,48 +75,18 @@ QVariant MessageListModel::data(const QModelIndex &index, int role) const
 
 QHash<int, QByteArray> MessageListModel::roleNames() const
 {
-    return {{IdRole, "messageId"}, {RoleRole, "role"},         {TextRole, "text"},
-            {ImageRole, "image"},  {HasImageRole, "hasImage"}, {IsUserRole, "isUser"},
-            {HasTextRole, "hasText"}};
+    return {{IdRole, "messageId"},      {RoleRole, "role"},     {TextRole, "text"},      {ImageRole, "image"},
+            {HasImageRole, "hasImage"}, {IsUserRole, "isUser"}, {HasTextRole, "hasText"}};
 }
 
 QString MessageListModel::lastText() const
 {
-    const int selected = m_store->selectedIndex();
-    if (selected < 0)
-        return {};
-    const auto &messages = m_store->conversations().at(selected).messages;
-    return messages.isEmpty() ? QString() : messages.last().text;
+    const QList<ChatMessage> *messages = shownMessages();
+    return !messages || messages->isEmpty() ? QString() : messages->last().text;
 }
 
-void MessageListModel::beginSelectionChange()
+QString MessageListModel::textAt(int row) const
 {
-    beginResetModel();
-}
-
-void MessageListModel::finishSelectionChange()
-{
-    endResetModel();
-    emit countChanged();
-    emit lastTextChanged();
-}
-
-void MessageListModel::beginAppend(int index)
-{
-    beginInsertRows({}, index, index);
-}
-
-void MessageListModel::finishAppend()
-{
-    endInsertRows();
-    emit countChanged();
-    emit lastTextChanged();
-}
-
-void MessageListModel::messageTextChanged(int index)
-{
-    const QModelIndex changed = this->index(index);
-    emit dataChanged(changed, changed, {TextRole, Qt::DisplayRole, HasTextRole});
-    if (index == rowCount() - 1)
-        emit lastTextChanged();
+    const QList<ChatMessage> *messages = shownMessages();
+    return !messages || row < 0 || row >= messages->size() ? QString() : messages->at(row).text;
 }

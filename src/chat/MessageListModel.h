@@ -2,10 +2,12 @@
 
 #include <QAbstractListModel>
 
-class EngineStore;
+class ConversationListModel;
+struct ChatMessage;
 
-// The selected conversation's messages for the transcript. A streamed token changes
-// one row's text, nothing else.
+// The selected conversation's messages for the transcript, read from the conversation
+// list as it announces each change. A streamed token changes one row's text, nothing
+// else.
 class MessageListModel : public QAbstractListModel {
     Q_OBJECT
     Q_PROPERTY(int count READ count NOTIFY countChanged)
@@ -13,7 +15,7 @@ class MessageListModel : public QAbstractListModel {
 public:
     enum Role { IdRole = Qt::UserRole + 1, RoleRole, TextRole, ImageRole, HasImageRole, IsUserRole, HasTextRole };
 
-    explicit MessageListModel(EngineStore *store);
+    explicit MessageListModel(const ConversationListModel *conversations, QObject *parent = nullptr);
 
     int rowCount(const QModelIndex &parent = {}) const override;
     QVariant data(const QModelIndex &index, int role) const override;
@@ -21,19 +23,17 @@ public:
     int count() const { return rowCount(); }
     // The last message's text, empty when there is none.
     QString lastText() const;
-
-    // Called by the store.
-    // Around a change of the selected conversation: the rows are replaced whole.
-    void beginSelectionChange();
-    void finishSelectionChange();
-    void beginAppend(int index);
-    void finishAppend();
-    void messageTextChanged(int index);
+    // A message's text, for copying it; empty for a row that is not there.
+    Q_INVOKABLE QString textAt(int row) const;
 
 signals:
     void countChanged();
     void lastTextChanged();
 
 private:
-    EngineStore *m_store;
+    const QList<ChatMessage> *shownMessages() const;
+
+    const ConversationListModel *m_conversations;
+    // Set between a message's announcement and its arrival in the shown conversation.
+    bool m_inserting = false;
 };

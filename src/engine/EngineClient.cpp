@@ -1,11 +1,11 @@
-// The store's JSON calls to the engine and the status call.
-#include "EngineStore.h"
+#include "EngineClient.h"
 
-#include "model/PlatformWords.h"
+#include "EngineRequest.h"
 
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QNetworkAccessManager>
+#include <QNetworkProxy>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QTimer>
@@ -37,41 +37,41 @@ EngineFailure transportFailure(QNetworkReply *reply)
     // The transfer time-out aborts the reply, which then reads as cancelled; only a
     // reply that its caller stopped was really cancelled.
     if (error == QNetworkReply::OperationCanceledError && reply->property(cancelledByCaller).toBool())
-        return EngineFailure{EngineFailure::Kind::Cancelled, QStringLiteral("QNetworkReply"), error,
-                             QStringLiteral("cancelled")};
+        return EngineFailure{EngineFailure::Kind::Cancelled, QStringLiteral("cancelled")};
     if (error == QNetworkReply::OperationCanceledError || error == QNetworkReply::TimeoutError)
-        return EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("QNetworkReply"), error,
-                             EngineFailure::timedOutMessage()};
-    return EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("QNetworkReply"), error,
-                         reply->errorString()};
+        return EngineFailure{EngineFailure::Kind::Transport, EngineFailure::timedOutMessage()};
+    return EngineFailure{EngineFailure::Kind::Transport, reply->errorString()};
 }
 
 } // namespace
 
-QNetworkReply *EngineStore::request(const QString &path, const std::optional<QJsonObject> &body,
-                                    std::function<void(const EngineReply &)> done)
+EngineClient::EngineClient(QObject *parent) : QObject(parent), m_network(new QNetworkAccessManager(this))
+{
+    // Local engine only: never go through a system proxy.
+    m_network->setProxy(QNetworkProxy::NoProxy);
+}
+
+void EngineClient::setTimeouts(int requestMilliseconds, int chatMilliseconds)
+{
+    m_requestTimeoutMilliseconds = requestMilliseconds;
+    m_chatTimeoutMilliseconds = chatMilliseconds;
+}
+
+QNetworkReply *EngineClient::request(const QString &path, const std::optional<QJsonObject> &body,
+                                     std::function<void(const EngineReply &)> done)
 {
     if (!m_baseURL) {
         // Never launched: fail as an unreachable host would, without touching the network.
         QTimer::singleShot(0, this, [done = std::move(done)] {
-            done(EngineReply{{}, EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("NSURLErrorDomain"),
-                                               -1004, QStringLiteral("Could not connect to the server.")}});
+            done(EngineReply{
+                {}, EngineFailure{EngineFailure::Kind::Transport, QStringLiteral("Could not connect to the server.")}});
         });
         return nullptr;
     }
 
-    QUrl target = *m_baseURL;
-    target.setPath(QLatin1Char('/') + path);
-    QNetworkRequest networkRequest(target);
-    networkRequest.setTransferTimeout(m_requestTimeoutMilliseconds);
-    // The engine never redirects; a redirect is answered as the error it is.
-    networkRequest.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
-    networkRequest.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
+    QNetworkRequest networkRequest = EngineRequest::build(*m_baseURL, path, m_requestTimeoutMilliseconds);
     networkRequest.setRawHeader(QByteArrayLiteral("X-Vorn-App"), QByteArrayLiteral("1"));
-
-    QNetworkReply *reply = body
-        ? m_network->post(networkRequest, QJsonDocument(*body).toJson(QJsonDocument::Compact))
-        : m_network->get(networkRequest);
+    QNetworkReply *reply = body ? post(networkRequest, *body) : m_network->get(networkRequest);
 
     connect(reply, &QNetworkReply::finished, this, [reply, done = std::move(done)] {
         reply->deleteLater();
@@ -89,12 +89,12 @@ QNetworkReply *EngineStore::request(const QString &path, const std::optional<QJs
             done(EngineReply{replyBody, std::nullopt});
             return;
         }
-        done(EngineReply{{}, EngineFailure::vorn(1, engineErrorMessage(replyBody))});
+        done(EngineReply{{}, EngineFailure{EngineFailure::Kind::Engine, engineErrorMessage(replyBody)}});
     });
     return reply;
 }
 
-void EngineStore::cancelRequest(QNetworkReply *reply)
+void EngineClient::cancelRequest(QNetworkReply *reply)
 {
     if (!reply)
         return;
@@ -102,23 +102,7 @@ void EngineStore::cancelRequest(QNetworkReply *reply)
     reply->abort();
 }
 
-QNetworkReply *EngineStore::refresh(std::function<void(bool)> done)
+QNetworkReply *EngineClient::post(const QNetworkRequest &request, const QJsonObject &body)
 {
-    return request(QStringLiteral("api/state"), std::nullopt, [this, done = std::move(done)](const EngineReply &reply) {
-        std::optional<EngineState> decoded;
-        if (reply.ok())
-            decoded = EngineState::decode(reply.body);
-        if (!decoded) {
-            if (done)
-                done(false);
-            return;
-        }
-        setState(decoded);
-        setReady(true);
-        if (!m_loading && !m_generating)
-            setActivity(hasLoadedModel() ? QStringLiteral("Model ready") : PlatformWords::readyActivity());
-        runStatusChange();
-        if (done)
-            done(true);
-    });
+    return m_network->post(request, QJsonDocument(body).toJson(QJsonDocument::Compact));
 }

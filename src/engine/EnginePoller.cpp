@@ -1,11 +1,12 @@
 #include "EnginePoller.h"
 
-#include "EngineStore.h"
+#include "EngineConnection.h"
 
 #include <QNetworkReply>
 #include <QTimer>
 
-EnginePoller::EnginePoller(EngineStore *store) : CancellableTask(store), m_store(store), m_pause(new QTimer(this))
+EnginePoller::EnginePoller(EngineConnection *connection)
+    : CancellableTask(connection), m_connection(connection), m_pause(new QTimer(this))
 {
     m_pause->setSingleShot(true);
     m_pause->setTimerType(Qt::PreciseTimer);
@@ -17,7 +18,7 @@ EnginePoller::EnginePoller(EngineStore *store) : CancellableTask(store), m_store
 
 void EnginePoller::begin()
 {
-    if (!m_store) {
+    if (!m_connection) {
         finish();
         return;
     }
@@ -28,7 +29,7 @@ void EnginePoller::begin()
 void EnginePoller::onCancel()
 {
     // Stop the status call in flight; a pause ends early so the task can see the cancel.
-    EngineStore::cancelRequest(m_reply);
+    EngineClient::cancelRequest(m_reply);
     if (m_pause->isActive()) {
         m_pause->stop();
         QTimer::singleShot(0, this, [this] {
@@ -46,11 +47,11 @@ void EnginePoller::pauseThen(int milliseconds, void (EnginePoller::*next)())
 
 void EnginePoller::startupStep()
 {
-    if (isCancelled() || !m_store) {
+    if (isCancelled() || !m_connection) {
         finish();
         return;
     }
-    m_reply = m_store->refresh([this](bool applied) {
+    m_reply = m_connection->refresh([this](bool applied) {
         m_reply = nullptr;
         if (applied) {
             startupFinished();
@@ -72,19 +73,19 @@ void EnginePoller::startupPauseEnded()
 
 void EnginePoller::startupFinished()
 {
-    if (m_store && !m_store->ready())
-        m_store->setError(QStringLiteral("The local engine did not respond. Relaunch Vorn to try again."));
+    if (m_connection && !m_connection->ready())
+        emit startupFailed();
     // The loop runs whether or not the engine answered, so a late engine is still picked up.
     pollStep();
 }
 
 void EnginePoller::pollStep()
 {
-    if (isCancelled() || !m_store) {
+    if (isCancelled() || !m_connection) {
         finish();
         return;
     }
-    m_reply = m_store->refresh([this](bool) {
+    m_reply = m_connection->refresh([this](bool) {
         m_reply = nullptr;
         pauseThen(pollPauseMilliseconds, &EnginePoller::pollStep);
     });

@@ -4,7 +4,7 @@
 
 #include <QPointer>
 
-class EngineStore;
+class EngineConnection;
 class QNetworkReply;
 class QTimer;
 
@@ -17,9 +17,13 @@ public:
     static constexpr int startupPauseMilliseconds = 200;
     static constexpr int pollPauseMilliseconds = 2000;
 
-    explicit EnginePoller(EngineStore *store);
+    explicit EnginePoller(EngineConnection *connection);
 
     void begin();
+
+signals:
+    // The start-up wait ended without an answer from the engine.
+    void startupFailed();
 
 protected:
     void onCancel() override;
@@ -31,7 +35,7 @@ private:
     void pollStep();
     void pauseThen(int milliseconds, void (EnginePoller::*next)());
 
-    QPointer<EngineStore> m_store;
+    QPointer<EngineConnection> m_connection;
     QPointer<QNetworkReply> m_reply;
     QTimer *m_pause;
     void (EnginePoller::*m_afterPause)() = nullptr;

@@ -1,75 +1,87 @@
 #include "EngineStore.h"
 
-#include "chat/ConversationListModel.h"
-#include "chat/MessageListModel.h"
-#include "library/DownloadListModel.h"
-#include "library/LocalModelListModel.h"
+#include "chat/ConversationExport.h"
 #include "model/HistoryFile.h"
 
-#include <QCoreApplication>
 #include <QDir>
-#include <QNetworkAccessManager>
-#include <QNetworkProxy>
-#include <QProcess>
 #include <QStandardPaths>
+
+namespace {
+
+// "Vorn" in the application data folder.
+QString dataFolderPath()
+{
+    const QString folder = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
+    if (folder.isEmpty())
+        qFatal("No application data folder is available");
+    return QDir(folder).filePath(QStringLiteral("Vorn"));
+}
+
+// The history file in the data folder, which is created (0700) if need be.
+QString historyFilePath(const QString &dataFolder)
+{
+    HistoryFile::prepareFolder(dataFolder);
+    return QDir(dataFolder).filePath(QStringLiteral("conversations.json"));
+}
+
+} // namespace
 
 EngineStore::EngineStore(QObject *parent)
     : QObject(parent),
-      m_network(new QNetworkAccessManager(this)),
-      m_conversationList(new ConversationListModel(this)),
-      m_messageList(new MessageListModel(this)),
-      m_modelList(new LocalModelListModel(this)),
-      m_downloadList(new DownloadListModel(this))
+      m_dataFolder(dataFolderPath()),
+      m_engine(new EngineConnection(QDir(QDir::homePath()).filePath(QStringLiteral(".vorn/models")), this)),
+      m_conversations(new Conversations(historyFilePath(m_dataFolder), this)),
+      m_library(new ModelLibrary(*m_engine, this)),
+      m_chat(new ChatSession(*m_engine, *m_conversations, *m_library, this))
 {
-    // Local engine only: never go through a system proxy.
-    m_network->setProxy(QNetworkProxy::NoProxy);
-
-    m_conversations.append(Conversation());
-
-    m_directory = QDir(QDir::homePath()).filePath(QStringLiteral(".vorn/models"));
-
-    const QString supportFolder = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
-    if (supportFolder.isEmpty())
-        qFatal("No application data folder is available");
-    m_dataFolder = QDir(supportFolder).filePath(QStringLiteral("Vorn"));
-    HistoryFile::prepareFolder(m_dataFolder);
-
-    m_historyFile = QDir(m_dataFolder).filePath(QStringLiteral("conversations.json"));
-    auto history = HistoryFile::load(m_historyFile);
-    if (history && !history->isEmpty())
-        m_conversations = std::move(*history);
-    else if (!history)
-        HistoryFile::keepUnreadableCopy(m_historyFile);
-
-    m_selectedID = m_conversations.first().id;
-
-    followCanSend();
+    m_library->setReplyCheck([this] { return m_chat->generating(); });
+    m_engine->setBusyCheck([this] { return m_library->loading() || m_chat->generating(); });
+    m_engine->setReplyInFlight([this] { return m_chat->generationTask(); });
+    connectCollaborators();
 }
 
 EngineStore::~EngineStore()
 {
-    if (m_pollTask)
-        m_pollTask->cancel();
-    if (m_generationTask)
-        m_generationTask->cancel();
-    // A stopped engine gets a moment to leave cleanly; QProcess would kill it outright.
-    for (QProcess *child : findChildren<QProcess *>()) {
-        child->disconnect(this);
-        if (child->state() != QProcess::NotRunning) {
-            if (child == m_process)
-                child->terminate();
-            child->waitForFinished(3000);
-        }
-    }
+    // A reply still streaming ends as stopped and is saved while everything it
+    // touches is still there.
+    m_chat->stop();
 }
 
-// --- published state -------------------------------------------------------------
+void EngineStore::connectCollaborators()
+{
+    connect(m_engine, &EngineConnection::stateChanged, this, &EngineStore::stateChanged);
+    connect(m_engine, &EngineConnection::readyChanged, this, &EngineStore::readyChanged);
+    connect(m_engine, &EngineConnection::activityChanged, this, &EngineStore::activityChanged);
+    connect(m_engine, &EngineConnection::statusChanged, this, [this] {
+        if (m_onStatusChange)
+            m_onStatusChange();
+    });
+    connect(m_conversations, &Conversations::selectedIDChanged, this, &EngineStore::selectedIDChanged);
+    connect(m_library, &ModelLibrary::loadingChanged, this, &EngineStore::loadingChanged);
+    connect(m_chat, &ChatSession::generatingChanged, this, &EngineStore::generatingChanged);
+    connect(m_chat, &ChatSession::promptChanged, this, &EngineStore::promptChanged);
+    connect(m_chat, &ChatSession::attachmentChanged, this, &EngineStore::attachmentChanged);
+    connect(m_chat, &ChatSession::temperatureChanged, this, &EngineStore::temperatureChanged);
+    connect(m_chat, &ChatSession::tokenLimitChanged, this, &EngineStore::tokenLimitChanged);
+    connect(m_chat, &ChatSession::canSendChanged, this, &EngineStore::canSendChanged);
+    for (const auto changed : {&EngineStore::loadingChanged, &EngineStore::generatingChanged})
+        connect(this, changed, this, &EngineStore::canChangeModelChanged);
+
+    // Every collaborator shows its failures through the one error line.
+    const auto show = [this](const QString &message) { setError(message); };
+    const auto clear = [this] { setError(std::nullopt); };
+    connect(m_engine, &EngineConnection::errorRaised, this, show);
+    connect(m_library, &ModelLibrary::errorRaised, this, show);
+    connect(m_library, &ModelLibrary::errorCleared, this, clear);
+    connect(m_chat, &ChatSession::errorRaised, this, show);
+    connect(m_chat, &ChatSession::errorCleared, this, clear);
+}
+
+// --- published state ---------------------------------------------------------------------
 
 QVariant EngineStore::stateValue() const
 {
-    if (!m_state)
-        return {};
-    return m_state->toJson().toVariantMap();
+    return state() ? QVariant(state()->toJson().toVariantMap()) : QVariant();
 }
 
 QVariant EngineStore::errorValue() const
@@ -79,45 +91,12 @@ QVariant EngineStore::errorValue() const
 
 QVariant EngineStore::attachmentValue() const
 {
-    return m_attachment ? QVariant(*m_attachment) : QVariant();
-}
-
-QVariantList EngineStore::conversationsValue() const
-{
-    QVariantList list;
-    list.reserve(m_conversations.size());
-    for (const Conversation &conversation : m_conversations)
-        list.append(conversation.toJson().toVariantMap());
-    return list;
+    return attachment() ? QVariant(*attachment()) : QVariant();
 }
 
 QString EngineStore::selectedIDText() const
 {
-    return m_selectedID ? uuidText(*m_selectedID) : QString();
-}
-
-void EngineStore::setState(const std::optional<EngineState> &state)
-{
-    m_state = state;
-    m_modelList->update(m_state ? m_state->models : QList<LocalModel>());
-    m_downloadList->update(m_state ? m_state->downloads : QList<DownloadState>());
-    emit stateChanged();
-}
-
-void EngineStore::setReady(bool ready)
-{
-    if (m_ready == ready)
-        return;
-    m_ready = ready;
-    emit readyChanged();
-}
-
-void EngineStore::setActivity(const QString &activity)
-{
-    if (m_activity == activity)
-        return;
-    m_activity = activity;
-    emit activityChanged();
+    return selectedID() ? uuidText(*selectedID()) : QString();
 }
 
 void EngineStore::setError(const std::optional<QString> &error)
@@ -128,63 +107,13 @@ void EngineStore::setError(const std::optional<QString> &error)
 
 void EngineStore::setErrorValue(const QVariant &error)
 {
-    if (!error.isValid() || error.isNull())
-        setError(std::nullopt);
-    else
-        setError(error.toString());
-}
-
-void EngineStore::setLoading(bool loading)
-{
-    if (m_loading == loading)
-        return;
-    m_loading = loading;
-    emit loadingChanged();
-}
-
-void EngineStore::setGenerating(bool generating)
-{
-    if (m_generating == generating)
-        return;
-    m_generating = generating;
-    emit generatingChanged();
-}
-
-void EngineStore::setPrompt(const QString &prompt)
-{
-    if (m_prompt == prompt)
-        return;
-    m_prompt = prompt;
-    emit promptChanged();
-}
-
-void EngineStore::setAttachment(const std::optional<QString> &attachment)
-{
-    if (m_attachment == attachment)
-        return;
-    m_attachment = attachment;
-    emit attachmentChanged();
+    setError(error.isValid() && !error.isNull() ? std::optional<QString>(error.toString()) : std::nullopt);
 }
 
 void EngineStore::setAttachmentValue(const QVariant &attachment)
 {
-    if (!attachment.isValid() || attachment.isNull())
-        setAttachment(std::nullopt);
-    else
-        setAttachment(attachment.toString());
-}
-
-void EngineStore::setSelectedID(const std::optional<QUuid> &id)
-{
-    if (m_selectedID == id)
-        return;
-    const int previousIndex = selectedIndex();
-    // The message list announces its reset while it still shows the old conversation.
-    m_messageList->beginSelectionChange();
-    m_selectedID = id;
-    m_messageList->finishSelectionChange();
-    m_conversationList->selectionMoved(previousIndex, selectedIndex());
-    emit selectedIDChanged();
+    setAttachment(attachment.isValid() && !attachment.isNull() ? std::optional<QString>(attachment.toString())
+                                                               : std::nullopt);
 }
 
 void EngineStore::setSelectedIDText(const QString &id)
@@ -205,141 +134,30 @@ void EngineStore::setShowLibrary(bool show)
     emit showLibraryChanged();
 }
 
-void EngineStore::setTemperature(double temperature)
+// --- operations ----------------------------------------------------------------------------
+
+void EngineStore::shutdown()
 {
-    if (m_temperature == temperature)
+    m_chat->stop();
+    m_engine->shutdown();
+    save();
+}
+
+void EngineStore::selectConversation(const QString &id)
+{
+    if (const auto parsed = uuidFromText(id))
+        m_chat->selectConversation(*parsed);
+}
+
+void EngineStore::exportChat()
+{
+    if (!m_fileChooser)
         return;
-    m_temperature = temperature;
-    emit temperatureChanged();
+    if (const auto failure = ConversationExport::save(*m_fileChooser, messages()))
+        setError(*failure);
 }
 
-void EngineStore::setTokenLimit(int tokenLimit)
+QString EngineStore::exportText() const
 {
-    if (m_tokenLimit == tokenLimit)
-        return;
-    m_tokenLimit = tokenLimit;
-    emit tokenLimitChanged();
-}
-
-// --- computed ----------------------------------------------------------------------
-
-bool EngineStore::hasLoadedModel() const
-{
-    return m_state && m_state->loaded && !m_state->loaded->isEmpty();
-}
-
-QString EngineStore::loadedName() const
-{
-    if (!hasLoadedModel())
-        return QStringLiteral("No model loaded");
-    QString name = *m_state->loaded;
-    name.remove(QStringLiteral(".gguf"));
-    return name;
-}
-
-int EngineStore::selectedIndex() const
-{
-    if (!m_selectedID)
-        return -1;
-    for (int index = 0; index < m_conversations.size(); ++index) {
-        if (m_conversations.at(index).id == *m_selectedID)
-            return index;
-    }
-    return -1;
-}
-
-QList<ChatMessage> EngineStore::messages() const
-{
-    const int index = selectedIndex();
-    return index < 0 ? QList<ChatMessage>() : m_conversations.at(index).messages;
-}
-
-// --- conversation changes ----------------------------------------------------------
-
-void EngineStore::insertConversation(int index, const Conversation &conversation)
-{
-    m_conversationList->beginInsert(index);
-    m_conversations.insert(index, conversation);
-    m_conversationList->finishInsert();
-    emit conversationsChanged();
-}
-
-void EngineStore::setConversationTitle(int index, const QString &title)
-{
-    m_conversations[index].title = title;
-    m_conversationList->conversationChanged(index, {ConversationListModel::TitleRole, Qt::DisplayRole});
-    emit conversationsChanged();
-}
-
-void EngineStore::appendMessage(int conversationIndex, const ChatMessage &message)
-{
-    const bool shown = conversationIndex == selectedIndex();
-    const int row = static_cast<int>(m_conversations.at(conversationIndex).messages.size());
-    if (shown)
-        m_messageList->beginAppend(row);
-    m_conversations[conversationIndex].messages.append(message);
-    if (shown)
-        m_messageList->finishAppend();
-    m_conversationList->conversationChanged(conversationIndex);
-    emit conversationsChanged();
-}
-
-void EngineStore::setMessageText(int conversationIndex, int messageIndex, const QString &text)
-{
-    m_conversations[conversationIndex].messages[messageIndex].text = text;
-    if (conversationIndex == selectedIndex())
-        m_messageList->messageTextChanged(messageIndex);
-    m_conversationList->conversationChanged(conversationIndex);
-    emit conversationsChanged();
-}
-
-void EngineStore::save()
-{
-    HistoryFile::save(m_historyFile, m_conversations);
-}
-
-void EngineStore::runStatusChange()
-{
-    if (m_onStatusChange)
-        m_onStatusChange();
-}
-
-// --- engine location -----------------------------------------------------------------
-
-namespace {
-QString &engineLocationOverride()
-{
-    static QString location;
-    return location;
-}
-} // namespace
-
-void EngineStore::setEngineLocationForTesting(const QString &path)
-{
-    engineLocationOverride() = path;
-}
-
-QString EngineStore::engineLocation()
-{
-    if (!engineLocationOverride().isEmpty())
-        return engineLocationOverride();
-    const QString applicationFolder = QCoreApplication::applicationDirPath();
-    if (applicationFolder.isEmpty())
-        return {};
-#if defined(Q_OS_WIN)
-    return QDir(applicationFolder).filePath(QStringLiteral("vorn-engine.exe"));
-#else
-    return QDir(applicationFolder).filePath(QStringLiteral("vorn-engine"));
-#endif
-}
-
-void EngineStore::connectForTesting(const QUrl &baseURL)
-{
-    m_baseURL = baseURL;
-}
-
-void EngineStore::setTimeoutsForTesting(int requestMilliseconds, int chatMilliseconds)
-{
-    m_requestTimeoutMilliseconds = requestMilliseconds;
-    m_chatTimeoutMilliseconds = chatMilliseconds;
+    return ConversationExport::text(messages());
 }

@@ -1,15 +1,17 @@
 #pragma once
 
-#include "CancellableTask.h"
+#include "EngineConnection.h"
 #include "EngineFailure.h"
 #include "FileChooser.h"
+#include "chat/ChatSession.h"
+#include "chat/Conversations.h"
+#include "library/ModelLibrary.h"
 #include "model/Conversation.h"
 #include "model/EngineState.h"
 
 #include <QJsonObject>
 #include <QList>
 #include <QObject>
-#include <QPointer>
 #include <QString>
 #include <QUrl>
 #include <QUuid>
@@ -18,18 +20,18 @@
 #include <memory>
 #include <optional>
 
-class QNetworkAccessManager;
+class ConversationListModel;
+class DownloadListModel;
+class LocalModelListModel;
+class MessageListModel;
 class QNetworkReply;
 class QProcess;
-class ConversationListModel;
-class MessageListModel;
-class LocalModelListModel;
-class DownloadListModel;
 
-// The one model object of the app: it owns the engine process, the engine's last
-// status, the conversations, the composer's draft and the generation settings.
-// Views read its properties and call its operations; nothing else holds state.
-// Everything runs on the main thread.
+// The one model object of the app: the views and the shell read its properties and call
+// its operations, and nothing else holds state. Its work is done by the collaborators it
+// owns: the engine connection (process, client, status poll), the conversations with
+// their list models, the chat session (draft, settings, the streaming reply) and the
+// model library. Everything runs on the main thread.
 class EngineStore : public QObject {
     Q_OBJECT
     Q_MOC_INCLUDE("chat/ConversationListModel.h")
@@ -45,7 +47,6 @@ class EngineStore : public QObject {
     Q_PROPERTY(bool generating READ generating NOTIFY generatingChanged)
     Q_PROPERTY(QString prompt READ prompt WRITE setPrompt NOTIFY promptChanged)
     Q_PROPERTY(QVariant attachment READ attachmentValue WRITE setAttachmentValue NOTIFY attachmentChanged)
-    Q_PROPERTY(QVariantList conversations READ conversationsValue NOTIFY conversationsChanged)
     Q_PROPERTY(QString selectedID READ selectedIDText WRITE setSelectedIDText NOTIFY selectedIDChanged)
     Q_PROPERTY(bool showLibrary READ showLibrary WRITE setShowLibrary NOTIFY showLibraryChanged)
     Q_PROPERTY(double temperature READ temperature WRITE setTemperature NOTIFY temperatureChanged)
@@ -54,17 +55,17 @@ class EngineStore : public QObject {
     // Derived from the properties above.
     Q_PROPERTY(bool hasError READ hasError NOTIFY errorChanged)
     Q_PROPERTY(bool hasAttachment READ hasAttachment NOTIFY attachmentChanged)
-    Q_PROPERTY(bool hasState READ hasState NOTIFY stateChanged)
     Q_PROPERTY(bool hasLoadedModel READ hasLoadedModel NOTIFY stateChanged)
     Q_PROPERTY(QString loadedName READ loadedName NOTIFY stateChanged)
     Q_PROPERTY(bool vision READ vision NOTIFY stateChanged)
-    // Whether the send/stop control acts: it stops while generating, and otherwise
-    // sends only what the engine can take.
-    Q_PROPERTY(bool canSend READ canSend NOTIFY canSendChanged)
-    // Single members of the status, so rows and badges need not convert it whole.
-    Q_PROPERTY(QString loadedFile READ loadedFile NOTIFY stateChanged)
     Q_PROPERTY(QString backend READ backend NOTIFY stateChanged)
-    Q_PROPERTY(QString modelsFolder READ directory CONSTANT)
+    // The last reply's figures; a speed above zero is worth showing.
+    Q_PROPERTY(bool hasThroughput READ hasThroughput NOTIFY stateChanged)
+    Q_PROPERTY(double lastDecodeSpeed READ lastDecodeSpeed NOTIFY stateChanged)
+    Q_PROPERTY(int lastCompletionTokens READ lastCompletionTokens NOTIFY stateChanged)
+    // Whether the send/stop control acts, and whether models can be loaded or unloaded.
+    Q_PROPERTY(bool canSend READ canSend NOTIFY canSendChanged)
+    Q_PROPERTY(bool canChangeModel READ canChangeModel NOTIFY canChangeModelChanged)
     Q_PROPERTY(QString dataFolder READ dataFolder CONSTANT)
 
     // List views of the same data, updated row by row.
@@ -77,113 +78,110 @@ public:
     explicit EngineStore(QObject *parent = nullptr);
     ~EngineStore() override;
 
-    // --- published state -------------------------------------------------------
-    const std::optional<EngineState> &state() const { return m_state; }
+    // The collaborators, for the shell and for tests that stand in for the engine.
+    EngineConnection &engine() const { return *m_engine; }
+    ChatSession &chat() const { return *m_chat; }
+    ModelLibrary &library() const { return *m_library; }
+
+    // --- published state -------------------------------------------------------------
+    const std::optional<EngineState> &state() const { return m_engine->state(); }
     QVariant stateValue() const;
-    bool hasState() const { return m_state.has_value(); }
-    bool ready() const { return m_ready; }
-    QString activity() const { return m_activity; }
+    bool hasState() const { return state().has_value(); }
+    bool ready() const { return m_engine->ready(); }
+    QString activity() const { return m_engine->activity(); }
     const std::optional<QString> &error() const { return m_error; }
     QVariant errorValue() const;
     bool hasError() const { return m_error.has_value(); }
-    bool loading() const { return m_loading; }
-    bool generating() const { return m_generating; }
-    QString prompt() const { return m_prompt; }
-    const std::optional<QString> &attachment() const { return m_attachment; }
+    bool loading() const { return m_library->loading(); }
+    bool generating() const { return m_chat->generating(); }
+    QString prompt() const { return m_chat->prompt(); }
+    const std::optional<QString> &attachment() const { return m_chat->attachment(); }
     QVariant attachmentValue() const;
-    bool hasAttachment() const { return m_attachment.has_value(); }
-    const QList<Conversation> &conversations() const { return m_conversations; }
-    QVariantList conversationsValue() const;
-    const std::optional<QUuid> &selectedID() const { return m_selectedID; }
+    bool hasAttachment() const { return attachment().has_value(); }
+    const QList<Conversation> &conversations() const { return m_conversations->all(); }
+    const std::optional<QUuid> &selectedID() const { return m_conversations->selectedID(); }
     QString selectedIDText() const;
     bool showLibrary() const { return m_showLibrary; }
-    double temperature() const { return m_temperature; }
-    int tokenLimit() const { return m_tokenLimit; }
+    double temperature() const { return m_chat->temperature(); }
+    int tokenLimit() const { return m_chat->tokenLimit(); }
 
-    void setState(const std::optional<EngineState> &state);
-    void setReady(bool ready);
-    void setActivity(const QString &activity);
+    // What the views and the shell may set.
     void setError(const std::optional<QString> &error);
     void setErrorValue(const QVariant &error);
     Q_INVOKABLE void clearError() { setError(std::nullopt); }
-    void setLoading(bool loading);
-    void setGenerating(bool generating);
-    void setPrompt(const QString &prompt);
-    void setAttachment(const std::optional<QString> &attachment);
+    void setPrompt(const QString &prompt) { m_chat->setPrompt(prompt); }
+    void setAttachment(const std::optional<QString> &attachment) { m_chat->setAttachment(attachment); }
     void setAttachmentValue(const QVariant &attachment);
     Q_INVOKABLE void clearAttachment() { setAttachment(std::nullopt); }
-    void setSelectedID(const std::optional<QUuid> &id);
+    void setSelectedID(const std::optional<QUuid> &id) { m_conversations->select(id); }
     void setSelectedIDText(const QString &id);
     void setShowLibrary(bool show);
-    void setTemperature(double temperature);
-    void setTokenLimit(int tokenLimit);
+    void setTemperature(double temperature) { m_chat->setTemperature(temperature); }
+    void setTokenLimit(int tokenLimit) { m_chat->setTokenLimit(tokenLimit); }
 
-    // --- computed ----------------------------------------------------------------
-    bool hasLoadedModel() const;
-    QString loadedName() const;
-    bool vision() const { return m_state && m_state->vision; }
-    QString loadedFile() const { return m_state ? m_state->loaded.value_or(QString()) : QString(); }
-    QString backend() const { return m_state ? m_state->backend.value_or(QString()) : QString(); }
-    QList<ChatMessage> messages() const;
-    bool canSend() const;
+    // --- computed ----------------------------------------------------------------------
+    bool hasLoadedModel() const { return m_engine->hasLoadedModel(); }
+    QString loadedName() const { return m_engine->loadedName(); }
+    bool vision() const { return m_engine->vision(); }
+    QString backend() const { return m_engine->backend(); }
+    bool hasThroughput() const { return lastDecodeSpeed() > 0; }
+    double lastDecodeSpeed() const { return hasState() ? state()->last.decode_tps : 0; }
+    int lastCompletionTokens() const { return hasState() ? static_cast<int>(state()->last.completion_tokens) : 0; }
+    QList<ChatMessage> messages() const { return m_conversations->messages(); }
+    bool canSend() const { return m_chat->canSend(); }
+    bool canChangeModel() const { return m_library->canChangeModel(); }
     // Index of the selected conversation in conversations(), or -1.
-    int selectedIndex() const;
+    int selectedIndex() const { return m_conversations->selectedIndex(); }
 
-    QString directory() const { return m_directory; }
+    QString directory() const { return m_engine->modelsFolder(); }
     QString dataFolder() const { return m_dataFolder; }
-    QString historyFile() const { return m_historyFile; }
-    std::optional<QUrl> baseURL() const { return m_baseURL; }
-    QProcess *process() const { return m_process; }
-    CancellableTask *pollTask() const { return m_pollTask; }
-    CancellableTask *generationTask() const { return m_generationTask; }
+    QString historyFile() const { return m_conversations->historyFile(); }
+    std::optional<QUrl> baseURL() const { return m_engine->client().baseURL(); }
+    QProcess *process() const { return m_engine->process(); }
+    CancellableTask *pollTask() const { return m_engine->pollTask(); }
+    CancellableTask *generationTask() const { return m_chat->generationTask(); }
 
-    ConversationListModel *conversationList() const { return m_conversationList; }
-    MessageListModel *messageList() const { return m_messageList; }
-    LocalModelListModel *modelList() const { return m_modelList; }
-    DownloadListModel *downloadList() const { return m_downloadList; }
+    ConversationListModel *conversationList() const { return m_conversations->list(); }
+    MessageListModel *messageList() const { return m_conversations->messageList(); }
+    LocalModelListModel *modelList() const { return m_library->modelList(); }
+    DownloadListModel *downloadList() const { return m_library->downloadList(); }
 
     void setOnStatusChange(std::function<void()> callback) { m_onStatusChange = std::move(callback); }
     void setFileChooser(std::shared_ptr<FileChooser> chooser) { m_fileChooser = std::move(chooser); }
 
-    // --- engine process and client ----------------------------------------------
-    Q_INVOKABLE void start();
+    // --- engine process and client ----------------------------------------------------
+    Q_INVOKABLE void start() { m_engine->start(); }
     Q_INVOKABLE void shutdown();
-    // A JSON call to the engine; done runs once, on the main thread, with the body of
-    // a 2xx reply or the failure. Returns the reply in flight (to abort it), or null
-    // when the call failed before reaching the network.
+    // A JSON call to the engine (EngineClient::request).
     QNetworkReply *request(const QString &path, const std::optional<QJsonObject> &body,
-                           std::function<void(const EngineReply &)> done);
+                           std::function<void(const EngineReply &)> done)
+    {
+        return m_engine->client().request(path, body, std::move(done));
+    }
     // Fetches and applies the engine status; done gets whether it was applied.
-    QNetworkReply *refresh(std::function<void(bool)> done = {});
-    // Stops a call of request() on behalf of its caller: done then gets a cancellation,
-    // never the time-out that the network layer would report in the same way.
-    static void cancelRequest(QNetworkReply *reply);
+    QNetworkReply *refresh(std::function<void(bool)> done = {}) { return m_engine->refresh(std::move(done)); }
 
-    // --- chat --------------------------------------------------------------------
-    Q_INVOKABLE void send();
-    Q_INVOKABLE void stop();
-    void updateAssistant(const QUuid &id, const QString &text);
-    Q_INVOKABLE void newChat();
-    Q_INVOKABLE void save();
-    Q_INVOKABLE void attachImage();
+    // --- chat --------------------------------------------------------------------------
+    Q_INVOKABLE void send() { m_chat->send(); }
+    Q_INVOKABLE void stop() { m_chat->stop(); }
+    // Stops while generating, sends otherwise: the send/stop control.
+    Q_INVOKABLE void sendOrStop() { m_chat->sendOrStop(); }
+    void updateAssistant(const QUuid &id, const QString &text) { m_conversations->updateAssistant(id, text); }
+    Q_INVOKABLE void newChat() { m_chat->newChat(); }
+    // A click on a conversation: ignored while a reply is generating.
+    Q_INVOKABLE void selectConversation(const QString &id);
+    Q_INVOKABLE void save() { m_conversations->save(); }
+    Q_INVOKABLE void attachImage() { m_chat->attachImage(m_fileChooser.get()); }
     Q_INVOKABLE void exportChat();
     // The export text of the selected conversation.
     QString exportText() const;
 
-    // --- model library -------------------------------------------------------------
-    Q_INVOKABLE void load(const QString &name);
-    Q_INVOKABLE void unload();
-    Q_INVOKABLE void importModels();
-    Q_INVOKABLE void download(const QString &link);
-    Q_INVOKABLE void revealModels();
-
-    // Tests point the store at a stand-in engine; the app always uses the one beside it.
-    static void setEngineLocationForTesting(const QString &path);
-    // Tests talk to a stand-in server without launching a process.
-    void connectForTesting(const QUrl &baseURL);
-    // Tests shorten the time a call or a chat reply may stall before it fails.
-    void setTimeoutsForTesting(int requestMilliseconds, int chatMilliseconds);
-    static QString engineLocation();
+    // --- model library -----------------------------------------------------------------
+    Q_INVOKABLE void load(const QString &name) { m_library->load(name); }
+    Q_INVOKABLE void unload() { m_library->unload(); }
+    Q_INVOKABLE void importModels() { m_library->importModels(m_fileChooser.get()); }
+    Q_INVOKABLE void download(const QString &link) { m_library->download(link); }
+    Q_INVOKABLE void revealModels() { m_library->revealModels(); }
 
 signals:
     void stateChanged();
@@ -194,58 +192,25 @@ signals:
     void generatingChanged();
     void promptChanged();
     void attachmentChanged();
-    void conversationsChanged();
     void selectedIDChanged();
     void showLibraryChanged();
     void temperatureChanged();
     void tokenLimitChanged();
     void canSendChanged();
+    void canChangeModelChanged();
 
 private:
-    friend class EnginePoller;
-    friend class ChatExchange;
+    void connectCollaborators();
 
-    // Every change to conversations goes through these, so the list views follow.
-    void insertConversation(int index, const Conversation &conversation);
-    void setConversationTitle(int index, const QString &title);
-    void appendMessage(int conversationIndex, const ChatMessage &message);
-    void setMessageText(int conversationIndex, int messageIndex, const QString &text);
-
-    void followCanSend();
-    void handleProcessFinished(QProcess *process);
-    void runStatusChange();
-
-    std::optional<EngineState> m_state;
-    bool m_ready = false;
-    QString m_activity = QStringLiteral("Starting local engine\u2026");
     std::optional<QString> m_error;
-    bool m_loading = false;
-    bool m_generating = false;
-    QString m_prompt;
-    std::optional<QString> m_attachment;
-    QList<Conversation> m_conversations;
-    std::optional<QUuid> m_selectedID;
     bool m_showLibrary = false;
-    double m_temperature = 0.7;
-    int m_tokenLimit = 512;
-    bool m_canSend = false;
-
-    QProcess *m_process = nullptr;
-    QPointer<CancellableTask> m_pollTask;
-    QPointer<CancellableTask> m_generationTask;
-    std::optional<QUrl> m_baseURL;
-    // How long a call may go without any bytes moving before it fails as timed out.
-    int m_requestTimeoutMilliseconds = 180 * 1000;
-    int m_chatTimeoutMilliseconds = 600 * 1000;
-    QString m_directory;
     QString m_dataFolder;
-    QString m_historyFile;
     std::function<void()> m_onStatusChange;
     std::shared_ptr<FileChooser> m_fileChooser;
 
-    QNetworkAccessManager *m_network = nullptr;
-    ConversationListModel *m_conversationList = nullptr;
-    MessageListModel *m_messageList = nullptr;
-    LocalModelListModel *m_modelList = nullptr;
-    DownloadListModel *m_downloadList = nullptr;
+    // Owned as children, in the order they are built: each may use those before it.
+    EngineConnection *m_engine;
+    Conversations *m_conversations;
+    ModelLibrary *m_library;
+    ChatSession *m_chat;
 };

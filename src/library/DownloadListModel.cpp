@@ -31,8 +31,11 @@ QVariant DownloadListModel::data(const QModelIndex &index, int role) const
 
 QHash<int, QByteArray> DownloadListModel::roleNames() const
 {
-    return {{NameRole, "name"}, {BytesRole, "bytes"}, {TotalRole, "total"},
-            {FractionRole, "fraction"}, {ReceivedLabelRole, "receivedLabel"}};
+    return {{NameRole, "name"},
+            {BytesRole, "bytes"},
+            {TotalRole, "total"},
+            {FractionRole, "fraction"},
+            {ReceivedLabelRole, "receivedLabel"}};
 }
 
 void DownloadListModel::update(const QList<DownloadState> &downloads)
@@ -48,7 +51,8 @@ void DownloadListModel::update(const QList<DownloadState> &downloads)
         return;
     }
     for (int row = 0; row < downloads.size(); ++row) {
-        if (downloads.at(row).bytes == m_downloads.at(row).bytes && downloads.at(row).total == m_downloads.at(row).total)
+        if (downloads.at(row).bytes == m_downloads.at(row).bytes
+            && downloads.at(row).total == m_downloads.at(row).total)
             continue;
         m_downloads[row] = downloads.at(row);
         emit dataChanged(index(row), index(row));

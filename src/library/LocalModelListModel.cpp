@@ -1,6 +1,7 @@
 #include "LocalModelListModel.h"
 
 #include <algorithm>
+#include <utility>
 
 int LocalModelListModel::rowCount(const QModelIndex &parent) const
 {
@@ -24,6 +25,11 @@ QVariant LocalModelListModel::data(const QModelIndex &index, int role) const
         return model.sizeLabel();
     case ProjectorRole:
         return model.projector;
+    case LoadedRole:
+        return isLoaded(model);
+    case ActionEnabledRole:
+        // Only a size of exactly zero blocks Load; a negative size still allows it.
+        return isLoaded(model) || model.size != 0;
     default:
         return {};
     }
@@ -31,17 +37,22 @@ QVariant LocalModelListModel::data(const QModelIndex &index, int role) const
 
 QHash<int, QByteArray> LocalModelListModel::roleNames() const
 {
-    return {{NameRole, "name"}, {TitleRole, "title"}, {SizeRole, "size"},
-            {SizeLabelRole, "sizeLabel"}, {ProjectorRole, "projector"}};
+    return {{NameRole, "name"},
+            {TitleRole, "title"},
+            {SizeRole, "size"},
+            {SizeLabelRole, "sizeLabel"},
+            {ProjectorRole, "projector"},
+            {LoadedRole, "loaded"},
+            {ActionEnabledRole, "actionEnabled"}};
 }
 
 int LocalModelListModel::modelCount() const
 {
-    return static_cast<int>(std::count_if(m_models.begin(), m_models.end(),
-                                          [](const LocalModel &model) { return !model.projector; }));
+    return static_cast<int>(
+        std::count_if(m_models.begin(), m_models.end(), [](const LocalModel &model) { return !model.projector; }));
 }
 
-void LocalModelListModel::update(const QList<LocalModel> &models)
+void LocalModelListModel::update(const QList<LocalModel> &models, const QString &loadedFile)
 {
     const bool sameNames = models.size() == m_models.size()
         && std::equal(models.begin(), models.end(), m_models.begin(),
@@ -49,14 +60,17 @@ void LocalModelListModel::update(const QList<LocalModel> &models)
     if (!sameNames) {
         beginResetModel();
         m_models = models;
+        m_loadedFile = loadedFile;
         endResetModel();
         emit countChanged();
         return;
     }
+    const QString previousLoadedFile = std::exchange(m_loadedFile, loadedFile);
     for (int row = 0; row < models.size(); ++row) {
         const LocalModel &incoming = models.at(row);
         LocalModel &current = m_models[row];
-        if (incoming.size == current.size && incoming.projector == current.projector)
+        const bool loadedChanged = (current.name == previousLoadedFile) != (current.name == loadedFile);
+        if (incoming.size == current.size && incoming.projector == current.projector && !loadedChanged)
             continue;
         const bool projectorChanged = incoming.projector != current.projector;
         current = incoming;

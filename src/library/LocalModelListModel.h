@@ -5,13 +5,22 @@
 #include <QAbstractListModel>
 #include <QList>
 
-// The engine's model files for the library sheet, in the engine's order.
+// The engine's model files for the library sheet, in the engine's order, with the one
+// that is loaded.
 class LocalModelListModel : public QAbstractListModel {
     Q_OBJECT
     Q_PROPERTY(int count READ count NOTIFY countChanged)
     Q_PROPERTY(int modelCount READ modelCount NOTIFY countChanged)
 public:
-    enum Role { NameRole = Qt::UserRole + 1, TitleRole, SizeRole, SizeLabelRole, ProjectorRole };
+    enum Role {
+        NameRole = Qt::UserRole + 1,
+        TitleRole,
+        SizeRole,
+        SizeLabelRole,
+        ProjectorRole,
+        LoadedRole,
+        ActionEnabledRole
+    };
 
     using QAbstractListModel::QAbstractListModel;
 
@@ -22,12 +31,16 @@ public:
     // Entries that are models of their own (image projectors left out).
     int modelCount() const;
 
-    // Replaces the list; rows that stay the same are not touched.
-    void update(const QList<LocalModel> &models);
+    // Replaces the list and the loaded file's name; rows that stay the same are not
+    // touched.
+    void update(const QList<LocalModel> &models, const QString &loadedFile);
 
 signals:
     void countChanged();
 
 private:
+    bool isLoaded(const LocalModel &model) const { return model.name == m_loadedFile; }
+
     QList<LocalModel> m_models;
+    QString m_loadedFile;
 };

@@ -56,8 +56,8 @@ QString byteCountText(qint64 bytes)
         return QStringLiteral("Zero KB");
     if (bytes < 0) {
         const quint64 magnitude = bytes == std::numeric_limits<qint64>::min()
-                                      ? static_cast<quint64>(std::numeric_limits<qint64>::max()) + 1
-                                      : static_cast<quint64>(-bytes);
+            ? static_cast<quint64>(std::numeric_limits<qint64>::max()) + 1
+            : static_cast<quint64>(-bytes);
         return QLatin1Char('-') + positiveByteCountText(magnitude);
     }
     return positiveByteCountText(static_cast<quint64>(bytes));

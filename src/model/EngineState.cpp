@@ -64,8 +64,8 @@ std::optional<EngineState> EngineState::fromJson(const QJsonValue &value)
     const auto last = RunMetrics::fromJson(object.value(QStringLiteral("last")));
     if (!last)
         return std::nullopt;
-    return EngineState{*version, *dir, *loaded, *backend, *ctx, *vision,
-                       std::move(*models), std::move(*downloads), *last};
+    return EngineState{*version, *dir, *loaded, *backend, *ctx, *vision, std::move(*models), std::move(*downloads),
+                       *last};
 }
 
 std::optional<EngineState> EngineState::decode(const QByteArray &json)

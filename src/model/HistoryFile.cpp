@@ -79,11 +79,21 @@ void appendJsonString(QByteArray &out, const QString &text)
         out.append(utf8.constData() + runStart, index - runStart);
         runStart = index + 1;
         switch (byte) {
-        case '"': out.append("\\\""); break;
-        case '\\': out.append("\\\\"); break;
-        case '\n': out.append("\\n"); break;
-        case '\r': out.append("\\r"); break;
-        case '\t': out.append("\\t"); break;
+        case '"':
+            out.append("\\\"");
+            break;
+        case '\\':
+            out.append("\\\\");
+            break;
+        case '\n':
+            out.append("\\n");
+            break;
+        case '\r':
+            out.append("\\r");
+            break;
+        case '\t':
+            out.append("\\t");
+            break;
         default:
             out.append("\\u00");
             out.append(hex[byte >> 4]);

@@ -28,8 +28,9 @@ QString modelsStayLocal(Platform platform)
 
 QString bringModelWelcome(Platform platform)
 {
-    return platform == Platform::Mac ? QStringLiteral("Bring a model to your Mac.\nKeep your work on your Mac.")
-                                     : QStringLiteral("Bring a model to your computer.\nKeep your work on your computer.");
+    return platform == Platform::Mac
+        ? QStringLiteral("Bring a model to your Mac.\nKeep your work on your Mac.")
+        : QStringLiteral("Bring a model to your computer.\nKeep your work on your computer.");
 }
 
 QString revealInFileBrowser(Platform platform)
@@ -52,7 +53,8 @@ QString gpuBadge(Platform platform)
 
 QString sendHelp(Platform platform)
 {
-    return platform == Platform::Mac ? QStringLiteral("Send \u00b7 \u2318 Return") : QStringLiteral("Send \u00b7 Ctrl+Return");
+    return platform == Platform::Mac ? QStringLiteral("Send \u00b7 \u2318 Return")
+                                     : QStringLiteral("Send \u00b7 Ctrl+Return");
 }
 
 QString historyFootnote(const QString &dataFolder, Platform platform)

@@ -10,12 +10,12 @@ enum class Platform { Mac, Windows, Other };
 
 Platform current();
 
-QString readyActivity(Platform platform = current());        // "Ready on this Mac"
-QString modelsStayLocal(Platform platform = current());      // "Your models stay on this Mac."
-QString bringModelWelcome(Platform platform = current());    // two lines for the welcome panel
-QString revealInFileBrowser(Platform platform = current());  // "Show in Finder"
-QString gpuBadge(Platform platform = current());             // "METAL"
-QString sendHelp(Platform platform = current());             // "Send · ⌘ Return"
+QString readyActivity(Platform platform = current());       // "Ready on this Mac"
+QString modelsStayLocal(Platform platform = current());     // "Your models stay on this Mac."
+QString bringModelWelcome(Platform platform = current());   // two lines for the welcome panel
+QString revealInFileBrowser(Platform platform = current()); // "Show in Finder"
+QString gpuBadge(Platform platform = current());            // "METAL"
+QString sendHelp(Platform platform = current());            // "Send · ⌘ Return"
 // The library footnote naming where history lives; dataFolder is the real folder.
 QString historyFootnote(const QString &dataFolder, Platform platform = current());
 

@@ -1,6 +1,5 @@
 import QtQuick
 import QtQuick.Controls
-import QtQuick.Layouts
 import Vorn
 
 // A pop-up list of choices drawn like the rounded buttons beside it: the current
@@ -22,7 +21,7 @@ ComboBox {
         radius: 7
         color: Theme.controlFill(picker.pressed || picker.down, picker.hovered)
         border.width: picker.visualFocus ? 2 : 1
-        border.color: picker.visualFocus ? Qt.rgba(Theme.tint.r, Theme.tint.g, Theme.tint.b, 0.7) : Theme.controlBorder
+        border.color: picker.visualFocus ? Theme.focusBorder : Theme.controlBorder
     }
 
     contentItem: Label {

@@ -10,20 +10,13 @@ Item {
     id: composer
     objectName: "composer"
 
-    function sendOrStop() {
-        if (store.generating)
-            store.stop()
-        else
-            store.send()
-    }
-
     implicitHeight: card.implicitHeight + 12
 
     Shortcut {
         sequences: ["Ctrl+Return", "Ctrl+Enter"]
         context: Qt.WindowShortcut
-        enabled: store.canSend
-        onActivated: composer.sendOrStop()
+        enabled: Store.canSend
+        onActivated: Store.sendOrStop()
     }
 
     Rectangle {
@@ -49,7 +42,7 @@ Item {
 
             RowLayout {
                 objectName: "attachmentChip"
-                visible: store.hasAttachment
+                visible: Store.hasAttachment
                 Layout.fillWidth: true
                 spacing: 6
 
@@ -65,7 +58,7 @@ Item {
                 }
                 Label {
                     objectName: "visionWarning"
-                    visible: !store.vision
+                    visible: !Store.vision
                     Layout.leftMargin: 4
                     text: "Load a vision model to read it"
                     font.pixelSize: 11
@@ -81,7 +74,7 @@ Item {
                     symbolColor: Theme.secondary
                     implicitWidth: 22
                     implicitHeight: 22
-                    onClicked: store.clearAttachment()
+                    onClicked: Store.clearAttachment()
                 }
             }
 
@@ -98,8 +91,8 @@ Item {
                     symbol: "plus"
                     symbolSize: 19
                     help: "Attach an image"
-                    enabled: !store.generating
-                    onClicked: store.attachImage()
+                    enabled: !Store.generating
+                    onClicked: Store.attachImage()
                 }
 
                 ScrollView {
@@ -125,8 +118,8 @@ Item {
                         rightPadding: 2
                         focus: true
                         background: null
-                        text: store.prompt
-                        onTextChanged: if (text !== store.prompt) store.prompt = text
+                        text: Store.prompt
+                        onTextChanged: if (text !== Store.prompt) Store.prompt = text
 
                         Keys.onPressed: (event) => {
                             if (event.matches(StandardKey.Redo)) {
@@ -138,10 +131,10 @@ Item {
                                 // Return alone hands the prompt to send(), whose own rules
                                 // decide; Ctrl+Return is the send/stop control's shortcut.
                                 if (event.modifiers & Qt.ControlModifier) {
-                                    if (store.canSend)
-                                        composer.sendOrStop()
+                                    if (Store.canSend)
+                                        Store.sendOrStop()
                                 } else {
-                                    store.send()
+                                    Store.send()
                                 }
                             }
                         }
@@ -156,16 +149,16 @@ Item {
                 AbstractButton {
                     id: sendButton
                     objectName: "sendButton"
-                    readonly property string help: store.generating ? "Stop" : DisplayText.sendHelp
+                    readonly property string help: Store.generating ? "Stop" : DisplayText.sendHelp
                     Layout.alignment: Qt.AlignBottom
                     implicitWidth: 34
                     implicitHeight: 34
-                    enabled: store.canSend
+                    enabled: Store.canSend
                     hoverEnabled: true
                     focusPolicy: Qt.NoFocus
                     // Disabled, the arrow fades with its square.
-                    opacity: enabled ? 1 : 0.35
-                    onClicked: composer.sendOrStop()
+                    opacity: enabled ? 1 : Theme.disabledSymbolOpacity
+                    onClicked: Store.sendOrStop()
 
                     ToolTip.visible: hovered
                     ToolTip.text: help
@@ -173,11 +166,11 @@ Item {
 
                     background: Rectangle {
                         radius: 10
-                        color: sendButton.pressed ? Qt.darker(Theme.accent, 1.15) : Theme.accent
+                        color: sendButton.pressed ? Theme.accentPressed : Theme.accent
                     }
                     contentItem: Icon {
                         objectName: "sendSymbol"
-                        name: store.generating ? "stop.fill" : "arrow.up"
+                        name: Store.generating ? "stop.fill" : "arrow.up"
                         size: 17
                         font.weight: Font.DemiBold
                         color: Theme.ink

@@ -1,6 +1,5 @@
 #include "ConversationFilter.h"
 
-#include "chat/ConversationListModel.h"
 #include "model/Conversation.h"
 
 namespace {
@@ -44,24 +43,23 @@ ConversationFilter::ConversationFilter(QObject *parent) : QSortFilterProxyModel(
     connect(this, &QAbstractItemModel::layoutChanged, this, &ConversationFilter::countChanged);
 }
 
-void ConversationFilter::setStore(EngineStore *store)
+void ConversationFilter::setConversations(ConversationListModel *conversations)
 {
-    if (m_store == store)
+    if (m_conversations == conversations)
         return;
-    if (m_store)
-        m_store->conversationList()->disconnect(this);
+    if (m_conversations)
+        m_conversations->disconnect(this);
     forgetAll();
-    m_store = store;
-    if (store) {
+    m_conversations = conversations;
+    if (conversations) {
         // Connected before the proxy's own handlers, so a changed row is folded again
         // before it is checked.
-        QAbstractItemModel *list = store->conversationList();
-        connect(list, &QAbstractItemModel::dataChanged, this, &ConversationFilter::forgetRows);
-        connect(list, &QAbstractItemModel::modelAboutToBeReset, this, &ConversationFilter::forgetAll);
-        connect(list, &QAbstractItemModel::rowsAboutToBeRemoved, this, &ConversationFilter::forgetAll);
+        connect(conversations, &QAbstractItemModel::dataChanged, this, &ConversationFilter::forgetRows);
+        connect(conversations, &QAbstractItemModel::modelAboutToBeReset, this, &ConversationFilter::forgetAll);
+        connect(conversations, &QAbstractItemModel::rowsAboutToBeRemoved, this, &ConversationFilter::forgetAll);
     }
-    setSourceModel(store ? store->conversationList() : nullptr);
-    emit storeChanged();
+    setSourceModel(conversations);
+    emit conversationsChanged();
     emit countChanged();
 }
 
@@ -102,9 +100,9 @@ QByteArray ConversationFilter::foldedText(const Conversation &conversation)
 
 void ConversationFilter::prepare()
 {
-    if (!m_store)
+    if (!m_conversations)
         return;
-    for (const Conversation &conversation : m_store->conversations())
+    for (const Conversation &conversation : m_conversations->conversations())
         cachedFoldedText(conversation);
 }
 
@@ -120,9 +118,9 @@ bool ConversationFilter::filterAcceptsRow(int sourceRow, const QModelIndex &) co
 {
     if (m_search.isEmpty())
         return true;
-    if (!m_store || sourceRow < 0 || sourceRow >= m_store->conversations().size())
+    if (!m_conversations || sourceRow < 0 || sourceRow >= m_conversations->count())
         return false;
-    const Conversation &conversation = m_store->conversations().at(sourceRow);
+    const Conversation &conversation = m_conversations->conversations().at(sourceRow);
     if (m_search.contains(QChar(0)))
         return containsPerText(conversation, m_search);
     if (m_rejected.contains(conversation.id))
@@ -135,9 +133,9 @@ bool ConversationFilter::filterAcceptsRow(int sourceRow, const QModelIndex &) co
 
 void ConversationFilter::forgetRows(const QModelIndex &first, const QModelIndex &last)
 {
-    if (!m_store)
+    if (!m_conversations)
         return;
-    const auto &conversations = m_store->conversations();
+    const auto &conversations = m_conversations->conversations();
     for (int row = first.row(); row <= last.row() && row < conversations.size(); ++row) {
         if (row < 0)
             continue;

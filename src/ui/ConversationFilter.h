@@ -1,6 +1,6 @@
 #pragma once
 
-#include "engine/EngineStore.h"
+#include "chat/ConversationListModel.h"
 
 #include <QByteArray>
 #include <QHash>
@@ -14,7 +14,7 @@ struct Conversation;
 
 // The sidebar's conversation list narrowed by the search text: a conversation stays
 // when its title, or failing that one of its messages, contains the text in any case.
-// The store's order is kept; an empty search keeps everything.
+// The list's order is kept; an empty search keeps everything.
 //
 // A keystroke must filter a large history within a few milliseconds, so each
 // conversation's text is case-folded once (as UTF-8) and kept until it changes, and a
@@ -22,14 +22,15 @@ struct Conversation;
 class ConversationFilter : public QSortFilterProxyModel {
     Q_OBJECT
     QML_ELEMENT
-    Q_PROPERTY(EngineStore *engineStore READ store WRITE setStore NOTIFY storeChanged)
+    Q_PROPERTY(
+        ConversationListModel *conversations READ conversations WRITE setConversations NOTIFY conversationsChanged)
     Q_PROPERTY(QString search READ search WRITE setSearch NOTIFY searchChanged)
     Q_PROPERTY(int count READ count NOTIFY countChanged)
 public:
     explicit ConversationFilter(QObject *parent = nullptr);
 
-    EngineStore *store() const { return m_store; }
-    void setStore(EngineStore *store);
+    ConversationListModel *conversations() const { return m_conversations; }
+    void setConversations(ConversationListModel *conversations);
     QString search() const { return m_search; }
     void setSearch(const QString &search);
     int count() const { return rowCount(); }
@@ -42,7 +43,7 @@ public:
     static QByteArray foldedText(const Conversation &conversation);
 
 signals:
-    void storeChanged();
+    void conversationsChanged();
     void searchChanged();
     void countChanged();
 
@@ -54,7 +55,7 @@ private:
     void forgetAll();
     const QByteArray &cachedFoldedText(const Conversation &conversation) const;
 
-    QPointer<EngineStore> m_store;
+    QPointer<ConversationListModel> m_conversations;
     QString m_search;
     QByteArray m_foldedSearch;
     mutable QHash<QUuid, QByteArray> m_folded;

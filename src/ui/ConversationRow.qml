@@ -14,10 +14,7 @@ AbstractButton {
     objectName: "conversationRow"
     hoverEnabled: true
     padding: 10
-    onClicked: {
-        if (!store.generating)
-            store.selectedID = conversationId
-    }
+    onClicked: Store.selectConversation(conversationId)
 
     background: Rectangle {
         radius: 8

@@ -67,8 +67,8 @@ Item {
         dim: true
         // Only Done or Ctrl+Escape close the sheet; plain Escape and outside clicks do not.
         closePolicy: Popup.NoAutoClose
-        visible: store.showLibrary
-        onClosed: store.showLibrary = false
+        visible: Store.showLibrary
+        onClosed: Store.showLibrary = false
         x: Math.round((parent.width - width) / 2)
         y: Math.max(20, Math.round((parent.height - height) / 2))
         width: 730
@@ -77,7 +77,7 @@ Item {
         padding: 0
 
         Overlay.modal: Rectangle {
-            color: Theme.dark ? Qt.rgba(0, 0, 0, 0.45) : Qt.rgba(0, 0, 0, 0.22)
+            color: Theme.scrim
         }
         background: Rectangle {
             color: Theme.mainBackground
@@ -88,9 +88,9 @@ Item {
 
         // A fresh sheet each time it opens, so its link field starts empty.
         contentItem: Loader {
-            active: store.showLibrary
+            active: Store.showLibrary
             sourceComponent: LibraryView {
-                onDismissed: store.showLibrary = false
+                onDismissed: Store.showLibrary = false
             }
         }
     }

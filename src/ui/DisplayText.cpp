@@ -4,12 +4,30 @@
 
 #include <QVariantMap>
 
-QString DisplayText::modelsStayLocal() const { return PlatformWords::modelsStayLocal(); }
-QString DisplayText::bringModelWelcome() const { return PlatformWords::bringModelWelcome(); }
-QString DisplayText::revealInFileBrowser() const { return PlatformWords::revealInFileBrowser(); }
-QString DisplayText::gpuBadge() const { return PlatformWords::gpuBadge(); }
-QString DisplayText::sendHelp() const { return PlatformWords::sendHelp(); }
-bool DisplayText::mac() const { return PlatformWords::current() == PlatformWords::Platform::Mac; }
+QString DisplayText::modelsStayLocal() const
+{
+    return PlatformWords::modelsStayLocal();
+}
+QString DisplayText::bringModelWelcome() const
+{
+    return PlatformWords::bringModelWelcome();
+}
+QString DisplayText::revealInFileBrowser() const
+{
+    return PlatformWords::revealInFileBrowser();
+}
+QString DisplayText::gpuBadge() const
+{
+    return PlatformWords::gpuBadge();
+}
+QString DisplayText::sendHelp() const
+{
+    return PlatformWords::sendHelp();
+}
+bool DisplayText::mac() const
+{
+    return PlatformWords::current() == PlatformWords::Platform::Mac;
+}
 
 QString DisplayText::historyFootnote(const QString &dataFolder) const
 {

@@ -11,8 +11,8 @@ Popup {
     modal: true
     dim: true
     closePolicy: Popup.NoAutoClose
-    visible: store.hasError
-    onClosed: if (store.hasError) store.clearError()
+    visible: Store.hasError
+    onClosed: if (Store.hasError) Store.clearError()
     z: 10
     x: Math.round((parent.width - width) / 2)
     y: Math.round((parent.height - height) / 2)
@@ -20,10 +20,10 @@ Popup {
     padding: 24
 
     Overlay.modal: Rectangle {
-        color: Theme.dark ? Qt.rgba(0, 0, 0, 0.45) : Qt.rgba(0, 0, 0, 0.22)
+        color: Theme.scrim
     }
     background: Rectangle {
-        color: Theme.dark ? Qt.rgba(0.12, 0.145, 0.18, 1) : Theme.system.base
+        color: Theme.elevatedBackground
         radius: 14
         border.color: Theme.hairline
         border.width: 1
@@ -51,7 +51,7 @@ Popup {
             Layout.fillWidth: true
             horizontalAlignment: Text.AlignHCenter
             wrapMode: Text.Wrap
-            text: store.hasError ? store.error : ""
+            text: Store.hasError ? Store.error : ""
             font.pixelSize: 12
             color: Theme.primary
         }
@@ -61,7 +61,7 @@ Popup {
             Layout.topMargin: 8
             text: "OK"
             prominent: true
-            onClicked: store.clearError()
+            onClicked: Store.clearError()
         }
     }
 }

@@ -8,9 +8,6 @@ Item {
     id: footer
     objectName: "footer"
 
-    readonly property var last: store.hasState ? store.state.last : undefined
-    readonly property bool hasThroughput: last !== undefined && last.decode_tps > 0
-
     RowLayout {
         anchors.fill: parent
         anchors.leftMargin: 34
@@ -34,17 +31,17 @@ Item {
         }
         Label {
             objectName: "throughputLabel"
-            visible: footer.hasThroughput
-            text: footer.hasThroughput ? DisplayText.throughput(footer.last.decode_tps) : ""
+            visible: Store.hasThroughput
+            text: DisplayText.throughput(Store.lastDecodeSpeed)
             font.family: Theme.monospaceFamily
             font.pixelSize: 10
             color: Theme.accent
         }
         Label {
             objectName: "tokensLabel"
-            visible: footer.hasThroughput
+            visible: Store.hasThroughput
             Layout.leftMargin: -6
-            text: footer.hasThroughput ? DisplayText.tokenCount(footer.last.completion_tokens) : ""
+            text: DisplayText.tokenCount(Store.lastCompletionTokens)
             font.family: Theme.monospaceFamily
             font.pixelSize: 10
             color: Theme.secondary

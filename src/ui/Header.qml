@@ -21,7 +21,7 @@ Item {
             Label {
                 objectName: "headerTitle"
                 Layout.fillWidth: true
-                text: store.loadedName
+                text: Store.loadedName
                 elide: Text.ElideRight
                 maximumLineCount: 1
                 font.pixelSize: 14
@@ -31,7 +31,7 @@ Item {
             Label {
                 objectName: "headerSubtitle"
                 Layout.fillWidth: true
-                text: store.loading ? store.activity : "Private AI that runs entirely on your machine."
+                text: Store.loading ? Store.activity : "Private AI that runs entirely on your machine."
                 elide: Text.ElideRight
                 maximumLineCount: 1
                 font.pixelSize: 11
@@ -41,16 +41,16 @@ Item {
 
         BusyIndicator {
             objectName: "headerBusy"
-            visible: store.loading
-            running: store.loading
+            visible: Store.loading
+            running: Store.loading
             Layout.preferredWidth: 20
             Layout.preferredHeight: 20
         }
 
         Label {
             objectName: "backendBadge"
-            visible: store.hasLoadedModel
-            text: DisplayText.backendBadge(store.backend)
+            visible: Store.hasLoadedModel
+            text: DisplayText.backendBadge(Store.backend)
             font.pixelSize: 10
             font.weight: Font.DemiBold
             font.letterSpacing: 1
@@ -70,8 +70,8 @@ Item {
             symbol: "square.and.arrow.up"
             symbolSize: 18
             help: "Export conversation"
-            enabled: store.messageList.count > 0
-            onClicked: store.exportChat()
+            enabled: Store.messageList.count > 0
+            onClicked: Store.exportChat()
         }
 
         IconButton {
@@ -79,7 +79,7 @@ Item {
             symbol: "slider.horizontal.3"
             symbolSize: 18
             help: "Models and generation settings"
-            onClicked: store.showLibrary = true
+            onClicked: Store.showLibrary = true
         }
     }
 }

@@ -15,7 +15,7 @@ AbstractButton {
     implicitHeight: 30
     hoverEnabled: true
     focusPolicy: Qt.NoFocus
-    opacity: enabled ? 1 : 0.35
+    opacity: enabled ? 1 : Theme.disabledSymbolOpacity
 
     ToolTip.visible: hovered && help.length > 0
     ToolTip.text: help

@@ -61,13 +61,13 @@ Item {
                 objectName: "addModelsButton"
                 text: "Add GGUF files"
                 symbol: "plus"
-                onClicked: store.importModels()
+                onClicked: Store.importModels()
             }
             PushButton {
                 objectName: "revealModelsButton"
                 text: DisplayText.revealInFileBrowser
                 symbol: "folder"
-                onClicked: store.revealModels()
+                onClicked: Store.revealModels()
             }
             Item {
                 Layout.fillWidth: true
@@ -100,7 +100,7 @@ Item {
 
                 Label {
                     objectName: "emptyLibraryNote"
-                    visible: store.modelList.count === 0
+                    visible: Store.modelList.count === 0
                     Layout.fillWidth: true
                     Layout.margins: 16
                     text: "Add a GGUF model you already have, or paste its Hugging Face download link below."
@@ -109,13 +109,13 @@ Item {
                     color: Theme.secondary
                 }
                 Repeater {
-                    model: store.modelList
+                    model: Store.modelList
                     delegate: ModelRow {
                         Layout.fillWidth: true
                     }
                 }
                 Repeater {
-                    model: store.downloadList
+                    model: Store.downloadList
                     delegate: DownloadRow {
                         Layout.fillWidth: true
                     }
@@ -150,15 +150,15 @@ Item {
             PushButton {
                 objectName: "downloadButton"
                 text: "Download"
-                enabled: linkField.text.length > 0 && store.ready
-                onClicked: store.download(linkField.text)
+                enabled: linkField.text.length > 0 && Store.ready
+                onClicked: Store.download(linkField.text)
             }
         }
 
         RowLayout {
             objectName: "settingsRow"
             Layout.fillWidth: true
-            enabled: !store.generating
+            enabled: !Store.generating
             spacing: 10
 
             Label {
@@ -177,12 +177,12 @@ Item {
                 stepSize: 0.1
                 snapMode: Slider.SnapAlways
                 opacity: enabled ? 1 : Theme.disabledOpacity
-                value: store.temperature
-                onMoved: store.temperature = Math.round(value * 10) / 10
+                value: Store.temperature
+                onMoved: Store.temperature = Math.round(value * 10) / 10
             }
             Label {
                 objectName: "temperatureValue"
-                text: DisplayText.oneDecimal(store.temperature)
+                text: DisplayText.oneDecimal(Store.temperature)
                 font.pixelSize: 12
                 color: Theme.primary
                 opacity: enabled ? 1 : Theme.disabledOpacity
@@ -208,8 +208,8 @@ Item {
                     font.pixelSize: 12
                     model: [256, 512, 1024, 2048]
                     displayText: String(currentValue)
-                    currentIndex: Math.max(-1, model.indexOf(store.tokenLimit))
-                    onActivated: (index) => store.tokenLimit = model[index]
+                    currentIndex: Math.max(-1, model.indexOf(Store.tokenLimit))
+                    onActivated: (index) => Store.tokenLimit = model[index]
                 }
             }
         }
@@ -217,7 +217,7 @@ Item {
         Label {
             objectName: "libraryFootnote"
             Layout.fillWidth: true
-            text: DisplayText.historyFootnote(store.dataFolder)
+            text: DisplayText.historyFootnote(Store.dataFolder)
             wrapMode: Text.Wrap
             font.pixelSize: 11
             color: Theme.secondary

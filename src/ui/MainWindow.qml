@@ -12,25 +12,25 @@ ApplicationWindow {
     property Item lastEditor: null
 
     title: "Vorn"
-    width: 1180
-    height: 790
-    minimumWidth: 920
-    minimumHeight: 660
+    width: WindowSize.launchWidth
+    height: WindowSize.launchHeight
+    minimumWidth: WindowSize.minimumWidth
+    minimumHeight: WindowSize.minimumHeight
     visible: false
     color: Theme.mainBackground
 
-    palette.window: Theme.dark ? Qt.rgba(0.09, 0.115, 0.145, 1) : Theme.system.window
+    palette.window: Theme.sidebarBackground
     palette.windowText: Theme.primary
-    palette.base: Theme.dark ? Qt.rgba(0.12, 0.145, 0.18, 1) : Theme.system.base
+    palette.base: Theme.elevatedBackground
     palette.alternateBase: Theme.dark ? Qt.rgba(0.14, 0.165, 0.2, 1) : Theme.system.alternateBase
     palette.text: Theme.primary
-    palette.button: Theme.dark ? Qt.rgba(0.17, 0.2, 0.24, 1) : Theme.system.button
+    palette.button: Theme.dark ? Theme.darkControl : Theme.system.button
     palette.buttonText: Theme.primary
     palette.brightText: "#ffffff"
     palette.highlight: Theme.tint
     palette.highlightedText: "#ffffff"
     palette.placeholderText: Theme.secondary
-    palette.toolTipBase: Theme.dark ? Qt.rgba(0.17, 0.2, 0.24, 1) : "#ffffff"
+    palette.toolTipBase: Theme.dark ? Theme.darkControl : "#ffffff"
     palette.toolTipText: Theme.primary
     palette.light: Theme.dark ? Qt.rgba(0.22, 0.25, 0.3, 1) : Theme.system.light
     palette.midlight: Theme.dark ? Qt.rgba(0.19, 0.22, 0.27, 1) : Theme.system.midlight

@@ -11,7 +11,6 @@ Rectangle {
     required property int index
     required property string messageId
     required property string role
-    required property string text
     required property string image
     required property bool hasImage
     required property bool isUser
@@ -54,7 +53,8 @@ Rectangle {
                 implicitWidth: 24
                 implicitHeight: 20
                 help: "Copy response"
-                onClicked: Clipboard.copyText(block.text)
+                // Read when clicked: the block holds no copy of a text that grows per token.
+                onClicked: Clipboard.copyText(Store.messageList.textAt(block.index))
             }
         }
 
@@ -66,7 +66,7 @@ Rectangle {
 
         BusyIndicator {
             objectName: "replyBusy"
-            visible: !block.hasText && store.generating
+            visible: !block.hasText && Store.generating
             running: visible
             width: 22
             height: 22
@@ -75,7 +75,7 @@ Rectangle {
         TextEdit {
             id: body
             objectName: "messageText"
-            visible: block.hasText || !store.generating
+            visible: block.hasText || !Store.generating
             width: column.width
             textFormat: TextEdit.PlainText
             readOnly: true
@@ -84,13 +84,13 @@ Rectangle {
             wrapMode: TextEdit.Wrap
             font.pixelSize: 15
             color: Theme.primary
-            selectionColor: Qt.rgba(Theme.tint.r, Theme.tint.g, Theme.tint.b, 0.35)
+            selectionColor: Theme.selection
             selectedTextColor: Theme.primary
 
             // Filled from the model without script; a growing reply is appended per frame.
             StreamedText {
                 document: body.textDocument
-                model: store.messageList
+                model: Store.messageList
                 row: block.index
             }
 

@@ -8,17 +8,16 @@ Rectangle {
     id: row
 
     required property string name
-    required property double size
     required property string sizeLabel
     required property bool projector
-
-    readonly property bool loaded: store.loadedFile === name
+    required property bool loaded
+    required property bool actionEnabled
 
     objectName: "modelRow"
     implicitHeight: content.implicitHeight + 24
     radius: 10
     color: Theme.quietFill
-    enabled: !store.loading && !store.generating
+    enabled: Store.canChangeModel
 
     RowLayout {
         id: content
@@ -62,9 +61,8 @@ Rectangle {
             objectName: "modelActionButton"
             visible: !row.projector
             text: row.loaded ? "Unload" : "Load"
-            // Only a size of exactly zero blocks Load; a negative size still allows it.
-            enabled: row.loaded || row.size !== 0
-            onClicked: row.loaded ? store.unload() : store.load(row.name)
+            enabled: row.actionEnabled
+            onClicked: row.loaded ? Store.unload() : Store.load(row.name)
         }
     }
 }

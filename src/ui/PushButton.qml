@@ -23,7 +23,7 @@ Button {
         radius: 7
         opacity: button.enabled ? 1 : Theme.disabledOpacity
         color: button.prominent
-               ? (button.pressed ? Qt.darker(Theme.accent, 1.15) : Theme.accent)
+               ? (button.pressed ? Theme.accentPressed : Theme.accent)
                : Theme.controlFill(button.pressed, button.hovered)
         border.width: button.prominent ? 0 : 1
         border.color: Theme.controlBorder

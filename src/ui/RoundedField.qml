@@ -10,7 +10,7 @@ TextField {
     font.pixelSize: 13
     color: Theme.primary
     placeholderTextColor: Theme.secondary
-    selectionColor: Qt.rgba(Theme.tint.r, Theme.tint.g, Theme.tint.b, 0.35)
+    selectionColor: Theme.selection
     selectedTextColor: Theme.primary
     leftPadding: 10
     rightPadding: 10
@@ -24,7 +24,7 @@ TextField {
         radius: 8
         color: Theme.dark ? Qt.rgba(1, 1, 1, 0.06) : Theme.system.base
         border.width: field.activeFocus ? 2 : 1
-        border.color: field.activeFocus ? Qt.rgba(Theme.tint.r, Theme.tint.g, Theme.tint.b, 0.7)
+        border.color: field.activeFocus ? Theme.focusBorder
                                         : (Theme.dark ? Qt.rgba(1, 1, 1, 0.1) : Qt.rgba(0, 0, 0, 0.13))
     }
 }

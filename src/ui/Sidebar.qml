@@ -49,11 +49,11 @@ Rectangle {
             objectName: "newConversationButton"
             Layout.fillWidth: true
             Layout.topMargin: 6
-            enabled: !store.generating
+            enabled: !Store.generating
             hoverEnabled: true
             padding: 10
-            opacity: enabled ? 1 : 0.45
-            onClicked: store.newChat()
+            opacity: enabled ? 1 : Theme.disabledOpacity
+            onClicked: Store.newChat()
 
             background: Rectangle {
                 radius: 9
@@ -112,13 +112,13 @@ Rectangle {
             model: ConversationFilter {
                 id: conversationFilter
                 objectName: "conversationFilter"
-                engineStore: store
+                conversations: Store.conversationList
                 search: searchField.text
             }
             // Rows span the sidebar like the field and buttons above them; the scroll
             // bar shows over their end only while the list is being scrolled.
             delegate: ConversationRow {
-                width: conversations.width
+                width: ListView.view.width
             }
             ScrollBar.vertical: ScrollBar {
                 policy: ScrollBar.AsNeeded
@@ -131,7 +131,7 @@ Rectangle {
             Layout.fillWidth: true
             hoverEnabled: true
             padding: 12
-            onClicked: store.showLibrary = true
+            onClicked: Store.showLibrary = true
 
             background: Rectangle {
                 radius: 10
@@ -151,7 +151,7 @@ Rectangle {
                 }
                 Label {
                     objectName: "libraryCount"
-                    text: String(store.modelList.modelCount)
+                    text: String(Store.modelList.modelCount)
                     font.pixelSize: 13
                     color: Theme.secondary
                 }
@@ -166,11 +166,11 @@ Rectangle {
                 width: 6
                 height: 6
                 radius: 3
-                color: store.ready ? Theme.accent : Theme.orange
+                color: Store.ready ? Theme.accent : Theme.orange
             }
             Label {
                 objectName: "engineText"
-                text: store.ready ? "Private · local engine" : "Starting engine…"
+                text: Store.ready ? "Private · local engine" : "Starting engine…"
                 font.pixelSize: 11
                 color: Theme.secondary
             }

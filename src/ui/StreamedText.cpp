@@ -4,8 +4,7 @@
 #include <QTextCursor>
 #include <QTextDocument>
 
-StreamedText::StreamedText(QObject *parent)
-    : QObject(parent)
+StreamedText::StreamedText(QObject *parent) : QObject(parent)
 {
     m_append.setSingleShot(true);
     m_append.setTimerType(Qt::PreciseTimer);

@@ -17,9 +17,19 @@ QtObject {
     readonly property color ink: Qt.rgba(0.07, 0.09, 0.12, 1)
     // Tints the controls: selections, sliders, progress, focus.
     readonly property color tint: Qt.rgba(0.12, 0.49, 0.45, 1)
+    readonly property color selection: Qt.rgba(tint.r, tint.g, tint.b, 0.35)
+    readonly property color focusBorder: Qt.rgba(tint.r, tint.g, tint.b, 0.7)
+    // The accent colour under a pressed button.
+    readonly property color accentPressed: Qt.darker(accent, 1.15)
 
     readonly property color sidebarBackground: dark ? Qt.rgba(0.09, 0.115, 0.145, 1) : system.window
     readonly property color mainBackground: dark ? ink : system.base
+    // Text fields and the alert, a step above the window in the dark look.
+    readonly property color elevatedBackground: dark ? Qt.rgba(0.12, 0.145, 0.18, 1) : system.base
+    // Buttons and tooltips of the controls style, in the dark look.
+    readonly property color darkControl: Qt.rgba(0.17, 0.2, 0.24, 1)
+    // Behind a sheet or an alert.
+    readonly property color scrim: dark ? Qt.rgba(0, 0, 0, 0.45) : Qt.rgba(0, 0, 0, 0.22)
     readonly property color raisedFill: dark ? Qt.rgba(1, 1, 1, 0.055) : Qt.rgba(0, 0, 0, 0.035)
     readonly property color quietFill: dark ? Qt.rgba(1, 1, 1, 0.04) : Qt.rgba(0, 0, 0, 0.04)
     readonly property color hairline: dark ? Qt.rgba(1, 1, 1, 0.08) : Qt.rgba(0, 0, 0, 0.08)
@@ -39,8 +49,9 @@ QtObject {
         return dark ? Qt.rgba(1, 1, 1, 0.08) : system.base
     }
     readonly property color controlBorder: dark ? Qt.rgba(1, 1, 1, 0.1) : Qt.rgba(0, 0, 0, 0.14)
-    // How far a disabled control or label fades.
+    // How far a disabled control or label fades, and a disabled symbol button.
     readonly property real disabledOpacity: 0.45
+    readonly property real disabledSymbolOpacity: 0.35
 
     readonly property string monospaceFamily: "DejaVu Sans Mono"
 }

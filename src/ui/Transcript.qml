@@ -8,7 +8,7 @@ Item {
     id: transcript
     objectName: "transcript"
 
-    readonly property bool empty: store.messageList.count === 0
+    readonly property bool empty: Store.messageList.count === 0
     // Set by a text change; while set, the end stays in view as the blocks finish their
     // layout. Scrolling by hand clears it until the next change.
     property bool followingEnd: false
@@ -48,7 +48,7 @@ Item {
         boundsBehavior: Flickable.StopAtBounds
         // Follow at once, so the grown text and the scroll land in the same frame.
         onContentHeightChanged: if (transcript.followingEnd) contentY = Math.max(0, contentHeight - height)
-        onHeightChanged: if (transcript.followingEnd) Qt.callLater(transcript.scrollToBottom)
+        onHeightChanged: if (transcript.followingEnd) Qt.callLater(transcript.scrollToBottom) // qmllint disable type
         // Text in the blocks is selected by dragging, so the mouse does not fling the view.
         interactive: false
 
@@ -59,9 +59,11 @@ Item {
             width: messages.width - 64
             spacing: 8
             Repeater {
-                model: store.messageList
+                model: Store.messageList
+                // The delegate reads an id of this file, as it may; qmllint of Qt 6.4
+                // cannot tell, nor that Qt.callLater below is a function.
                 delegate: MessageBlock {
-                    width: blocks.width
+                    width: blocks.width // qmllint disable unqualified
                 }
             }
         }
@@ -89,11 +91,11 @@ Item {
     }
 
     Connections {
-        target: store.messageList
+        target: Store.messageList
         // Many text changes in one turn of the event loop scroll once.
         function onLastTextChanged() {
             transcript.followingEnd = true
-            Qt.callLater(transcript.scrollToBottom)
+            Qt.callLater(transcript.scrollToBottom) // qmllint disable type
         }
     }
 }

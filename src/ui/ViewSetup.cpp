@@ -1,5 +1,7 @@
 #include "ViewSetup.h"
 
+#include "StoreSingleton.h"
+
 #include <QQmlEngine>
 #include <QQuickStyle>
 
@@ -15,11 +17,12 @@ void prepareApplication()
     QQuickStyle::setStyle(QStringLiteral("Fusion"));
 }
 
-void prepareEngine(QQmlEngine &engine)
+void prepareEngine(QQmlEngine &engine, EngineStore &store)
 {
     static void (*const volatile registration)() = &qml_register_types_Vorn;
     Q_UNUSED(registration);
     engine.addImportPath(QStringLiteral("qrc:/"));
+    StoreSingleton::provide(engine, store);
 }
 
 QUrl mainWindowURL()

@@ -44,7 +44,7 @@ Item {
             objectName: "welcomeText"
             Layout.alignment: Qt.AlignHCenter
             horizontalAlignment: Text.AlignHCenter
-            text: store.hasLoadedModel ? "Ask a question, inspect an image,\nor work through an idea."
+            text: Store.hasLoadedModel ? "Ask a question, inspect an image,\nor work through an idea."
                                        : DisplayText.bringModelWelcome
             font.pixelSize: 14
             lineHeight: 1.2
@@ -55,12 +55,12 @@ Item {
             objectName: "openLibraryButton"
             Layout.alignment: Qt.AlignHCenter
             Layout.topMargin: 8
-            visible: !store.hasLoadedModel
+            visible: !Store.hasLoadedModel
             prominent: true
             text: "Open model library"
             leftPadding: 16
             rightPadding: 16
-            onClicked: store.showLibrary = true
+            onClicked: Store.showLibrary = true
         }
     }
 }

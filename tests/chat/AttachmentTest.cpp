@@ -1,8 +1,4 @@
-#include "FakeEngine.h"
-#include "StoreFixture.h"
-#include "ScriptedFileChooser.h"
-#include "TestHome.h"
-#include "engine/EngineStore.h"
+#include "StoreTestCase.h"
 
 #include <QDir>
 #include <QFile>
@@ -17,33 +13,19 @@ const QString tooLargeMessage = QStringLiteral("Please choose an image smaller t
 } // namespace
 
 // attachImage: reading the chosen file into a data URL and the engine's pre-encoding.
-class AttachmentTest : public QObject {
+class AttachmentTest : public StoreTestCase {
     Q_OBJECT
 
 private:
-    struct Setup : StoreFixture {
-        explicit Setup(const QByteArray &state = FakeEngine::stateJson()) : StoreFixture(state)
-        {
-            engine.route("POST", "/api/encode", FakeResponse::json(200, "{}"));
-        }
-
-        QString image(const QString &name, const QByteArray &bytes)
-        {
-            return writeFile(QStringLiteral("Pictures/") + name, bytes);
-        }
-
-        void attach(const QString &path)
-        {
-            chooser->openAnswers.append({path});
-            store.attachImage();
-        }
-    };
-
-    static void roundTrip(EngineStore &store)
+    QString image(const QString &name, const QByteArray &bytes)
     {
-        bool answered = false;
-        store.refresh([&answered](bool) { answered = true; });
-        QTRY_VERIFY(answered);
+        return setup().writeFile(QStringLiteral("Pictures/") + name, bytes);
+    }
+
+    void attach(const QString &path)
+    {
+        setup().chooser->openAnswers.append({path});
+        store().attachImage();
     }
 
     static QString dataURL(const QString &mime, const QByteArray &bytes)
@@ -52,38 +34,41 @@ private:
     }
 
 private slots:
+    void init()
+    {
+        StoreTestCase::init();
+        engine().route("POST", "/api/encode", FakeResponse::json(200, "{}"));
+    }
+
     void asksForOneImage()
     {
-        Setup setup;
-        setup.attach(setup.image("a.png", "png bytes"));
-        QCOMPARE(setup.chooser->openRequests.size(), 1);
-        QCOMPARE(setup.chooser->openRequests.first().kind, FileChooser::Kind::Images);
-        QVERIFY(!setup.chooser->openRequests.first().multiple);
+        attach(image("a.png", "png bytes"));
+        QCOMPARE(setup().chooser->openRequests.size(), 1);
+        QCOMPARE(setup().chooser->openRequests.first().kind, FileChooser::Kind::Images);
+        QVERIFY(!setup().chooser->openRequests.first().multiple);
     }
 
     void fileOfExactlyTheLimitIsAttachedOneByteMoreIsRefused()
     {
-        Setup setup;
         QByteArray bytes(limitBytes, '\0');
         for (qsizetype index = 0; index < bytes.size(); index += 4096)
             bytes[index] = char(index / 4096);
-        setup.attach(setup.image("exact.png", bytes));
-        QVERIFY(!setup.store.error());
-        QVERIFY(setup.store.attachment());
-        QCOMPARE(*setup.store.attachment(), dataURL("image/png", bytes));
+        attach(image("exact.png", bytes));
+        QVERIFY(!store().error());
+        QVERIFY(store().attachment());
+        QCOMPARE(*store().attachment(), dataURL("image/png", bytes));
 
-        const QString before = *setup.store.attachment();
-        setup.attach(setup.image("larger.png", bytes + 'x'));
-        QCOMPARE(setup.store.error(), std::optional<QString>(tooLargeMessage));
-        QCOMPARE(setup.store.attachment(), std::optional<QString>(before));
+        const QString before = *store().attachment();
+        attach(image("larger.png", bytes + 'x'));
+        QCOMPARE(store().error(), std::optional<QString>(tooLargeMessage));
+        QCOMPARE(store().attachment(), std::optional<QString>(before));
     }
 
     void tooLargeWithNothingAttachedLeavesNothing()
     {
-        Setup setup;
-        setup.attach(setup.image("huge.jpg", QByteArray(limitBytes + 1, 'x')));
-        QCOMPARE(setup.store.error(), std::optional<QString>(tooLargeMessage));
-        QVERIFY(!setup.store.attachment());
+        attach(image("huge.jpg", QByteArray(limitBytes + 1, 'x')));
+        QCOMPARE(store().error(), std::optional<QString>(tooLargeMessage));
+        QVERIFY(!store().attachment());
     }
 
     void mimeTypeFromExtension_data()
@@ -107,86 +92,80 @@ private slots:
     {
         QFETCH(QString, name);
         QFETCH(QString, mime);
-        Setup setup;
         // The bytes are not looked at: PNG bytes in a .jpg file still say image/jpeg.
         const QByteArray bytes("\x89PNG\r\n\x1a\n rest of the file", 25);
-        setup.attach(setup.image(name, bytes));
-        QCOMPARE(setup.store.attachment(), std::optional<QString>(dataURL(mime, bytes)));
+        attach(image(name, bytes));
+        QCOMPARE(store().attachment(), std::optional<QString>(dataURL(mime, bytes)));
     }
 
     void attachingTwiceKeepsTheSecond()
     {
-        Setup setup;
-        setup.attach(setup.image("first.png", "first"));
-        setup.attach(setup.image("second.jpg", "second"));
-        QCOMPARE(setup.store.attachment(), std::optional<QString>(dataURL("image/jpeg", "second")));
+        attach(image("first.png", "first"));
+        attach(image("second.jpg", "second"));
+        QCOMPARE(store().attachment(), std::optional<QString>(dataURL("image/jpeg", "second")));
     }
 
     void cancelChangesNothing()
     {
-        Setup setup;
-        setup.attach(setup.image("first.png", "first"));
-        setup.store.setError(QStringLiteral("Earlier problem"));
-        setup.chooser->openAnswers.append(QStringList());
-        setup.store.attachImage();
-        QCOMPARE(setup.store.attachment(), std::optional<QString>(dataURL("image/png", "first")));
-        QCOMPARE(setup.store.error(), std::optional<QString>(QStringLiteral("Earlier problem")));
+        attach(image("first.png", "first"));
+        store().setError(QStringLiteral("Earlier problem"));
+        setup().chooser->openAnswers.append(QStringList());
+        store().attachImage();
+        QCOMPARE(store().attachment(), std::optional<QString>(dataURL("image/png", "first")));
+        QCOMPARE(store().error(), std::optional<QString>(QStringLiteral("Earlier problem")));
     }
 
     void unreadableFileShowsMessageAndKeepsAttachment()
     {
-        Setup setup;
-        setup.attach(setup.image("first.png", "first"));
+        attach(image("first.png", "first"));
 
-        setup.attach(QDir(setup.home.path()).filePath("Pictures/gone.png"));
-        QVERIFY(setup.store.error());
-        QVERIFY2(setup.store.error()->contains(QStringLiteral("gone.png")), qPrintable(*setup.store.error()));
-        QCOMPARE(setup.store.attachment(), std::optional<QString>(dataURL("image/png", "first")));
+        attach(QDir(home().path()).filePath("Pictures/gone.png"));
+        QVERIFY(store().error());
+        QVERIFY2(store().error()->contains(QStringLiteral("gone.png")), qPrintable(*store().error()));
+        QCOMPARE(store().attachment(), std::optional<QString>(dataURL("image/png", "first")));
 
-        setup.store.clearError();
-        setup.attach(QDir(setup.home.path()).filePath("Pictures"));
-        QVERIFY(setup.store.error());
-        QCOMPARE(setup.store.attachment(), std::optional<QString>(dataURL("image/png", "first")));
+        store().clearError();
+        attach(QDir(home().path()).filePath("Pictures"));
+        QVERIFY(store().error());
+        QCOMPARE(store().attachment(), std::optional<QString>(dataURL("image/png", "first")));
     }
 
     void successKeepsEarlierError()
     {
-        Setup setup;
-        setup.store.setError(QStringLiteral("Earlier problem"));
-        setup.attach(setup.image("a.png", "bytes"));
-        QVERIFY(setup.store.attachment());
-        QCOMPARE(setup.store.error(), std::optional<QString>(QStringLiteral("Earlier problem")));
+        store().setError(QStringLiteral("Earlier problem"));
+        attach(image("a.png", "bytes"));
+        QVERIFY(store().attachment());
+        QCOMPARE(store().error(), std::optional<QString>(QStringLiteral("Earlier problem")));
     }
 
     void noStatusMeansNoEncodeCall()
     {
-        Setup setup;
-        setup.attach(setup.image("a.png", "bytes"));
-        QVERIFY(setup.store.attachment());
-        roundTrip(setup.store);
-        QCOMPARE(setup.engine.countOf("/api/encode"), 0);
+        attach(image("a.png", "bytes"));
+        QVERIFY(store().attachment());
+        QVERIFY(setup().roundTrip());
+        QCOMPARE(engine().countOf("/api/encode"), 0);
     }
 
     void modelWithoutVisionMeansNoEncodeCall()
     {
-        Setup setup(FakeEngine::stateJson(QStringLiteral("text.gguf"), false));
-        roundTrip(setup.store);
-        QVERIFY(setup.store.hasLoadedModel());
-        setup.attach(setup.image("a.png", "bytes"));
-        QVERIFY(setup.store.attachment());
-        roundTrip(setup.store);
-        QCOMPARE(setup.engine.countOf("/api/encode"), 0);
+        engine().setState(FakeEngine::stateJson(QStringLiteral("text.gguf"), false));
+        QVERIFY(setup().roundTrip());
+        QVERIFY(store().hasLoadedModel());
+        attach(image("a.png", "bytes"));
+        QVERIFY(store().attachment());
+        QVERIFY(setup().roundTrip());
+        QCOMPARE(engine().countOf("/api/encode"), 0);
     }
 
     void visionModelGetsTheImageInAdvance()
     {
-        Setup setup(FakeEngine::stateJson(QStringLiteral("vision.gguf"), true));
-        roundTrip(setup.store);
-        QVERIFY(setup.store.vision());
+        engine().setState(FakeEngine::stateJson(QStringLiteral("vision.gguf"), true));
+        QVERIFY(setup().roundTrip());
+        QVERIFY(store().vision());
 
-        setup.attach(setup.image("a.png", "image bytes"));
-        QTRY_COMPARE(setup.engine.countOf("/api/encode"), 1);
-        const RecordedRequest encode = setup.engine.requestsTo("/api/encode").first();
+        attach(image("a.png", "image bytes"));
+        QTRY_COMPARE(engine().countOf("/api/encode"), 1);
+        const RecordedRequest encode = engine().requestsTo("/api/encode").first();
         QCOMPARE(encode.method, QByteArray("POST"));
         QCOMPARE(encode.header("Content-Type"), QByteArray("application/json"));
         QCOMPARE(encode.header("X-Vorn-App"), QByteArray("1"));
@@ -196,15 +175,15 @@ private slots:
 
     void failedEncodeIsIgnored()
     {
-        Setup setup(FakeEngine::stateJson(QStringLiteral("vision.gguf"), true));
-        setup.engine.route("POST", "/api/encode", FakeResponse::json(500, R"({"error":"cannot encode"})"));
-        roundTrip(setup.store);
+        engine().setState(FakeEngine::stateJson(QStringLiteral("vision.gguf"), true));
+        engine().route("POST", "/api/encode", FakeResponse::json(500, R"({"error":"cannot encode"})"));
+        QVERIFY(setup().roundTrip());
 
-        setup.attach(setup.image("a.png", "image bytes"));
-        QTRY_COMPARE(setup.engine.countOf("/api/encode"), 1);
-        roundTrip(setup.store);
-        QVERIFY(!setup.store.error());
-        QCOMPARE(setup.store.attachment(), std::optional<QString>(dataURL("image/png", "image bytes")));
+        attach(image("a.png", "image bytes"));
+        QTRY_COMPARE(engine().countOf("/api/encode"), 1);
+        QVERIFY(setup().roundTrip());
+        QVERIFY(!store().error());
+        QCOMPARE(store().attachment(), std::optional<QString>(dataURL("image/png", "image bytes")));
     }
 };
 

@@ -100,15 +100,13 @@ private slots:
     void stoppedReplyIsExportedAsIs()
     {
         Setup setup({message("user", "Tell me a story"), message("assistant", "Stopped.")});
-        QCOMPARE(setup.exportTo(setup.path("stopped.txt")),
-                 QByteArray("USER\nTell me a story\n\nASSISTANT\nStopped."));
+        QCOMPARE(setup.exportTo(setup.path("stopped.txt")), QByteArray("USER\nTell me a story\n\nASSISTANT\nStopped."));
     }
 
     void blankLinesInsideTextAreKept()
     {
         Setup setup({message("user", "One\n\nTwo\n"), message("assistant", "\n\nThree\n\n")});
-        QCOMPARE(setup.exportTo(setup.path("lines.txt")),
-                 QByteArray("USER\nOne\n\nTwo\n\n\nASSISTANT\n\n\nThree\n\n"));
+        QCOMPARE(setup.exportTo(setup.path("lines.txt")), QByteArray("USER\nOne\n\nTwo\n\n\nASSISTANT\n\n\nThree\n\n"));
     }
 
     void imagesAreLeftOut()
@@ -163,7 +161,8 @@ private slots:
         Setup setup({message("user", "Hi")});
         const QString folder = setup.path("taken.txt");
         QVERIFY(QDir().mkpath(folder));
-        const QStringList before = QDir(setup.home.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+        const QStringList before =
+            QDir(setup.home.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
 
         setup.chooser->saveAnswers.append(folder);
         setup.store->exportChat();

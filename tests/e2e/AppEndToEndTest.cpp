@@ -4,10 +4,11 @@
 // is downloaded through the library from a local stand-in for the hub. Every step is
 // worked through the window and saved as a screenshot.
 #include "AppDelegate.h"
+#include "BuiltEngine.h"
 #include "ListModelChecks.h"
 #include "LoopbackHub.h"
+#include "PlatformText.h"
 #include "ScriptedFileChooser.h"
-#include "BuiltEngine.h"
 #include "TestHome.h"
 #include "TestModels.h"
 #include "ViewHarness.h"
@@ -15,7 +16,6 @@
 #include "engine/EngineStore.h"
 #include "model/ByteCountText.h"
 #include "model/HistoryFile.h"
-#include "PlatformText.h"
 
 #include <QAction>
 #include <QApplication>
@@ -56,6 +56,7 @@ private:
     std::unique_ptr<StoreListModelChecks> m_checks;
 
     // Launches the app as main() does, with the scripted chooser in place of dialogs.
+    // The driver is left without a window when none came on screen.
     std::unique_ptr<AppDelegate> launch(WindowDriver &driver)
     {
         auto shell = std::make_unique<AppDelegate>();
@@ -65,8 +66,8 @@ private:
         driver.setWindow(shell->window());
         if (auto *filter = qobject_cast<QAbstractItemModel *>(driver.object(QStringLiteral("conversationFilter"))))
             m_checks->addProxy(filter);
-        if (shell->window())
-            QTest::qWaitForWindowExposed(shell->window());
+        if (!shell->window() || !QTest::qWaitForWindowExposed(shell->window()))
+            driver.setWindow(nullptr);
         return shell;
     }
 
@@ -110,7 +111,8 @@ private slots:
             // The engine comes up by itself.
             QVERIFY(window.waitFor([&] { return store.ready(); }, engineStartMs));
             QCOMPARE(store.activity(), PlatformText::readyActivity());
-            QCOMPARE(WindowDriver::text(window.item(QStringLiteral("engineText"))), QStringLiteral("Private \u00b7 local engine"));
+            QCOMPARE(WindowDriver::text(window.item(QStringLiteral("engineText"))),
+                     QStringLiteral("Private \u00b7 local engine"));
             QCOMPARE(WindowDriver::text(window.item(QStringLiteral("headerTitle"))), QStringLiteral("No model loaded"));
             QVERIFY(store.process());
             firstEnginePid = store.process()->processId();
@@ -138,7 +140,8 @@ private slots:
             QVERIFY2(!store.error(), qPrintable(store.error().value_or(QString())));
             // The next status poll says so.
             QVERIFY(window.waitFor([&] { return store.activity() == QStringLiteral("Model ready"); }, 10000));
-            QCOMPARE(WindowDriver::text(window.visibleItems(QStringLiteral("modelActionButton")).value(0)), QStringLiteral("Unload"));
+            QCOMPARE(WindowDriver::text(window.visibleItems(QStringLiteral("modelActionButton")).value(0)),
+                     QStringLiteral("Unload"));
             QCOMPARE(WindowDriver::text(window.item(QStringLiteral("headerTitle"))), QStringLiteral("stories260K"));
             QVERIFY(shell->statusLine());
             QCOMPARE(shell->statusLine()->text(), QStringLiteral("stories260K"));
@@ -158,12 +161,18 @@ private slots:
             QVERIFY(reply != QStringLiteral("The request did not complete."));
             QCOMPARE(store.prompt(), QString());
             // The transcript shows both messages, the reply in full.
-            QVERIFY(window.waitFor([&] { return shownTexts(window, QStringLiteral("messageText")) == QStringList{question, reply}; }, 5000));
-            QCOMPARE(shownTexts(window, QStringLiteral("messageCaption")), (QStringList{QStringLiteral("YOU"), QStringLiteral("VORN")}));
+            QVERIFY(window.waitFor(
+                [&] {
+                    return shownTexts(window, QStringLiteral("messageText")) == QStringList{question, reply};
+                },
+                5000));
+            QCOMPARE(shownTexts(window, QStringLiteral("messageCaption")),
+                     (QStringList{QStringLiteral("YOU"), QStringLiteral("VORN")}));
             // The footer gives the last reply's speed and length.
             QVERIFY(window.waitFor([&] { return store.state() && store.state()->last.decode_tps > 0; }, 10000));
             const QString speed = WindowDriver::text(window.item(QStringLiteral("throughputLabel")));
-            QVERIFY2(QRegularExpression(QStringLiteral("^Last reply \u00b7 \\d+\\.\\d tok/s$")).match(speed).hasMatch(), qPrintable(speed));
+            QVERIFY2(QRegularExpression(QStringLiteral("^Last reply \u00b7 \\d+\\.\\d tok/s$")).match(speed).hasMatch(),
+                     qPrintable(speed));
             QCOMPARE(WindowDriver::text(window.item(QStringLiteral("tokensLabel"))),
                      QStringLiteral(" %1 tokens").arg(static_cast<qint64>(store.state()->last.completion_tokens)));
             // The sidebar lists the conversation under its first words.
@@ -179,7 +188,8 @@ private slots:
             QCOMPARE(m_chooser->proposedSaveNames, QStringList{QStringLiteral("Vorn conversation.txt")});
             QFile file(exported);
             QVERIFY(file.open(QIODevice::ReadOnly));
-            QCOMPARE(QString::fromUtf8(file.readAll()), QStringLiteral("USER\n") + question + QStringLiteral("\n\nASSISTANT\n") + reply);
+            QCOMPARE(QString::fromUtf8(file.readAll()),
+                     QStringLiteral("USER\n") + question + QStringLiteral("\n\nASSISTANT\n") + reply);
 
             // Quit as a user does: the engine is stopped and the history kept.
             quitTheApp(*shell);
@@ -194,9 +204,14 @@ private slots:
         // Started again: the conversation is there and selected, on a new engine.
         WindowDriver window;
         std::unique_ptr<AppDelegate> shell = launch(window);
+        QVERIFY(window.window());
         EngineStore &store = shell->store();
         QCOMPARE(store.selectedIDText(), conversationID);
-        QVERIFY(window.waitFor([&] { return shownTexts(window, QStringLiteral("messageText")) == QStringList{question, reply}; }, 5000));
+        QVERIFY(window.waitFor(
+            [&] {
+                return shownTexts(window, QStringLiteral("messageText")) == QStringList{question, reply};
+            },
+            5000));
         const QList<QQuickItem *> rows = window.visibleItems(QStringLiteral("conversationRow"));
         QCOMPARE(rows.size(), 1);
         QVERIFY(rows.first()->property("selected").toBool());
@@ -218,6 +233,7 @@ private slots:
 
         WindowDriver window;
         std::unique_ptr<AppDelegate> shell = launch(window);
+        QVERIFY(window.window());
         EngineStore &store = shell->store();
         QVERIFY(window.waitFor([&] { return store.ready(); }, engineStartMs));
 
@@ -229,20 +245,28 @@ private slots:
         window.click(window.item(QStringLiteral("downloadButton")));
 
         // The progress row, partway.
-        QVERIFY(window.waitFor([&] {
-            const QList<QQuickItem *> rows = window.visibleItems(QStringLiteral("downloadRow"));
-            const QQuickItem *bar = window.visibleItems(QStringLiteral("downloadProgress")).value(0);
-            return rows.size() == 1 && bar && bar->property("value").toDouble() > 0.05
-                && bar->property("value").toDouble() < 0.95;
-        }, 30000));
+        QVERIFY(window.waitFor(
+            [&] {
+                const QList<QQuickItem *> rows = window.visibleItems(QStringLiteral("downloadRow"));
+                const QQuickItem *bar = window.visibleItems(QStringLiteral("downloadProgress")).value(0);
+                return rows.size() == 1 && bar && bar->property("value").toDouble() > 0.05
+                    && bar->property("value").toDouble() < 0.95;
+            },
+            30000));
         QCOMPARE(shownTexts(window, QStringLiteral("downloadName")), QStringList{QStringLiteral("tiny-stories.gguf")});
-        QVERIFY(shownTexts(window, QStringLiteral("downloadReceived")).value(0).endsWith(QStringLiteral(" downloaded")));
+        QVERIFY(
+            shownTexts(window, QStringLiteral("downloadReceived")).value(0).endsWith(QStringLiteral(" downloaded")));
         // The link stays as typed.
         QCOMPARE(WindowDriver::text(window.item(QStringLiteral("downloadLinkField"))), link);
         window.saveScreenshot(QStringLiteral("app-6-downloading"));
 
         // It ends as a model row with the file's size, and the progress row goes.
-        QVERIFY(window.waitFor([&] { return shownTexts(window, QStringLiteral("modelName")) == QStringList{QStringLiteral("tiny-stories.gguf")}; }, 60000));
+        QVERIFY(window.waitFor(
+            [&] {
+                return shownTexts(window, QStringLiteral("modelName"))
+                    == QStringList{QStringLiteral("tiny-stories.gguf")};
+            },
+            60000));
         QVERIFY(window.waitFor([&] { return window.visibleItems(QStringLiteral("downloadRow")).isEmpty(); }, 10000));
         QCOMPARE(shownTexts(window, QStringLiteral("modelSize")), QStringList{byteCountText(contents.size())});
         QFile downloaded(QDir(home.modelsFolder()).filePath(QStringLiteral("tiny-stories.gguf")));

@@ -1,8 +1,6 @@
-#include "FakeEngine.h"
-#include "StoreFixture.h"
-#include "TestHome.h"
-#include "engine/EngineStore.h"
+#include "HelperChecks.h"
 #include "PlatformText.h"
+#include "StoreTestCase.h"
 
 #include <QDesktopServices>
 #include <QSignalSpy>
@@ -31,21 +29,10 @@ public slots:
 };
 
 // load, unload, download and revealModels against a stand-in engine.
-class ModelCommandsTest : public QObject {
+class ModelCommandsTest : public StoreTestCase {
     Q_OBJECT
 
 private:
-    using Setup = StoreFixture;
-
-    // One status call there and back: whatever the store sent before it has been
-    // received by then, so counts taken afterwards are final.
-    static void roundTrip(EngineStore &store)
-    {
-        bool answered = false;
-        store.refresh([&answered](bool) { answered = true; });
-        QTRY_VERIFY(answered);
-    }
-
     static void verifyJsonCall(const RecordedRequest &request)
     {
         QCOMPARE(request.method, QByteArray("POST"));
@@ -60,17 +47,17 @@ private slots:
     {
         QByteArray state = FakeEngine::stateJson(QStringLiteral("other.gguf"));
         state.replace("\"ctx\":4096", "\"ctx\":8192");
-        Setup setup(state);
-        setup.engine.route("POST", "/api/load", FakeResponse::json(200, "{}"));
-        roundTrip(setup.store);
-        QCOMPARE(setup.store.state()->ctx, qint64(8192));
+        engine().setState(state);
+        engine().route("POST", "/api/load", FakeResponse::json(200, "{}"));
+        QVERIFY(setup().roundTrip());
+        QCOMPARE(store().state()->ctx, qint64(8192));
 
-        setup.store.load(QStringLiteral("m.gguf"));
-        QTRY_VERIFY(!setup.store.loading());
+        store().load(QStringLiteral("m.gguf"));
+        QTRY_VERIFY(!store().loading());
 
-        const auto loads = setup.engine.requestsTo("/api/load");
+        const auto loads = engine().requestsTo("/api/load");
         QCOMPARE(loads.size(), 1);
-        verifyJsonCall(loads.first());
+        VERIFY_HELPER(verifyJsonCall(loads.first()));
         const QJsonObject expected{{"name", "m.gguf"}, {"gpu", true}, {"ctx", 4096}};
         QCOMPARE(loads.first().json(), expected);
         QVERIFY(loads.first().json().value("gpu").isBool());
@@ -79,177 +66,169 @@ private slots:
 
     void loadShowsLoadingTextUntilNextPollRound()
     {
-        Setup setup(FakeEngine::stateJson(QStringLiteral("m.gguf")));
-        setup.engine.route("POST", "/api/load", FakeResponse::json(200, "{}"));
-        setup.store.setError(QStringLiteral("Earlier problem"));
+        engine().setState(FakeEngine::stateJson(QStringLiteral("m.gguf")));
+        engine().route("POST", "/api/load", FakeResponse::json(200, "{}"));
+        store().setError(QStringLiteral("Earlier problem"));
 
         int statusCallsWhenLoadingEnded = -1;
-        connect(&setup.store, &EngineStore::loadingChanged, &setup.store, [&] {
-            if (!setup.store.loading())
-                statusCallsWhenLoadingEnded = setup.engine.countOf("/api/state");
+        connect(&store(), &EngineStore::loadingChanged, &store(), [&] {
+            if (!store().loading())
+                statusCallsWhenLoadingEnded = engine().countOf("/api/state");
         });
 
-        setup.store.load(QStringLiteral("m.gguf"));
+        store().load(QStringLiteral("m.gguf"));
         // Set at once, before the engine has answered.
-        QVERIFY(setup.store.loading());
-        QCOMPARE(setup.store.activity(), loadingText("m.gguf"));
-        QVERIFY(!setup.store.error());
+        QVERIFY(store().loading());
+        QCOMPARE(store().activity(), loadingText("m.gguf"));
+        QVERIFY(!store().error());
 
-        QTRY_VERIFY(!setup.store.loading());
+        QTRY_VERIFY(!store().loading());
         // The status was fetched before loading ended, and it left the text alone.
         QCOMPARE(statusCallsWhenLoadingEnded, 1);
-        QVERIFY(setup.store.hasLoadedModel());
-        QCOMPARE(setup.store.activity(), loadingText("m.gguf"));
-        QVERIFY(!setup.store.error());
+        QVERIFY(store().hasLoadedModel());
+        QCOMPARE(store().activity(), loadingText("m.gguf"));
+        QVERIFY(!store().error());
 
         // The next poll round replaces it.
-        roundTrip(setup.store);
-        QCOMPARE(setup.store.activity(), QStringLiteral("Model ready"));
+        QVERIFY(setup().roundTrip());
+        QCOMPARE(store().activity(), QStringLiteral("Model ready"));
     }
 
     void loadingTextNamesTheFileAsPassed()
     {
-        Setup setup;
-        setup.engine.route("POST", "/api/load", FakeResponse::json(200, "{}"));
-        setup.store.load(QStringLiteral("Qwen 2.5 Q4_K_M.gguf"));
-        QCOMPARE(setup.store.activity(), QStringLiteral("Loading Qwen 2.5 Q4_K_M.gguf\u2026"));
-        QTRY_VERIFY(!setup.store.loading());
-        QCOMPARE(setup.engine.requestsTo("/api/load").first().json().value("name").toString(),
+        engine().route("POST", "/api/load", FakeResponse::json(200, "{}"));
+        store().load(QStringLiteral("Qwen 2.5 Q4_K_M.gguf"));
+        QCOMPARE(store().activity(), QStringLiteral("Loading Qwen 2.5 Q4_K_M.gguf\u2026"));
+        QTRY_VERIFY(!store().loading());
+        QCOMPARE(engine().requestsTo("/api/load").first().json().value("name").toString(),
                  QStringLiteral("Qwen 2.5 Q4_K_M.gguf"));
     }
 
     void loadWhileLoadingDoesNothing()
     {
-        Setup setup;
         FakeResponse slow = FakeResponse::json(200, "{}");
         slow.delayMs = 300;
-        setup.engine.route("POST", "/api/load", slow);
-        setup.engine.route("POST", "/api/unload", FakeResponse::json(200, "{}"));
+        engine().route("POST", "/api/load", slow);
+        engine().route("POST", "/api/unload", FakeResponse::json(200, "{}"));
 
-        setup.store.load(QStringLiteral("first.gguf"));
-        setup.store.load(QStringLiteral("second.gguf"));
-        setup.store.unload();
-        QCOMPARE(setup.store.activity(), loadingText("first.gguf"));
-        QVERIFY(!setup.store.error());
+        store().load(QStringLiteral("first.gguf"));
+        store().load(QStringLiteral("second.gguf"));
+        store().unload();
+        QCOMPARE(store().activity(), loadingText("first.gguf"));
+        QVERIFY(!store().error());
 
-        QTRY_VERIFY(!setup.store.loading());
-        roundTrip(setup.store);
-        QCOMPARE(setup.engine.countOf("/api/load"), 1);
-        QCOMPARE(setup.engine.requestsTo("/api/load").first().json().value("name").toString(),
+        QTRY_VERIFY(!store().loading());
+        QVERIFY(setup().roundTrip());
+        QCOMPARE(engine().countOf("/api/load"), 1);
+        QCOMPARE(engine().requestsTo("/api/load").first().json().value("name").toString(),
                  QStringLiteral("first.gguf"));
-        QCOMPARE(setup.engine.countOf("/api/unload"), 0);
-        QVERIFY(!setup.store.error());
+        QCOMPARE(engine().countOf("/api/unload"), 0);
+        QVERIFY(!store().error());
     }
 
     void loadAndUnloadWhileGeneratingDoNothing()
     {
-        Setup setup;
-        setup.engine.route("POST", "/api/load", FakeResponse::json(200, "{}"));
-        setup.engine.route("POST", "/api/unload", FakeResponse::json(200, "{}"));
-        setup.store.setGenerating(true);
-        setup.store.setError(QStringLiteral("Earlier problem"));
-        const QString activity = setup.store.activity();
+        engine().route("POST", "/api/load", FakeResponse::json(200, "{}"));
+        engine().route("POST", "/api/unload", FakeResponse::json(200, "{}"));
+        store().chat().setGenerating(true);
+        store().setError(QStringLiteral("Earlier problem"));
+        const QString activity = store().activity();
 
-        setup.store.load(QStringLiteral("m.gguf"));
-        setup.store.unload();
-        QVERIFY(!setup.store.loading());
-        QCOMPARE(setup.store.activity(), activity);
-        QCOMPARE(setup.store.error(), std::optional<QString>(QStringLiteral("Earlier problem")));
+        store().load(QStringLiteral("m.gguf"));
+        store().unload();
+        QVERIFY(!store().loading());
+        QCOMPARE(store().activity(), activity);
+        QCOMPARE(store().error(), std::optional<QString>(QStringLiteral("Earlier problem")));
 
-        roundTrip(setup.store);
-        QCOMPARE(setup.engine.countOf("/api/load"), 0);
-        QCOMPARE(setup.engine.countOf("/api/unload"), 0);
+        QVERIFY(setup().roundTrip());
+        QCOMPARE(engine().countOf("/api/load"), 0);
+        QCOMPARE(engine().countOf("/api/unload"), 0);
     }
 
     void refusedLoadShowsEngineMessageAndKeepsText()
     {
-        Setup setup;
-        setup.engine.route("POST", "/api/load", FakeResponse::json(500, R"({"error":"Not enough memory for m.gguf"})"));
+        engine().route("POST", "/api/load", FakeResponse::json(500, R"({"error":"Not enough memory for m.gguf"})"));
 
-        setup.store.load(QStringLiteral("m.gguf"));
-        QTRY_VERIFY(!setup.store.loading());
-        QCOMPARE(setup.store.error(), std::optional<QString>(QStringLiteral("Not enough memory for m.gguf")));
-        QCOMPARE(setup.store.activity(), loadingText("m.gguf"));
+        store().load(QStringLiteral("m.gguf"));
+        QTRY_VERIFY(!store().loading());
+        QCOMPARE(store().error(), std::optional<QString>(QStringLiteral("Not enough memory for m.gguf")));
+        QCOMPARE(store().activity(), loadingText("m.gguf"));
         // No status call after a failed load.
-        QCOMPARE(setup.engine.countOf("/api/state"), 0);
+        QCOMPARE(engine().countOf("/api/state"), 0);
 
-        roundTrip(setup.store);
-        QCOMPARE(setup.store.activity(), PlatformText::readyActivity());
+        QVERIFY(setup().roundTrip());
+        QCOMPARE(store().activity(), PlatformText::readyActivity());
     }
 
     void refusedLoadWithoutMessageShowsGenericText()
     {
-        Setup setup;
-        setup.engine.route("POST", "/api/load", FakeResponse::json(400, "not json"));
-        setup.store.load(QStringLiteral("m.gguf"));
-        QTRY_VERIFY(!setup.store.loading());
-        QCOMPARE(setup.store.error(),
+        engine().route("POST", "/api/load", FakeResponse::json(400, "not json"));
+        store().load(QStringLiteral("m.gguf"));
+        QTRY_VERIFY(!store().loading());
+        QCOMPARE(store().error(),
                  std::optional<QString>(QStringLiteral("The engine could not complete this request.")));
-        QCOMPARE(setup.engine.countOf("/api/state"), 0);
+        QCOMPARE(engine().countOf("/api/state"), 0);
     }
 
     void unreachableEngineOnLoadShowsTransportError()
     {
-        TestHome home;
-        EngineStore store;
+        build(FakeEngine::stateJson(), StoreFixture::Engine::None);
         QTcpServer closed;
         QVERIFY(closed.listen(QHostAddress::LocalHost));
         const quint16 port = closed.serverPort();
         closed.close();
-        store.connectForTesting(QUrl(QStringLiteral("http://127.0.0.1:%1").arg(port)));
+        store().engine().client().setBaseURL(QUrl(QStringLiteral("http://127.0.0.1:%1").arg(port)));
 
-        store.load(QStringLiteral("m.gguf"));
-        QTRY_VERIFY(!store.loading());
-        QVERIFY(store.error());
-        QVERIFY(!store.error()->isEmpty());
-        QCOMPARE(store.activity(), loadingText("m.gguf"));
+        store().load(QStringLiteral("m.gguf"));
+        QTRY_VERIFY(!store().loading());
+        QVERIFY(store().error());
+        QVERIFY(!store().error()->isEmpty());
+        QCOMPARE(store().activity(), loadingText("m.gguf"));
     }
 
     // --- unload -------------------------------------------------------------------
 
     void aLoadThatGetsNoAnswerSaysItTimedOut()
     {
-        Setup setup;
-        setup.store.setTimeoutsForTesting(300, 10000);
-        setup.engine.route("POST", "/api/load", FakeResponse::silent());
-        setup.store.load(QStringLiteral("m.gguf"));
-        QVERIFY(setup.store.loading());
-        QTRY_VERIFY_WITH_TIMEOUT(!setup.store.loading(), 5000);
-        QCOMPARE(setup.store.error().value_or(QString()), QStringLiteral("The request timed out."));
+        store().engine().client().setTimeouts(300, 10000);
+        engine().route("POST", "/api/load", FakeResponse::silent());
+        store().load(QStringLiteral("m.gguf"));
+        QVERIFY(store().loading());
+        QTRY_VERIFY_WITH_TIMEOUT(!store().loading(), 5000);
+        QCOMPARE(store().error().value_or(QString()), QStringLiteral("The request timed out."));
     }
 
     void unloadBodyIsEmptyObject()
     {
-        Setup setup(FakeEngine::stateJson());
-        setup.engine.route("POST", "/api/unload", FakeResponse::json(200, "{}"));
-        setup.store.setError(QStringLiteral("Earlier problem"));
-        const QString activity = setup.store.activity();
+        engine().setState(FakeEngine::stateJson());
+        engine().route("POST", "/api/unload", FakeResponse::json(200, "{}"));
+        store().setError(QStringLiteral("Earlier problem"));
+        const QString activity = store().activity();
 
-        setup.store.unload();
-        QVERIFY(!setup.store.loading());
-        QCOMPARE(setup.store.activity(), activity);
-        QTRY_COMPARE(setup.engine.countOf("/api/unload"), 1);
-        const RecordedRequest unload = setup.engine.requestsTo("/api/unload").first();
-        verifyJsonCall(unload);
+        store().unload();
+        QVERIFY(!store().loading());
+        QCOMPARE(store().activity(), activity);
+        QTRY_COMPARE(engine().countOf("/api/unload"), 1);
+        const RecordedRequest unload = engine().requestsTo("/api/unload").first();
+        VERIFY_HELPER(verifyJsonCall(unload));
         QCOMPARE(unload.body, QByteArray("{}"));
 
         // Then one status call; unload neither clears the error nor touches the activity
         // (the status call itself may, as any poll round does).
-        QTRY_VERIFY(setup.store.hasState());
-        QCOMPARE(setup.engine.countOf("/api/state"), 1);
-        QCOMPARE(setup.store.error(), std::optional<QString>(QStringLiteral("Earlier problem")));
-        QVERIFY(!setup.store.loading());
+        QTRY_VERIFY(store().hasState());
+        QCOMPARE(engine().countOf("/api/state"), 1);
+        QCOMPARE(store().error(), std::optional<QString>(QStringLiteral("Earlier problem")));
+        QVERIFY(!store().loading());
     }
 
     void failedUnloadShowsMessageWithoutRefresh()
     {
-        Setup setup;
-        setup.engine.route("POST", "/api/unload", FakeResponse::json(409, R"({"error":"A reply is running"})"));
-        setup.store.unload();
-        QTRY_VERIFY(setup.store.error());
-        QCOMPARE(*setup.store.error(), QStringLiteral("A reply is running"));
-        QCOMPARE(setup.engine.countOf("/api/state"), 0);
-        QVERIFY(!setup.store.hasState());
+        engine().route("POST", "/api/unload", FakeResponse::json(409, R"({"error":"A reply is running"})"));
+        store().unload();
+        QTRY_VERIFY(store().error());
+        QCOMPARE(*store().error(), QStringLiteral("A reply is running"));
+        QCOMPARE(engine().countOf("/api/state"), 0);
+        QVERIFY(!store().hasState());
     }
 
     // --- download -----------------------------------------------------------------
@@ -280,15 +259,14 @@ private slots:
     void refusedLinks()
     {
         QFETCH(QString, link);
-        Setup setup;
-        setup.engine.route("POST", "/api/pull", FakeResponse::json(200, "{}"));
+        engine().route("POST", "/api/pull", FakeResponse::json(200, "{}"));
 
-        setup.store.download(link);
-        QCOMPARE(setup.store.error(), std::optional<QString>(linkMessage));
+        store().download(link);
+        QCOMPARE(store().error(), std::optional<QString>(linkMessage));
 
-        roundTrip(setup.store);
-        QCOMPARE(setup.engine.countOf("/api/pull"), 0);
-        QCOMPARE(setup.engine.countOf("/api/state"), 1);
+        QVERIFY(setup().roundTrip());
+        QCOMPARE(engine().countOf("/api/pull"), 0);
+        QCOMPARE(engine().countOf("/api/state"), 1);
     }
 
     void acceptedLinks_data()
@@ -298,13 +276,15 @@ private slots:
         QTest::newRow("plain") << QStringLiteral("https://huggingface.co/org/repo/resolve/main/model.gguf")
                                << QStringLiteral("model.gguf");
         QTest::newRow("upper-case file keeps its case")
-            << QStringLiteral("https://huggingface.co/org/repo/resolve/main/Model.GGUF") << QStringLiteral("Model.GGUF");
+            << QStringLiteral("https://huggingface.co/org/repo/resolve/main/Model.GGUF")
+            << QStringLiteral("Model.GGUF");
         QTest::newRow("query kept in url")
             << QStringLiteral("https://huggingface.co/org/repo/resolve/main/model.gguf?download=true")
             << QStringLiteral("model.gguf");
         QTest::newRow("fragment") << QStringLiteral("https://huggingface.co/org/model.gguf#top")
                                   << QStringLiteral("model.gguf");
-        QTest::newRow("port") << QStringLiteral("https://huggingface.co:443/org/model.gguf") << QStringLiteral("model.gguf");
+        QTest::newRow("port") << QStringLiteral("https://huggingface.co:443/org/model.gguf")
+                              << QStringLiteral("model.gguf");
         QTest::newRow("escaped name is decoded")
             << QStringLiteral("https://huggingface.co/org/My%20Model.gguf") << QStringLiteral("My Model.gguf");
     }
@@ -313,58 +293,53 @@ private slots:
     {
         QFETCH(QString, link);
         QFETCH(QString, name);
-        Setup setup;
-        setup.engine.route("POST", "/api/pull", FakeResponse::json(200, "{}"));
+        engine().route("POST", "/api/pull", FakeResponse::json(200, "{}"));
         // A valid link leaves an earlier message where it is.
-        setup.store.setError(QStringLiteral("Earlier problem"));
+        store().setError(QStringLiteral("Earlier problem"));
 
-        setup.store.download(link);
-        QTRY_COMPARE(setup.engine.countOf("/api/pull"), 1);
-        const RecordedRequest pull = setup.engine.requestsTo("/api/pull").first();
-        verifyJsonCall(pull);
+        store().download(link);
+        QTRY_COMPARE(engine().countOf("/api/pull"), 1);
+        const RecordedRequest pull = engine().requestsTo("/api/pull").first();
+        VERIFY_HELPER(verifyJsonCall(pull));
         const QJsonObject expected{{"name", name}, {"url", link}};
         QCOMPARE(pull.json(), expected);
 
         // Then one status call.
-        QTRY_VERIFY(setup.store.hasState());
-        QCOMPARE(setup.engine.countOf("/api/state"), 1);
-        QCOMPARE(setup.store.error(), std::optional<QString>(QStringLiteral("Earlier problem")));
+        QTRY_VERIFY(store().hasState());
+        QCOMPARE(engine().countOf("/api/state"), 1);
+        QCOMPARE(store().error(), std::optional<QString>(QStringLiteral("Earlier problem")));
     }
 
     void sameLinkTwiceSendsTwoPulls()
     {
-        Setup setup;
-        setup.engine.route("POST", "/api/pull", FakeResponse::json(200, "{}"));
+        engine().route("POST", "/api/pull", FakeResponse::json(200, "{}"));
         const QString link = QStringLiteral("https://huggingface.co/org/repo/resolve/main/model.gguf");
-        setup.store.download(link);
-        setup.store.download(link);
-        QTRY_COMPARE(setup.engine.countOf("/api/pull"), 2);
-        QTRY_COMPARE(setup.engine.countOf("/api/state"), 2);
-        QVERIFY(!setup.store.error());
+        store().download(link);
+        store().download(link);
+        QTRY_COMPARE(engine().countOf("/api/pull"), 2);
+        QTRY_COMPARE(engine().countOf("/api/state"), 2);
+        QVERIFY(!store().error());
     }
 
     void refusedPullShowsMessageWithoutRefresh()
     {
-        Setup setup;
-        setup.engine.route("POST", "/api/pull", FakeResponse::json(502, R"({"error":"The hub did not answer"})"));
-        setup.store.download(QStringLiteral("https://huggingface.co/org/model.gguf"));
-        QTRY_VERIFY(setup.store.error());
-        QCOMPARE(*setup.store.error(), QStringLiteral("The hub did not answer"));
-        QCOMPARE(setup.engine.countOf("/api/state"), 0);
+        engine().route("POST", "/api/pull", FakeResponse::json(502, R"({"error":"The hub did not answer"})"));
+        store().download(QStringLiteral("https://huggingface.co/org/model.gguf"));
+        QTRY_VERIFY(store().error());
+        QCOMPARE(*store().error(), QStringLiteral("The hub did not answer"));
+        QCOMPARE(engine().countOf("/api/state"), 0);
     }
 
     // --- reveal -------------------------------------------------------------------
 
     void revealOpensModelsFolder()
     {
-        TestHome home;
-        EngineStore store;
         OpenedLocations opened;
         QDesktopServices::setUrlHandler(QStringLiteral("file"), &opened, "open");
-        store.revealModels();
+        store().revealModels();
         QDesktopServices::unsetUrlHandler(QStringLiteral("file"));
-        QCOMPARE(opened.urls, QList<QUrl>{QUrl::fromLocalFile(home.modelsFolder())});
-        QVERIFY(!store.error());
+        QCOMPARE(opened.urls, QList<QUrl>{QUrl::fromLocalFile(home().modelsFolder())});
+        QVERIFY(!store().error());
     }
 };
 

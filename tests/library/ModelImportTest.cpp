@@ -1,8 +1,5 @@
-#include "FakeEngine.h"
-#include "StoreFixture.h"
-#include "ScriptedFileChooser.h"
-#include "TestHome.h"
-#include "engine/EngineStore.h"
+#include "HelperChecks.h"
+#include "StoreTestCase.h"
 
 #include <QDir>
 #include <QFile>
@@ -59,7 +56,10 @@ public:
     FrozenFolder(const FrozenFolder &) = delete;
     FrozenFolder &operator=(const FrozenFolder &) = delete;
 
-    bool holds() const { return m_holds; }
+    bool holds() const
+    {
+        return m_holds;
+    }
 
 private:
     QString m_folder;
@@ -76,27 +76,16 @@ QString duplicateMessage(const QString &name)
 } // namespace
 
 // importModels: links to the user's own files in a temporary models folder.
-class ModelImportTest : public QObject {
+class ModelImportTest : public StoreTestCase {
     Q_OBJECT
 
 private:
-    struct Setup : StoreFixture {
-        Setup() { QDir().mkpath(home.modelsFolder()); }
+    QString models(const QString &name) { return QDir(home().modelsFolder()).filePath(name); }
 
-        QString models(const QString &name) const { return QDir(home.modelsFolder()).filePath(name); }
-
-        // A file of the user's, outside the models folder.
-        QString userFile(const QString &folder, const QString &name, const QByteArray &bytes = "GGUF")
-        {
-            return writeFile(folder + QLatin1Char('/') + name, bytes);
-        }
-    };
-
-    static void roundTrip(EngineStore &store)
+    // A file of the user's, outside the models folder.
+    QString userFile(const QString &folder, const QString &name, const QByteArray &bytes = "GGUF")
     {
-        bool answered = false;
-        store.refresh([&answered](bool) { answered = true; });
-        QTRY_VERIFY(answered);
+        return setup().writeFile(folder + QLatin1Char('/') + name, bytes);
     }
 
     static void verifyLink(const QString &link, const QString &source)
@@ -107,235 +96,232 @@ private:
     }
 
 private slots:
+    void init()
+    {
+        StoreTestCase::init();
+        QVERIFY(QDir().mkpath(home().modelsFolder()));
+    }
+
     void importLinksTheUserFiles()
     {
-        Setup setup;
-        const QString first = setup.userFile("Documents", "first.gguf", "first bytes");
-        const QString second = setup.userFile("Downloads", "Second Model.GGUF", "second bytes");
-        setup.chooser->openAnswers.append({first, second});
+        const QString first = userFile("Documents", "first.gguf", "first bytes");
+        const QString second = userFile("Downloads", "Second Model.GGUF", "second bytes");
+        setup().chooser->openAnswers.append({first, second});
 
-        setup.store.importModels();
-        QCOMPARE(setup.chooser->openRequests.size(), 1);
-        QCOMPARE(setup.chooser->openRequests.first().kind, FileChooser::Kind::Models);
-        QVERIFY(setup.chooser->openRequests.first().multiple);
+        store().importModels();
+        QCOMPARE(setup().chooser->openRequests.size(), 1);
+        QCOMPARE(setup().chooser->openRequests.first().kind, FileChooser::Kind::Models);
+        QVERIFY(setup().chooser->openRequests.first().multiple);
 
-        verifyLink(setup.models("first.gguf"), first);
-        verifyLink(setup.models("Second Model.GGUF"), second);
-        QCOMPARE(QDir(setup.home.modelsFolder()).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot).size(), 2);
+        VERIFY_HELPER(verifyLink(models("first.gguf"), first));
+        VERIFY_HELPER(verifyLink(models("Second Model.GGUF"), second));
+        QCOMPARE(QDir(home().modelsFolder()).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot).size(),
+                 2);
         // Nothing copied or moved: the sources stay where they were, as plain files.
         QVERIFY(QFileInfo(first).isFile() && !QFileInfo(first).isSymLink());
         QVERIFY(QFileInfo(second).isFile() && !QFileInfo(second).isSymLink());
-        QFile throughLink(setup.models("first.gguf"));
+        QFile throughLink(models("first.gguf"));
         QVERIFY(throughLink.open(QIODevice::ReadOnly));
         QCOMPARE(throughLink.readAll(), QByteArray("first bytes"));
 
-        QVERIFY(!setup.store.error());
-        QTRY_COMPARE(setup.engine.countOf("/api/state"), 1);
-        QTRY_VERIFY(setup.store.hasState());
+        QVERIFY(!store().error());
+        QTRY_COMPARE(engine().countOf("/api/state"), 1);
+        QTRY_VERIFY(store().hasState());
     }
 
     void cancelledChooserChangesNothing()
     {
-        Setup setup;
-        setup.store.setError(QStringLiteral("Earlier problem"));
-        setup.chooser->openAnswers.append(QStringList());
+        store().setError(QStringLiteral("Earlier problem"));
+        setup().chooser->openAnswers.append(QStringList());
 
-        setup.store.importModels();
-        QCOMPARE(setup.chooser->openRequests.size(), 1);
-        QCOMPARE(setup.store.error(), std::optional<QString>(QStringLiteral("Earlier problem")));
-        QVERIFY(QDir(setup.home.modelsFolder()).isEmpty(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot));
+        store().importModels();
+        QCOMPARE(setup().chooser->openRequests.size(), 1);
+        QCOMPARE(store().error(), std::optional<QString>(QStringLiteral("Earlier problem")));
+        QVERIFY(QDir(home().modelsFolder()).isEmpty(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot));
 
-        roundTrip(setup.store);
-        QCOMPARE(setup.engine.countOf("/api/state"), 1);
+        QVERIFY(setup().roundTrip());
+        QCOMPARE(engine().countOf("/api/state"), 1);
     }
 
     void fileInsideModelsFolderIsSkippedButRefreshes()
     {
-        Setup setup;
-        const QString own = setup.models("own.gguf");
+        const QString own = models("own.gguf");
         {
             QFile file(own);
             QVERIFY(file.open(QIODevice::WriteOnly));
             file.write("own bytes");
         }
         // Also when the path reaches the folder in a roundabout way.
-        const QString roundabout = setup.home.modelsFolder() + QStringLiteral("/../models/./own.gguf");
-        setup.chooser->openAnswers.append({own, roundabout});
+        const QString roundabout = home().modelsFolder() + QStringLiteral("/../models/./own.gguf");
+        setup().chooser->openAnswers.append({own, roundabout});
 
-        setup.store.importModels();
-        QVERIFY(!setup.store.error());
+        store().importModels();
+        QVERIFY(!store().error());
         const QFileInfo info(own);
         QVERIFY(info.isFile());
         QVERIFY(!info.isSymLink());
         QFile file(own);
         QVERIFY(file.open(QIODevice::ReadOnly));
         QCOMPARE(file.readAll(), QByteArray("own bytes"));
-        QTRY_COMPARE(setup.engine.countOf("/api/state"), 1);
+        QTRY_COMPARE(engine().countOf("/api/state"), 1);
     }
 
     void nameOfLiveLinkIsRefused()
     {
-        Setup setup;
-        const QString original = setup.userFile("Documents", "m.gguf");
-        const QString other = setup.userFile("Elsewhere", "m.gguf");
-        setup.chooser->openAnswers.append({original});
-        setup.store.importModels();
-        QVERIFY(!setup.store.error());
-        QTRY_COMPARE(setup.engine.countOf("/api/state"), 1);
+        const QString original = userFile("Documents", "m.gguf");
+        const QString other = userFile("Elsewhere", "m.gguf");
+        setup().chooser->openAnswers.append({original});
+        store().importModels();
+        QVERIFY(!store().error());
+        QTRY_COMPARE(engine().countOf("/api/state"), 1);
 
-        setup.chooser->openAnswers.append({other});
-        setup.store.importModels();
-        QCOMPARE(setup.store.error(), std::optional<QString>(duplicateMessage("m.gguf")));
-        verifyLink(setup.models("m.gguf"), original);
+        setup().chooser->openAnswers.append({other});
+        store().importModels();
+        QCOMPARE(store().error(), std::optional<QString>(duplicateMessage("m.gguf")));
+        VERIFY_HELPER(verifyLink(models("m.gguf"), original));
 
-        roundTrip(setup.store);
-        QCOMPARE(setup.engine.countOf("/api/state"), 2);
+        QVERIFY(setup().roundTrip());
+        QCOMPARE(engine().countOf("/api/state"), 2);
     }
 
     void nameOfRealFileIsRefused()
     {
-        Setup setup;
         {
-            QFile file(setup.models("m.gguf"));
+            QFile file(models("m.gguf"));
             QVERIFY(file.open(QIODevice::WriteOnly));
             file.write("already here");
         }
-        setup.chooser->openAnswers.append({setup.userFile("Documents", "m.gguf")});
+        setup().chooser->openAnswers.append({userFile("Documents", "m.gguf")});
 
-        setup.store.importModels();
-        QCOMPARE(setup.store.error(), std::optional<QString>(duplicateMessage("m.gguf")));
-        QVERIFY(!QFileInfo(setup.models("m.gguf")).isSymLink());
-        QFile file(setup.models("m.gguf"));
+        store().importModels();
+        QCOMPARE(store().error(), std::optional<QString>(duplicateMessage("m.gguf")));
+        QVERIFY(!QFileInfo(models("m.gguf")).isSymLink());
+        QFile file(models("m.gguf"));
         QVERIFY(file.open(QIODevice::ReadOnly));
         QCOMPARE(file.readAll(), QByteArray("already here"));
 
-        roundTrip(setup.store);
-        QCOMPARE(setup.engine.countOf("/api/state"), 1);
+        QVERIFY(setup().roundTrip());
+        QCOMPARE(engine().countOf("/api/state"), 1);
     }
 
     void deletedSourceLeavesDeadLinkThatNextImportReplaces()
     {
-        Setup setup;
-        const QString source = setup.userFile("Documents", "m.gguf");
-        setup.chooser->openAnswers.append({source});
-        setup.store.importModels();
-        verifyLink(setup.models("m.gguf"), source);
+        const QString source = userFile("Documents", "m.gguf");
+        setup().chooser->openAnswers.append({source});
+        store().importModels();
+        VERIFY_HELPER(verifyLink(models("m.gguf"), source));
 
         QVERIFY(QFile::remove(source));
-        const QFileInfo dead(setup.models("m.gguf"));
+        const QFileInfo dead(models("m.gguf"));
         QVERIFY(dead.isSymLink());
         QVERIFY(!dead.exists());
         QCOMPARE(dead.symLinkTarget(), source);
 
-        const QString replacement = setup.userFile("Elsewhere", "m.gguf");
-        setup.chooser->openAnswers.append({replacement});
-        setup.store.importModels();
-        QVERIFY(!setup.store.error());
-        verifyLink(setup.models("m.gguf"), replacement);
-        QVERIFY(QFileInfo(setup.models("m.gguf")).exists());
-        QTRY_COMPARE(setup.engine.countOf("/api/state"), 2);
+        const QString replacement = userFile("Elsewhere", "m.gguf");
+        setup().chooser->openAnswers.append({replacement});
+        store().importModels();
+        QVERIFY(!store().error());
+        VERIFY_HELPER(verifyLink(models("m.gguf"), replacement));
+        QVERIFY(QFileInfo(models("m.gguf")).exists());
+        QTRY_COMPARE(engine().countOf("/api/state"), 2);
     }
 
     void linkWhoseSourceCameBackCountsAgain()
     {
-        Setup setup;
-        const QString source = setup.userFile("Documents", "m.gguf", "version one");
-        setup.chooser->openAnswers.append({source});
-        setup.store.importModels();
+        const QString source = userFile("Documents", "m.gguf", "version one");
+        setup().chooser->openAnswers.append({source});
+        store().importModels();
         QVERIFY(QFile::remove(source));
-        QVERIFY(!QFileInfo::exists(setup.models("m.gguf")));
+        QVERIFY(!QFileInfo::exists(models("m.gguf")));
 
         // The same file put back makes the old link live again, so it is in the library.
-        setup.userFile("Documents", "m.gguf", "version two");
-        setup.chooser->openAnswers.append({source});
-        setup.store.importModels();
-        QCOMPARE(setup.store.error(), std::optional<QString>(duplicateMessage("m.gguf")));
-        verifyLink(setup.models("m.gguf"), source);
-        QFile file(setup.models("m.gguf"));
+        userFile("Documents", "m.gguf", "version two");
+        setup().chooser->openAnswers.append({source});
+        store().importModels();
+        QCOMPARE(store().error(), std::optional<QString>(duplicateMessage("m.gguf")));
+        VERIFY_HELPER(verifyLink(models("m.gguf"), source));
+        QFile file(models("m.gguf"));
         QVERIFY(file.open(QIODevice::ReadOnly));
         QCOMPARE(file.readAll(), QByteArray("version two"));
     }
 
     void threeFilesWithDuplicateInTheMiddle()
     {
-        Setup setup;
         {
-            QFile file(setup.models("b.gguf"));
+            QFile file(models("b.gguf"));
             QVERIFY(file.open(QIODevice::WriteOnly));
         }
-        const QString a = setup.userFile("Documents", "a.gguf");
-        const QString b = setup.userFile("Documents", "b.gguf");
-        const QString c = setup.userFile("Documents", "c.gguf");
-        setup.chooser->openAnswers.append({a, b, c});
+        const QString a = userFile("Documents", "a.gguf");
+        const QString b = userFile("Documents", "b.gguf");
+        const QString c = userFile("Documents", "c.gguf");
+        setup().chooser->openAnswers.append({a, b, c});
 
-        setup.store.importModels();
-        QCOMPARE(setup.store.error(), std::optional<QString>(duplicateMessage("b.gguf")));
+        store().importModels();
+        QCOMPARE(store().error(), std::optional<QString>(duplicateMessage("b.gguf")));
         // The first stays linked; nothing is rolled back and the third is never reached.
-        verifyLink(setup.models("a.gguf"), a);
-        QVERIFY(!QFileInfo(setup.models("b.gguf")).isSymLink());
-        QVERIFY(!QFileInfo(setup.models("c.gguf")).exists());
-        QVERIFY(!QFileInfo(setup.models("c.gguf")).isSymLink());
+        VERIFY_HELPER(verifyLink(models("a.gguf"), a));
+        QVERIFY(!QFileInfo(models("b.gguf")).isSymLink());
+        QVERIFY(!QFileInfo(models("c.gguf")).exists());
+        QVERIFY(!QFileInfo(models("c.gguf")).isSymLink());
 
-        roundTrip(setup.store);
-        QCOMPARE(setup.engine.countOf("/api/state"), 1);
+        QVERIFY(setup().roundTrip());
+        QCOMPARE(engine().countOf("/api/state"), 1);
     }
 
     void missingModelsFolderFailsWithMessage()
     {
-        Setup setup;
-        QVERIFY(QDir(setup.home.modelsFolder()).removeRecursively());
-        const QString first = setup.userFile("Documents", "a.gguf");
-        const QString second = setup.userFile("Documents", "b.gguf");
-        setup.chooser->openAnswers.append({first, second});
+        QVERIFY(QDir(home().modelsFolder()).removeRecursively());
+        const QString first = userFile("Documents", "a.gguf");
+        const QString second = userFile("Documents", "b.gguf");
+        setup().chooser->openAnswers.append({first, second});
 
-        setup.store.importModels();
-        QVERIFY(setup.store.error());
-        QVERIFY2(setup.store.error()->contains(QStringLiteral("a.gguf")), qPrintable(*setup.store.error()));
-        QVERIFY(!QFileInfo::exists(setup.home.modelsFolder()));
+        store().importModels();
+        QVERIFY(store().error());
+        QVERIFY2(store().error()->contains(QStringLiteral("a.gguf")), qPrintable(*store().error()));
+        QVERIFY(!QFileInfo::exists(home().modelsFolder()));
 
-        roundTrip(setup.store);
-        QCOMPARE(setup.engine.countOf("/api/state"), 1);
+        QVERIFY(setup().roundTrip());
+        QCOMPARE(engine().countOf("/api/state"), 1);
     }
 
     void deadLinkThatCannotBeRemovedFailsWithMessage()
     {
-        Setup setup;
-        const QString source = setup.userFile("Documents", "m.gguf");
-        setup.chooser->openAnswers.append({source});
-        setup.store.importModels();
+        const QString source = userFile("Documents", "m.gguf");
+        setup().chooser->openAnswers.append({source});
+        store().importModels();
         QVERIFY(QFile::remove(source));
-        QVERIFY(QFileInfo(setup.models("m.gguf")).isSymLink());
-        QVERIFY(!QFileInfo::exists(setup.models("m.gguf")));
+        QVERIFY(QFileInfo(models("m.gguf")).isSymLink());
+        QVERIFY(!QFileInfo::exists(models("m.gguf")));
 
         // Another file of that name; the dead link in the way cannot be removed.
-        const QString replacement = setup.userFile("Downloads", "m.gguf");
+        const QString replacement = userFile("Downloads", "m.gguf");
         {
-            const FrozenFolder frozen(setup.home.modelsFolder());
+            const FrozenFolder frozen(home().modelsFolder());
             if (!frozen.holds())
                 QSKIP("This file system lets this user remove entries from any folder");
-            setup.chooser->openAnswers.append({replacement});
-            setup.store.importModels();
+            setup().chooser->openAnswers.append({replacement});
+            store().importModels();
         }
 
-        const QString message = setup.store.error().value_or(QString());
+        const QString message = store().error().value_or(QString());
         const QString expected = QStringLiteral("The old link to \u201Cm.gguf\u201D could not be removed: ");
         QVERIFY2(message.startsWith(expected) && message.endsWith(QLatin1Char('.'))
-                     && message.size() > expected.size() + 1, qPrintable(message));
-        verifyLink(setup.models("m.gguf"), source);
+                     && message.size() > expected.size() + 1,
+                 qPrintable(message));
+        VERIFY_HELPER(verifyLink(models("m.gguf"), source));
     }
 
     void importIgnoresLoadingAndKeepsEarlierError()
     {
-        Setup setup;
-        setup.store.setLoading(true);
-        setup.store.setError(QStringLiteral("Earlier problem"));
-        const QString source = setup.userFile("Documents", "m.gguf");
-        setup.chooser->openAnswers.append({source});
+        store().library().setLoading(true);
+        store().setError(QStringLiteral("Earlier problem"));
+        const QString source = userFile("Documents", "m.gguf");
+        setup().chooser->openAnswers.append({source});
 
-        setup.store.importModels();
-        verifyLink(setup.models("m.gguf"), source);
-        QCOMPARE(setup.store.error(), std::optional<QString>(QStringLiteral("Earlier problem")));
-        QTRY_COMPARE(setup.engine.countOf("/api/state"), 1);
+        store().importModels();
+        VERIFY_HELPER(verifyLink(models("m.gguf"), source));
+        QCOMPARE(store().error(), std::optional<QString>(QStringLiteral("Earlier problem")));
+        QTRY_COMPARE(engine().countOf("/api/state"), 1);
     }
 };
 

@@ -24,14 +24,16 @@ private slots:
         QVERIFY(!uuidFromText(QString(id).replace(8, 1, "x")));
         // Only ASCII hexadecimal digits count: not other digits or letters, and not
         // characters beyond Latin-1's ASCII half.
-        for (const QChar other : {QChar(0x00E9), QChar(0x00AA), QChar(0xFF10), QChar(0x0661), QChar(0x0100 + 'a'), QChar('g')})
+        for (const QChar other :
+             {QChar(0x00E9), QChar(0x00AA), QChar(0xFF10), QChar(0x0661), QChar(0x0100 + 'a'), QChar('g')})
             QVERIFY(!uuidFromText(QString(id).replace(0, 1, other)));
     }
 
     void messageWithoutImageWritesNoImageKey()
     {
-        const auto decoded = ChatMessage::fromJson(QJsonDocument::fromJson(
-            R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","role":"user","text":"Hi"})").object());
+        const auto decoded = ChatMessage::fromJson(
+            QJsonDocument::fromJson(R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","role":"user","text":"Hi"})")
+                .object());
         QVERIFY(decoded);
         QVERIFY(!decoded->image);
         QVERIFY(!decoded->toJson().contains("image"));
@@ -39,8 +41,10 @@ private slots:
 
     void nullImageIsNoImage()
     {
-        const auto decoded = ChatMessage::fromJson(QJsonDocument::fromJson(
-            R"({"id":"6f9619ff-8b86-d011-b42d-00c04fc964ff","role":"user","text":"Hi","image":null})").object());
+        const auto decoded = ChatMessage::fromJson(
+            QJsonDocument::fromJson(
+                R"({"id":"6f9619ff-8b86-d011-b42d-00c04fc964ff","role":"user","text":"Hi","image":null})")
+                .object());
         QVERIFY(decoded);
         QVERIFY(!decoded->image);
     }
@@ -52,7 +56,8 @@ private slots:
         QTest::newRow("no role") << QByteArray(R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","text":"Hi"})");
         QTest::newRow("no text") << QByteArray(R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","role":"user"})");
         QTest::newRow("bad id") << QByteArray(R"({"id":"nope","role":"user","text":"Hi"})");
-        QTest::newRow("image number") << QByteArray(R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","role":"user","text":"Hi","image":3})");
+        QTest::newRow("image number") << QByteArray(
+            R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","role":"user","text":"Hi","image":3})");
     }
 
     void messageRequiresIdRoleText()
@@ -63,12 +68,13 @@ private slots:
 
     void conversationRequiresTitle()
     {
-        QVERIFY(!Conversation::fromJson(QJsonDocument::fromJson(
-            R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","messages":[]})").object()));
-        QVERIFY(!Conversation::fromJson(QJsonDocument::fromJson(
-            R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","title":"t"})").object()));
-        QVERIFY(Conversation::fromJson(QJsonDocument::fromJson(
-            R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","title":"t","messages":[]})").object()));
+        QVERIFY(!Conversation::fromJson(
+            QJsonDocument::fromJson(R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","messages":[]})").object()));
+        QVERIFY(!Conversation::fromJson(
+            QJsonDocument::fromJson(R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","title":"t"})").object()));
+        QVERIFY(Conversation::fromJson(
+            QJsonDocument::fromJson(R"({"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","title":"t","messages":[]})")
+                .object()));
     }
 
     void newConversationDefaults()
@@ -82,7 +88,8 @@ private slots:
 
     void payloadWithImageHasImagePartFirst()
     {
-        const ChatMessage message{QUuid::createUuid(), "user", "What is this?", QStringLiteral("data:image/png;base64,AAAA")};
+        const ChatMessage message{QUuid::createUuid(), "user", "What is this?",
+                                  QStringLiteral("data:image/png;base64,AAAA")};
         const QJsonObject payload = message.payload();
         QCOMPARE(payload.value("role").toString(), QStringLiteral("user"));
         QVERIFY(!payload.contains("id"));
@@ -115,7 +122,8 @@ private slots:
         const QString file = home.path() + "/history.json";
         Conversation conversation;
         conversation.title = "Trip";
-        conversation.messages.append(ChatMessage{QUuid::createUuid(), "user", "Hi\n\nthere", QStringLiteral("data:image/png;base64,AA")});
+        conversation.messages.append(
+            ChatMessage{QUuid::createUuid(), "user", "Hi\n\nthere", QStringLiteral("data:image/png;base64,AA")});
         conversation.messages.append(ChatMessage{QUuid::createUuid(), "assistant", "Hello", std::nullopt});
         QVERIFY(HistoryFile::save(file, {conversation, Conversation()}));
         const auto loaded = HistoryFile::load(file);
@@ -138,7 +146,8 @@ private slots:
 
     void awkwardTextsSurviveSaving()
     {
-        const QString awkward = QStringLiteral("quote \" backslash \\ lines\n\r\ttab \x01\x1f del\x7f \u00e9 \U0001F600 </script>");
+        const QString awkward = QStringLiteral(
+            "quote \" backslash \\ lines\n\r\ttab \x01\x1f del\x7f \u00e9 \U0001F600 </script>");
         Conversation conversation;
         conversation.title = awkward;
         conversation.messages.append(ChatMessage{QUuid::createUuid(), awkward, awkward, awkward});

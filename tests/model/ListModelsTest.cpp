@@ -1,10 +1,9 @@
 // The store's list models as views see them, checked by Qt's model tester and by the
 // announced-change check while the store changes underneath.
-#include "FakeEngine.h"
-#include "ListModelChecks.h"
-#include "TestHome.h"
+#include "StoreTestCase.h"
 #include "chat/ConversationListModel.h"
 #include "chat/MessageListModel.h"
+#include "engine/EngineConnection.h"
 #include "engine/EngineStore.h"
 #include "library/DownloadListModel.h"
 #include "library/LocalModelListModel.h"
@@ -16,7 +15,7 @@
 #include <QSignalSpy>
 #include <QtTest>
 
-class ListModelsTest : public QObject {
+class ListModelsTest : public StoreTestCase {
     Q_OBJECT
 
 private:
@@ -38,13 +37,11 @@ private:
         return QJsonDocument(array).toJson(QJsonDocument::Compact);
     }
 
-    static void refresh(EngineStore &store, FakeEngine &engine, const QByteArray &state)
+    // The engine reports this status, and the store has applied it.
+    bool refresh(const QByteArray &state)
     {
-        engine.setState(state);
-        std::optional<bool> applied;
-        store.refresh([&](bool ok) { applied = ok; });
-        QTRY_VERIFY(applied.has_value());
-        QVERIFY(*applied);
+        engine().setState(state);
+        return setup().refresh();
     }
 
     static Conversation conversation(const QString &title, const QStringList &texts)
@@ -52,98 +49,89 @@ private:
         Conversation made;
         made.title = title;
         for (int index = 0; index < texts.size(); ++index)
-            made.messages.append(ChatMessage{QUuid::createUuid(), index % 2 ? "assistant" : "user", texts.at(index), std::nullopt});
+            made.messages.append(
+                ChatMessage{QUuid::createUuid(), index % 2 ? "assistant" : "user", texts.at(index), std::nullopt});
         return made;
     }
 
 private slots:
     void statusRoundsAddAndRemoveModelsAndDownloads()
     {
-        TestHome home;
-        FakeEngine engine;
-        QVERIFY(engine.listen());
-        EngineStore store;
-        store.connectForTesting(engine.baseURL());
-        StoreListModelChecks checks(store);
 
         const QString none;
-        refresh(store, engine, FakeEngine::stateJson(none, false, models({{"a.gguf", 10}, {"b.gguf", 20}})));
-        QCOMPARE(store.modelList()->rowCount(), 2);
+        QVERIFY(refresh(FakeEngine::stateJson(none, false, models({{"a.gguf", 10}, {"b.gguf", 20}}))));
+        QCOMPARE(store().modelList()->rowCount(), 2);
         // A size changes in place; an entry comes and goes; a projector appears.
-        refresh(store, engine, FakeEngine::stateJson(none, false, models({{"a.gguf", 11}, {"b.gguf", 20}})));
-        refresh(store, engine, FakeEngine::stateJson(none, false, models({{"a.gguf", 11}, {"b.gguf", 20}, {"c.gguf", 5}})));
-        refresh(store, engine, FakeEngine::stateJson(none, false, models({{"b.gguf", 20}, {"c.gguf", 5}, {"c-mmproj.gguf", 3}})));
-        QCOMPARE(store.modelList()->rowCount(), 3);
-        QCOMPARE(store.modelList()->modelCount(), 2);
+        QVERIFY(refresh(FakeEngine::stateJson(none, false, models({{"a.gguf", 11}, {"b.gguf", 20}}))));
+        QVERIFY(refresh(FakeEngine::stateJson(none, false, models({{"a.gguf", 11}, {"b.gguf", 20}, {"c.gguf", 5}}))));
+        QVERIFY(
+            refresh(FakeEngine::stateJson(none, false, models({{"b.gguf", 20}, {"c.gguf", 5}, {"c-mmproj.gguf", 3}}))));
+        QCOMPARE(store().modelList()->rowCount(), 3);
+        QCOMPARE(store().modelList()->modelCount(), 2);
 
         // Downloads start, advance, finish.
-        refresh(store, engine, FakeEngine::stateJson(none, false, "[]", downloads({{"d.gguf", 100}})));
-        refresh(store, engine, FakeEngine::stateJson(none, false, "[]", downloads({{"d.gguf", 500}, {"e.gguf", 1}})));
-        QCOMPARE(store.downloadList()->rowCount(), 2);
-        QCOMPARE(store.downloadList()->index(0).data(DownloadListModel::BytesRole).toLongLong(), 500);
-        refresh(store, engine, FakeEngine::stateJson(none, false, models({{"d.gguf", 1000}}), downloads({{"e.gguf", 2}})));
-        QCOMPARE(store.downloadList()->rowCount(), 1);
-        QCOMPARE(store.modelList()->rowCount(), 1);
-        store.setState(std::nullopt);
-        QCOMPARE(store.modelList()->rowCount(), 0);
-        QCOMPARE(store.downloadList()->rowCount(), 0);
+        QVERIFY(refresh(FakeEngine::stateJson(none, false, "[]", downloads({{"d.gguf", 100}}))));
+        QVERIFY(refresh(FakeEngine::stateJson(none, false, "[]", downloads({{"d.gguf", 500}, {"e.gguf", 1}}))));
+        QCOMPARE(store().downloadList()->rowCount(), 2);
+        QCOMPARE(store().downloadList()->index(0).data(DownloadListModel::BytesRole).toLongLong(), 500);
+        QVERIFY(refresh(FakeEngine::stateJson(none, false, models({{"d.gguf", 1000}}), downloads({{"e.gguf", 2}}))));
+        QCOMPARE(store().downloadList()->rowCount(), 1);
+        QCOMPARE(store().modelList()->rowCount(), 1);
+        store().engine().setState(std::nullopt);
+        QCOMPARE(store().modelList()->rowCount(), 0);
+        QCOMPARE(store().downloadList()->rowCount(), 0);
     }
 
     void conversationsAndMessagesFollowSelectionSendingAndStreaming()
     {
-        TestHome home;
-        HistoryFile::prepareFolder(home.dataFolder());
-        QVERIFY(HistoryFile::save(home.historyFile(), {conversation("First", {"one", "two", "three"}),
-                                                        conversation("Second", {"only"}),
-                                                        conversation("Empty", {})}));
-        FakeEngine engine;
-        QVERIFY(engine.listen());
-        EngineStore store;
-        store.connectForTesting(engine.baseURL());
-        StoreListModelChecks checks(store);
-        refresh(store, engine, FakeEngine::stateJson("m.gguf"));
-        QCOMPARE(store.messageList()->rowCount(), 3);
+        HistoryFile::prepareFolder(home().dataFolder());
+        QVERIFY(HistoryFile::save(home().historyFile(),
+                                  {conversation("First", {"one", "two", "three"}), conversation("Second", {"only"}),
+                                   conversation("Empty", {})}));
+        setup().restart();
+        QVERIFY(refresh(FakeEngine::stateJson("m.gguf")));
+        QCOMPARE(store().messageList()->rowCount(), 3);
 
         // Selection: another conversation, an unknown one, none, and back.
-        const QList<Conversation> saved = store.conversations();
-        store.setSelectedID(saved.at(1).id);
-        QCOMPARE(store.messageList()->rowCount(), 1);
-        store.setSelectedID(QUuid::createUuid());
-        QCOMPARE(store.messageList()->rowCount(), 0);
-        store.setSelectedID(std::nullopt);
-        store.setSelectedID(saved.at(2).id);
-        store.setSelectedID(saved.at(0).id);
-        QCOMPARE(store.messageList()->rowCount(), 3);
+        const QList<Conversation> saved = store().conversations();
+        store().setSelectedID(saved.at(1).id);
+        QCOMPARE(store().messageList()->rowCount(), 1);
+        store().setSelectedID(QUuid::createUuid());
+        QCOMPARE(store().messageList()->rowCount(), 0);
+        store().setSelectedID(std::nullopt);
+        store().setSelectedID(saved.at(2).id);
+        store().setSelectedID(saved.at(0).id);
+        QCOMPARE(store().messageList()->rowCount(), 3);
 
         // A new chat goes first and is selected.
-        store.newChat();
-        QCOMPARE(store.conversationList()->rowCount(), 4);
-        QCOMPARE(store.messageList()->rowCount(), 0);
+        store().newChat();
+        QCOMPARE(store().conversationList()->rowCount(), 4);
+        QCOMPARE(store().messageList()->rowCount(), 0);
 
         // Sending titles the conversation and appends two messages; the reply streams.
         QList<QByteArray> parts;
         for (const char *piece : {"Once", " upon", " a", " time"})
             parts.append(delta(QString::fromLatin1(piece)));
         parts.append("data: [DONE]\n\n");
-        engine.route("POST", "/v1/chat/completions", FakeResponse::stream(parts, 20));
-        store.setPrompt(QStringLiteral("Tell me a story"));
-        store.send();
-        QCOMPARE(store.messageList()->rowCount(), 2);
-        QTRY_VERIFY_WITH_TIMEOUT(!store.generating(), 5000);
-        QCOMPARE(store.messages().last().text, QStringLiteral("Once upon a time"));
+        engine().route("POST", "/v1/chat/completions", FakeResponse::stream(parts, 20));
+        store().setPrompt(QStringLiteral("Tell me a story"));
+        store().send();
+        QCOMPARE(store().messageList()->rowCount(), 2);
+        QTRY_VERIFY_WITH_TIMEOUT(!store().generating(), 5000);
+        QCOMPARE(store().messages().last().text, QStringLiteral("Once upon a time"));
 
         // A stopped reply, then a second turn while another conversation is shown.
         FakeResponse endless = FakeResponse::stream({delta("Half")});
         endless.parts.append({60000, "data: [DONE]\n\n"});
-        engine.route("POST", "/v1/chat/completions", endless);
-        store.setPrompt(QStringLiteral("And then?"));
-        store.send();
-        QTRY_COMPARE_WITH_TIMEOUT(store.messages().last().text, QStringLiteral("Half"), 5000);
-        store.setSelectedID(saved.at(1).id);
-        store.setSelectedID(store.conversations().first().id);
-        store.stop();
-        QVERIFY(!store.generating());
-        QCOMPARE(store.messageList()->rowCount(), 4);
+        engine().route("POST", "/v1/chat/completions", endless);
+        store().setPrompt(QStringLiteral("And then?"));
+        store().send();
+        QTRY_COMPARE_WITH_TIMEOUT(store().messages().last().text, QStringLiteral("Half"), 5000);
+        store().setSelectedID(saved.at(1).id);
+        store().setSelectedID(store().conversations().first().id);
+        store().stop();
+        QVERIFY(!store().generating());
+        QCOMPARE(store().messageList()->rowCount(), 4);
     }
 };
 

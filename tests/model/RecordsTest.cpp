@@ -51,7 +51,8 @@ private slots:
     void failures_data()
     {
         QTest::addColumn<QByteArray>("json");
-        QTest::newRow("without last") << QByteArray(R"({"version":"1","dir":"/m","ctx":4096,"vision":false,"models":[],"downloads":[]})");
+        QTest::newRow("without last") << QByteArray(
+            R"({"version":"1","dir":"/m","ctx":4096,"vision":false,"models":[],"downloads":[]})");
         QTest::newRow("ctx as text") << minimalState(R"("ctx":4096)", R"("ctx":"4096")");
         QTest::newRow("ctx fractional") << minimalState(R"("ctx":4096)", R"("ctx":4096.5)");
         QTest::newRow("ctx too large") << minimalState(R"("ctx":4096)", R"("ctx":1e30)");
@@ -61,10 +62,13 @@ private slots:
         QTest::newRow("loaded as number") << minimalState(R"("ctx")", R"("loaded":5,"ctx")");
         QTest::newRow("backend as bool") << minimalState(R"("ctx")", R"("backend":true,"ctx")");
         QTest::newRow("models as object") << minimalState(R"("models":[])", R"("models":{})");
-        QTest::newRow("one bad model") << minimalState(R"("models":[])",
+        QTest::newRow("one bad model") << minimalState(
+            R"("models":[])",
             R"("models":[{"name":"a.gguf","size":1,"projector":false},{"name":"b.gguf","size":"1","projector":false}])");
-        QTest::newRow("model without projector") << minimalState(R"("models":[])", R"("models":[{"name":"a.gguf","size":1}])");
-        QTest::newRow("one bad download") << minimalState(R"("downloads":[])", R"("downloads":[{"name":"a.gguf","bytes":1.5,"total":3}])");
+        QTest::newRow("model without projector")
+            << minimalState(R"("models":[])", R"("models":[{"name":"a.gguf","size":1}])");
+        QTest::newRow("one bad download")
+            << minimalState(R"("downloads":[])", R"("downloads":[{"name":"a.gguf","bytes":1.5,"total":3}])");
         QTest::newRow("last tokens fractional") << minimalState(R"("prompt_tokens":0)", R"("prompt_tokens":0.5)");
         QTest::newRow("last decode as text") << minimalState(R"("decode_tps":0)", R"("decode_tps":"0")");
         QTest::newRow("array at top") << QByteArray("[]");
@@ -80,8 +84,8 @@ private slots:
 
     void unknownMembersAreIgnoredAtEveryLevel()
     {
-        QByteArray json = minimalState(R"("models":[])",
-            R"("extra":{"x":1},"models":[{"name":"m.gguf","size":5,"projector":true,"quant":"Q4"}])");
+        QByteArray json = minimalState(
+            R"("models":[])", R"("extra":{"x":1},"models":[{"name":"m.gguf","size":5,"projector":true,"quant":"Q4"}])");
         json.replace(R"("completion_tokens":0})", R"("completion_tokens":0,"other":"x"})");
         const auto state = EngineState::decode(json);
         QVERIFY(state);
@@ -98,16 +102,16 @@ private slots:
 
     void largeIntegersKeepEveryDigit()
     {
-        const auto state = EngineState::decode(minimalState(R"("models":[])",
-            R"("models":[{"name":"big.gguf","size":9007199254740993,"projector":false}])"));
+        const auto state = EngineState::decode(minimalState(
+            R"("models":[])", R"("models":[{"name":"big.gguf","size":9007199254740993,"projector":false}])"));
         QVERIFY(state);
         QCOMPARE(state->models.first().size, Q_INT64_C(9007199254740993));
     }
 
     void downloadWithTotalZeroDecodes()
     {
-        const auto state = EngineState::decode(minimalState(R"("downloads":[])",
-            R"("downloads":[{"name":"d.gguf","bytes":10,"total":0}])"));
+        const auto state = EngineState::decode(
+            minimalState(R"("downloads":[])", R"("downloads":[{"name":"d.gguf","bytes":10,"total":0}])"));
         QVERIFY(state);
         QCOMPARE(state->downloads.size(), 1);
         QCOMPARE(state->downloads.first().total, 0);
@@ -116,9 +120,10 @@ private slots:
 
     void encodesBackWithSameMembers()
     {
-        const QByteArray json = minimalState(R"("ctx")", R"("loaded":"x.gguf","ctx")")
-            .replace(R"("models":[])", R"("models":[{"name":"x.gguf","size":12,"projector":false}])")
-            .replace(R"("downloads":[])", R"("downloads":[{"name":"y.gguf","bytes":1,"total":2}])");
+        const QByteArray json =
+            minimalState(R"("ctx")", R"("loaded":"x.gguf","ctx")")
+                .replace(R"("models":[])", R"("models":[{"name":"x.gguf","size":12,"projector":false}])")
+                .replace(R"("downloads":[])", R"("downloads":[{"name":"y.gguf","bytes":1,"total":2}])");
         const auto state = EngineState::decode(json);
         QVERIFY(state);
         const QJsonObject encoded = state->toJson();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "engine/EngineConnection.h"
 #include "engine/EngineStore.h"
 
 #include <QFileInfo>
@@ -14,7 +15,7 @@ inline bool use()
     const QString engine = qEnvironmentVariable("VORN_ENGINE_PATH");
     if (!QFileInfo(engine).isExecutable())
         return false;
-    EngineStore::setEngineLocationForTesting(engine);
+    EngineConnection::setEngineLocationForTesting(engine);
     return true;
 }
 

@@ -64,9 +64,9 @@ FakeResponse FakeResponse::file(const QByteArray &contents, const RecordedReques
             return response;
         }
         response.status = 206;
-        response.headers.append({"Content-Range", "bytes " + QByteArray::number(start) + '-'
-                                                      + QByteArray::number(contents.size() - 1) + '/'
-                                                      + QByteArray::number(contents.size())});
+        response.headers.append({"Content-Range",
+                                 "bytes " + QByteArray::number(start) + '-' + QByteArray::number(contents.size() - 1)
+                                     + '/' + QByteArray::number(contents.size())});
     }
     response.headers.append({"Content-Length", QByteArray::number(contents.size() - start)});
     for (qsizetype offset = start; offset < contents.size(); offset += pieceSize)
@@ -151,12 +151,10 @@ QByteArray FakeEngine::stateJson(const QString &loaded, bool vision, const QByte
                                  const QString &backend)
 {
     const QByteArray loadedJson = loaded.isEmpty() ? QByteArray("null") : '"' + loaded.toUtf8() + '"';
-    return QByteArray(R"({"version":"test","dir":"/models","loaded":)") + loadedJson
-        + R"(,"backend":")" + backend.toUtf8() + R"(","ctx":4096,"vision":)" + (vision ? "true" : "false")
-        + R"(,"models":)" + modelsJson + R"(,"downloads":)" + downloadsJson
-        + R"(,"last":{"decode_tps":)" + QByteArray::number(decodeTps)
-        + R"(,"prefill_tps":0,"prompt_tokens":0,"completion_tokens":)" + QByteArray::number(completionTokens)
-        + "}}";
+    return QByteArray(R"({"version":"test","dir":"/models","loaded":)") + loadedJson + R"(,"backend":")"
+        + backend.toUtf8() + R"(","ctx":4096,"vision":)" + (vision ? "true" : "false") + R"(,"models":)" + modelsJson
+        + R"(,"downloads":)" + downloadsJson + R"(,"last":{"decode_tps":)" + QByteArray::number(decodeTps)
+        + R"(,"prefill_tps":0,"prompt_tokens":0,"completion_tokens":)" + QByteArray::number(completionTokens) + "}}";
 }
 
 void FakeEngine::onReadyRead(QTcpSocket *socket)

@@ -16,11 +16,11 @@ class QTcpSocket;
 struct RecordedRequest {
     QByteArray method;
     QByteArray path;
-    QList<QPair<QByteArray, QByteArray>> headers;  // in the order sent
+    QList<QPair<QByteArray, QByteArray>> headers; // in the order sent
     QByteArray body;
 
-    QByteArray header(const QByteArray &name) const;  // case-insensitive; empty when absent
-    QJsonObject json() const;                         // the body as an object, empty when not one
+    QByteArray header(const QByteArray &name) const; // case-insensitive; empty when absent
+    QJsonObject json() const;                        // the body as an object, empty when not one
 };
 
 // How the fake engine answers one request.
@@ -30,10 +30,10 @@ struct FakeResponse {
     QByteArray body;
     // When not empty the reply is chunked: each part is sent after its delay (ms).
     QList<QPair<int, QByteArray>> parts;
-    int delayMs = 0;                 // before the status line
-    bool dropConnection = false;     // close the connection instead of answering
-    bool dropAfterParts = false;     // close mid-stream after the parts, without the final chunk
-    bool neverAnswer = false;        // keep the connection open and say nothing
+    int delayMs = 0;             // before the status line
+    bool dropConnection = false; // close the connection instead of answering
+    bool dropAfterParts = false; // close mid-stream after the parts, without the final chunk
+    bool neverAnswer = false;    // keep the connection open and say nothing
     // Extra response headers. With a Content-Length among them, parts go out raw
     // instead of chunked, as a file server sends a body of known size.
     QList<QPair<QByteArray, QByteArray>> headers;
@@ -79,10 +79,9 @@ public:
     int abandonedReplies() const { return m_abandonedReplies; }
 
     // A minimal valid status, with the given loaded model (empty: none) and vision flag.
-    static QByteArray stateJson(const QString &loaded = {}, bool vision = false,
-                                const QByteArray &modelsJson = "[]", const QByteArray &downloadsJson = "[]",
-                                double decodeTps = 0, qint64 completionTokens = 0,
-                                const QString &backend = QStringLiteral("cpu"));
+    static QByteArray stateJson(const QString &loaded = {}, bool vision = false, const QByteArray &modelsJson = "[]",
+                                const QByteArray &downloadsJson = "[]", double decodeTps = 0,
+                                qint64 completionTokens = 0, const QString &backend = QStringLiteral("cpu"));
 
 signals:
     void requestReceived(const RecordedRequest &request);

@@ -20,10 +20,13 @@ ListModelChecks::ListModelChecks(QAbstractItemModel *model, Kind kind, QObject *
     remember();
     // Announced beginnings: nothing may have changed yet.
     connect(model, &QAbstractItemModel::modelAboutToBeReset, this, [this] { verifyUnchanged("modelAboutToBeReset"); });
-    connect(model, &QAbstractItemModel::rowsAboutToBeInserted, this, [this] { verifyUnchanged("rowsAboutToBeInserted"); });
-    connect(model, &QAbstractItemModel::rowsAboutToBeRemoved, this, [this] { verifyUnchanged("rowsAboutToBeRemoved"); });
+    connect(model, &QAbstractItemModel::rowsAboutToBeInserted, this,
+            [this] { verifyUnchanged("rowsAboutToBeInserted"); });
+    connect(model, &QAbstractItemModel::rowsAboutToBeRemoved, this,
+            [this] { verifyUnchanged("rowsAboutToBeRemoved"); });
     connect(model, &QAbstractItemModel::rowsAboutToBeMoved, this, [this] { verifyUnchanged("rowsAboutToBeMoved"); });
-    connect(model, &QAbstractItemModel::layoutAboutToBeChanged, this, [this] { verifyUnchanged("layoutAboutToBeChanged"); });
+    connect(model, &QAbstractItemModel::layoutAboutToBeChanged, this,
+            [this] { verifyUnchanged("layoutAboutToBeChanged"); });
     // Announced ends: what is shown now is the new state.
     connect(model, &QAbstractItemModel::modelReset, this, &ListModelChecks::remember);
     connect(model, &QAbstractItemModel::layoutChanged, this, &ListModelChecks::remember);
@@ -70,10 +73,10 @@ void ListModelChecks::verifyUnchanged(const char *signal) const
 
 StoreListModelChecks::StoreListModelChecks(EngineStore &store)
 {
-    for (QAbstractItemModel *model : {static_cast<QAbstractItemModel *>(store.conversationList()),
-                                      static_cast<QAbstractItemModel *>(store.messageList()),
-                                      static_cast<QAbstractItemModel *>(store.modelList()),
-                                      static_cast<QAbstractItemModel *>(store.downloadList())})
+    for (QAbstractItemModel *model :
+         {static_cast<QAbstractItemModel *>(store.conversationList()),
+          static_cast<QAbstractItemModel *>(store.messageList()), static_cast<QAbstractItemModel *>(store.modelList()),
+          static_cast<QAbstractItemModel *>(store.downloadList())})
         m_checks.push_back(std::make_unique<ListModelChecks>(model));
 }
 

@@ -12,8 +12,8 @@ public:
         bool multiple;
     };
 
-    QList<QStringList> openAnswers;               // one entry per dialog; empty list = cancel
-    QList<std::optional<QString>> saveAnswers;    // one entry per dialog; nullopt = cancel
+    QList<QStringList> openAnswers;            // one entry per dialog; empty list = cancel
+    QList<std::optional<QString>> saveAnswers; // one entry per dialog; nullopt = cancel
     QList<OpenRequest> openRequests;
     QStringList proposedSaveNames;
 

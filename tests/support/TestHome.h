@@ -13,8 +13,8 @@ public:
     ~TestHome();
 
     QString path() const { return m_folder.path(); }
-    QString dataFolder() const;     // where the app keeps its history
-    QString modelsFolder() const;   // ~/.vorn/models
+    QString dataFolder() const;   // where the app keeps its history
+    QString modelsFolder() const; // ~/.vorn/models
     QString historyFile() const;
 
     // The permission bits of a file or folder, as chmod shows them (0700, 0600).

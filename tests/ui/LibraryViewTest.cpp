@@ -1,7 +1,7 @@
 // The model library sheet.
+#include "PlatformText.h"
 #include "ScriptedFileChooser.h"
 #include "ViewHarness.h"
-#include "PlatformText.h"
 
 #include <QApplication>
 #include <QSettings>
@@ -11,10 +11,11 @@ class LibraryViewTest : public QObject {
     Q_OBJECT
 
 private:
-    static void open(ViewHarness &view)
+    // Opens the library sheet; true once it shows.
+    static bool open(ViewHarness &view)
     {
         view.store().setShowLibrary(true);
-        QVERIFY(view.waitFor([&] { return view.item("libraryView") && ViewHarness::shown(view.item("libraryView")); }));
+        return view.waitFor([&] { return view.item("libraryView") && ViewHarness::shown(view.item("libraryView")); });
     }
 
     static QStringList names(ViewHarness &view, const QString &rowName, const QString &labelName)
@@ -47,7 +48,7 @@ private slots:
     void withoutEngineStatusOnlyTheNoteShows()
     {
         ViewHarness view(QByteArray{});
-        open(view);
+        QVERIFY(open(view));
         QVERIFY(ViewHarness::shown(view.item("emptyLibraryNote")));
         QCOMPARE(ViewHarness::text(view.item("emptyLibraryNote")),
                  QStringLiteral("Add a GGUF model you already have, or paste its Hugging Face download link below."));
@@ -61,9 +62,10 @@ private slots:
 
     void emptyModelsWithADownloadShowTheNoteThenTheDownload()
     {
-        ViewHarness view(FakeEngine::stateJson({}, false, "[]", "[" + ViewHarness::downloadJson("big.gguf", 500, 1000) + "]"));
+        ViewHarness view(
+            FakeEngine::stateJson({}, false, "[]", "[" + ViewHarness::downloadJson("big.gguf", 500, 1000) + "]"));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         QQuickItem *note = view.item("emptyLibraryNote");
         QVERIFY(ViewHarness::shown(note));
         const QList<QQuickItem *> downloads = view.visibleItems("downloadRow");
@@ -71,7 +73,8 @@ private slots:
         QVERIFY(downloads.first()->mapToScene({0, 0}).y() > note->mapToScene({0, 0}).y());
         QCOMPARE(ViewHarness::text(child(downloads.first(), "downloadName")), QStringLiteral("big.gguf"));
         QCOMPARE(child(downloads.first(), "downloadProgress")->property("value").toDouble(), 0.5);
-        QCOMPARE(ViewHarness::text(child(downloads.first(), "downloadReceived")), QStringLiteral("500 bytes downloaded"));
+        QCOMPARE(ViewHarness::text(child(downloads.first(), "downloadReceived")),
+                 QStringLiteral("500 bytes downloaded"));
     }
 
     void aDownloadWithNoTotalShowsAnEmptyBar()
@@ -79,13 +82,14 @@ private slots:
         ViewHarness view(FakeEngine::stateJson({}, false, "[" + ViewHarness::modelJson("a.gguf", 10) + "]",
                                                "[" + ViewHarness::downloadJson("next.gguf", 300, 0) + "]"));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         QVERIFY(!ViewHarness::shown(view.item("emptyLibraryNote")));
         const QList<QQuickItem *> downloads = view.visibleItems("downloadRow");
         QCOMPARE(downloads.size(), 1);
         QCOMPARE(child(downloads.first(), "downloadProgress")->property("value").toDouble(), 0.0);
         // Download rows come after the model rows.
-        QVERIFY(downloads.first()->mapToScene({0, 0}).y() > view.visibleItems("modelRow").first()->mapToScene({0, 0}).y());
+        QVERIFY(downloads.first()->mapToScene({0, 0}).y()
+                > view.visibleItems("modelRow").first()->mapToScene({0, 0}).y());
     }
 
     void rowsFollowTheEngineOrderAndNameLoadedAsUnload()
@@ -93,8 +97,9 @@ private slots:
         ViewHarness view(FakeEngine::stateJson("alpha.gguf", false, threeModels()));
         view.fake().route("POST", "/api/unload", FakeResponse::json(200, "{}"));
         QVERIFY(view.refresh());
-        open(view);
-        QCOMPARE(names(view, "modelRow", "modelName"), (QStringList{"alpha.gguf", "vision.gguf", "vision-mmproj.gguf"}));
+        QVERIFY(open(view));
+        QCOMPARE(names(view, "modelRow", "modelName"),
+                 (QStringList{"alpha.gguf", "vision.gguf", "vision-mmproj.gguf"}));
         const QList<QQuickItem *> rows = view.visibleItems("modelRow");
         QCOMPARE(ViewHarness::text(child(rows.at(0), "modelActionButton")), QStringLiteral("Unload"));
         QCOMPARE(ViewHarness::text(child(rows.at(1), "modelActionButton")), QStringLiteral("Load"));
@@ -105,7 +110,8 @@ private slots:
         QVERIFY(view.waitFor([&] { return view.fake().countOf("/api/unload") == 1; }));
         QVERIFY(view.waitFor([&] {
             const auto current = view.visibleItems("modelRow");
-            return !current.isEmpty() && ViewHarness::text(child(current.first(), "modelActionButton")) == QStringLiteral("Load");
+            return !current.isEmpty()
+                && ViewHarness::text(child(current.first(), "modelActionButton")) == QStringLiteral("Load");
         }));
     }
 
@@ -114,30 +120,33 @@ private slots:
         ViewHarness view(FakeEngine::stateJson({}, false, threeModels()));
         view.fake().route("POST", "/api/load", FakeResponse::json(200, "{}"));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         view.click(child(view.visibleItems("modelRow").at(1), "modelActionButton"));
         QVERIFY(view.waitFor([&] { return view.fake().countOf("/api/load") == 1; }));
-        QCOMPARE(view.fake().requestsTo("/api/load").first().json().value("name").toString(), QStringLiteral("vision.gguf"));
+        QCOMPARE(view.fake().requestsTo("/api/load").first().json().value("name").toString(),
+                 QStringLiteral("vision.gguf"));
     }
 
     void aProjectorHasItsIconItsNoteAndNoButton()
     {
         ViewHarness view(FakeEngine::stateJson({}, false, threeModels()));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         QQuickItem *projector = view.visibleItems("modelRow").at(2);
         QCOMPARE(child(projector, "modelIcon")->property("symbol").toString(), QStringLiteral("photo.stack"));
-        QCOMPARE(child(view.visibleItems("modelRow").at(0), "modelIcon")->property("symbol").toString(), QStringLiteral("cube"));
+        QCOMPARE(child(view.visibleItems("modelRow").at(0), "modelIcon")->property("symbol").toString(),
+                 QStringLiteral("cube"));
         QCOMPARE(ViewHarness::text(child(projector, "modelSize")), QStringLiteral("600 KB \u00b7 image projector"));
         QVERIFY(!ViewHarness::shown(child(projector, "modelActionButton")));
     }
 
     void sizeZeroDisablesLoadButANegativeSizeDoesNot()
     {
-        ViewHarness view(FakeEngine::stateJson({}, false, "[" + ViewHarness::modelJson("gone.gguf", 0) + ","
+        ViewHarness view(FakeEngine::stateJson({}, false,
+                                               "[" + ViewHarness::modelJson("gone.gguf", 0) + ","
                                                    + ViewHarness::modelJson("odd.gguf", -1) + "]"));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         const QList<QQuickItem *> rows = view.visibleItems("modelRow");
         QCOMPARE(ViewHarness::text(child(rows.at(0), "modelSize")), QStringLiteral("Source file missing"));
         QCOMPARE(ViewHarness::text(child(rows.at(1), "modelSize")), QStringLiteral("Source file missing"));
@@ -151,7 +160,7 @@ private slots:
         ViewHarness view(FakeEngine::stateJson("alpha.gguf", false, threeModels()));
         QVERIFY(view.refresh());
         QVERIFY(view.startEndlessReply());
-        open(view);
+        QVERIFY(open(view));
         view.typeInto(view.item("downloadLinkField"), QStringLiteral("x"));
         for (QQuickItem *row : view.visibleItems("modelRow"))
             QVERIFY(!row->isEnabled());
@@ -168,13 +177,13 @@ private slots:
     {
         ViewHarness view(FakeEngine::stateJson({}, false, threeModels()));
         QVERIFY(view.refresh());
-        open(view);
-        view.store().setLoading(true);
+        QVERIFY(open(view));
+        view.store().library().setLoading(true);
         view.settle();
         for (QQuickItem *row : view.visibleItems("modelRow"))
             QVERIFY(!row->isEnabled());
         QVERIFY(view.item("settingsRow")->isEnabled());
-        view.store().setLoading(false);
+        view.store().library().setLoading(false);
         view.settle();
         QVERIFY(view.visibleItems("modelRow").first()->isEnabled());
     }
@@ -183,7 +192,7 @@ private slots:
     void theSheetKeepsItsSpacing()
     {
         ViewHarness view;
-        open(view);
+        QVERIFY(open(view));
         const QRectF title = ViewHarness::sceneRect(view.item("libraryTitleBlock"));
         const QRectF done = ViewHarness::sceneRect(view.item("doneButton"));
         QVERIFY2(qAbs(done.center().y() - title.center().y()) <= 0.5,
@@ -199,14 +208,15 @@ private slots:
     void theReplyLimitPickerIsRounded()
     {
         ViewHarness view;
-        open(view);
+        QVERIFY(open(view));
         auto *picker = view.item("replyLimitPicker");
         auto *background = picker->property("background").value<QQuickItem *>();
         auto *doneBackground = view.item("doneButton")->property("background").value<QQuickItem *>();
         QVERIFY(background && doneBackground);
         QVERIFY(doneBackground->property("radius").toDouble() > 0);
         QCOMPARE(background->property("radius").toDouble(), doneBackground->property("radius").toDouble());
-        QCOMPARE(background->property("border.color").value<QColor>(), doneBackground->property("border.color").value<QColor>());
+        QCOMPARE(background->property("border.color").value<QColor>(),
+                 doneBackground->property("border.color").value<QColor>());
         QCOMPARE(picker->height(), view.item("doneButton")->height());
     }
 
@@ -215,7 +225,7 @@ private slots:
     {
         ViewHarness view(FakeEngine::stateJson("alpha.gguf", false, threeModels()));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         const QStringList settingsLabels{"temperatureLabel", "temperatureSlider", "temperatureValue", "replyLimitLabel",
                                          "replyLimitPicker"};
         const QStringList rowLabels{"modelIcon", "modelName", "modelSize"};
@@ -234,7 +244,7 @@ private slots:
         view.saveScreenshot(QStringLiteral("library-while-replying-light"));
         view.click(view.item("doneButton"));
         view.click(view.item("appearanceDark"));
-        open(view);
+        QVERIFY(open(view));
         view.saveScreenshot(QStringLiteral("library-while-replying-dark"));
         view.store().stop();
         QVERIFY(view.waitFor([&] { return !view.store().generating(); }));
@@ -246,7 +256,7 @@ private slots:
     {
         ViewHarness view;
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         QVERIFY(!view.item("downloadButton")->isEnabled());
         QCOMPARE(view.item("downloadLinkField")->property("placeholderText").toString(),
                  QStringLiteral("https://huggingface.co/\u2026/model.gguf"));
@@ -267,7 +277,7 @@ private slots:
         ViewHarness view;
         view.fake().route("POST", "/api/pull", FakeResponse::json(200, "{}"));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         const QString link = QStringLiteral("https://huggingface.co/org/repo/resolve/main/tiny.gguf");
         view.typeInto(view.item("downloadLinkField"), link);
         view.click(view.item("downloadButton"));
@@ -278,7 +288,7 @@ private slots:
     void temperatureStartsAt07AndMovesInTenths()
     {
         ViewHarness view;
-        open(view);
+        QVERIFY(open(view));
         QCOMPARE(ViewHarness::text(view.item("temperatureValue")), QStringLiteral("0.7"));
         QQuickItem *slider = view.item("temperatureSlider");
         QCOMPARE(slider->property("from").toDouble(), 0.0);
@@ -301,7 +311,7 @@ private slots:
     void replyLimitOffersFourChoices()
     {
         ViewHarness view;
-        open(view);
+        QVERIFY(open(view));
         QQuickItem *picker = view.item("replyLimitPicker");
         QCOMPARE(picker->property("count").toInt(), 4);
         QCOMPARE(picker->property("displayText").toString(), QStringLiteral("512"));
@@ -318,7 +328,7 @@ private slots:
     void platformTextsAndTheRealDataFolder()
     {
         ViewHarness view;
-        open(view);
+        QVERIFY(open(view));
         QCOMPARE(ViewHarness::text(view.item("libraryTagline")),
                  PlatformText::expected(QStringLiteral("Your models stay on this Mac."),
                                         QStringLiteral("Your models stay on this computer.")));
@@ -338,7 +348,7 @@ private slots:
         ViewHarness view;
         auto chooser = std::make_shared<ScriptedFileChooser>();
         view.store().setFileChooser(chooser);
-        open(view);
+        QVERIFY(open(view));
         view.click(view.item("addModelsButton"));
         QCOMPARE(chooser->openRequests.size(), 1);
         QCOMPARE(chooser->openRequests.first().kind, FileChooser::Kind::Models);
@@ -347,14 +357,14 @@ private slots:
     void doneAndCtrlEscapeCloseButPlainEscapeDoesNot()
     {
         ViewHarness view;
-        open(view);
+        QVERIFY(open(view));
         view.key(Qt::Key_Escape);
         QVERIFY(view.store().showLibrary());
         view.click(view.item("doneButton"));
         QVERIFY(!view.store().showLibrary());
         QVERIFY(view.waitFor([&] { return !view.object("librarySheet")->property("visible").toBool(); }));
 
-        open(view);
+        QVERIFY(open(view));
         view.key(Qt::Key_Escape, Qt::ControlModifier);
         QVERIFY(!view.store().showLibrary());
     }
@@ -362,11 +372,11 @@ private slots:
     void aNewSheetStartsWithAnEmptyLinkField()
     {
         ViewHarness view;
-        open(view);
+        QVERIFY(open(view));
         view.typeInto(view.item("downloadLinkField"), QStringLiteral("left over"));
         view.click(view.item("doneButton"));
         QVERIFY(view.waitFor([&] { return !view.object("librarySheet")->property("visible").toBool(); }));
-        open(view);
+        QVERIFY(open(view));
         QCOMPARE(view.item("downloadLinkField")->property("text").toString(), QString());
     }
 
@@ -390,7 +400,7 @@ private slots:
             if (stored.isValid())
                 QSettings().setValue("appearance", stored);
             ViewHarness view;
-            open(view);
+            QVERIFY(open(view));
             QObject *sheet = view.object("librarySheet");
             auto *background = sheet->property("background").value<QQuickItem *>();
             QVERIFY(background);
@@ -402,10 +412,11 @@ private slots:
     void screenshots()
     {
         const QByteArray models = threeModels();
-        const QByteArray downloads = "[" + ViewHarness::downloadJson("qwen2.5-1.5b-instruct-q4_k_m.gguf", 412'000'000, 1'120'000'000) + "]";
+        const QByteArray downloads = "["
+            + ViewHarness::downloadJson("qwen2.5-1.5b-instruct-q4_k_m.gguf", 412'000'000, 1'120'000'000) + "]";
         ViewHarness view(FakeEngine::stateJson("alpha.gguf", false, models, downloads));
         QVERIFY(view.refresh());
-        open(view);
+        QVERIFY(open(view));
         view.saveScreenshot(QStringLiteral("library-light"));
         view.click(view.item("doneButton"));
         view.settle();
@@ -461,18 +472,20 @@ private slots:
             view.window()->resize(920, 660);
             QVERIFY(view.waitFor([&] { return view.window()->height() == 660; }));
             QVERIFY(view.refresh());
-            open(view);
+            QVERIFY(open(view));
 
             const qreal windowHeight = view.window()->contentItem()->height();
             QQuickItem *sheet = view.object("librarySheet")->property("contentItem").value<QQuickItem *>();
             QVERIFY(sheet);
             const qreal sheetTop = sheet->mapToScene({0, 0}).y();
             QVERIFY2(sheetTop >= 20, qPrintable(QString::number(sheetTop)));
-            for (const char *name : {"doneButton", "settingsRow", "replyLimitPicker", "libraryFootnote", "downloadButton"}) {
+            for (const char *name :
+                 {"doneButton", "settingsRow", "replyLimitPicker", "libraryFootnote", "downloadButton"}) {
                 QQuickItem *item = view.item(QLatin1String(name));
                 QVERIFY2(ViewHarness::shown(item), name);
                 const qreal bottom = item->mapToScene({0, item->height()}).y();
-                QVERIFY2(bottom <= windowHeight - 20, qPrintable(QStringLiteral("%1 ends at %2").arg(QLatin1String(name)).arg(bottom)));
+                QVERIFY2(bottom <= windowHeight - 20,
+                         qPrintable(QStringLiteral("%1 ends at %2").arg(QLatin1String(name)).arg(bottom)));
             }
             // The footnote stays inside the sheet with its margin below.
             QQuickItem *footnote = view.item("libraryFootnote");
@@ -495,7 +508,7 @@ private slots:
             QSettings().setValue("appearance", appearance);
             ViewHarness view(FakeEngine::stateJson(QString(), false, "[]", "[]"));
             QVERIFY(view.refresh());
-            open(view);
+            QVERIFY(open(view));
             QVERIFY(ViewHarness::shown(view.item("emptyLibraryNote")));
             QVERIFY(view.visibleItems("modelRow").isEmpty());
             view.saveScreenshot(QStringLiteral("library-empty-") + QLatin1String(appearance));

@@ -5,6 +5,7 @@
 #include "TestHome.h"
 #include "ViewHarness.h"
 #include "chat/ConversationListModel.h"
+#include "engine/EngineConnection.h"
 #include "engine/EngineStore.h"
 
 #include <QAction>
@@ -18,6 +19,7 @@
 #include <QSystemTrayIcon>
 #include <QTemporaryDir>
 #include <QtTest>
+#include <optional>
 
 class ShellTest : public QObject {
     Q_OBJECT
@@ -25,16 +27,20 @@ class ShellTest : public QObject {
 private:
     QTemporaryDir m_engineFolder;
 
+    // Each test's throw-away home, for the shell it builds.
+    std::optional<TestHome> m_home;
+
     // Something that runs in place of the engine and answers nothing.
-    void useSilentEngine()
+    bool useSilentEngine()
     {
         const QString path = m_engineFolder.filePath(QStringLiteral("vorn-engine"));
         QFile script(path);
-        QVERIFY(script.open(QIODevice::WriteOnly));
-        script.write("#!/bin/sh\nexec sleep 30\n");
+        if (!script.open(QIODevice::WriteOnly) || script.write("#!/bin/sh\nexec sleep 30\n") < 0)
+            return false;
         script.close();
         script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        EngineStore::setEngineLocationForTesting(path);
+        EngineConnection::setEngineLocationForTesting(path);
+        return true;
     }
 
     static QQuickItem *find(AppDelegate &shell, const QString &name)
@@ -67,12 +73,16 @@ private:
     }
 
 private slots:
-    void initTestCase() { useSilentEngine(); }
-    void init() { ViewHarness::resetSettings(); }
+    void initTestCase() { QVERIFY(useSilentEngine()); }
+    void init()
+    {
+        ViewHarness::resetSettings();
+        m_home.emplace();
+    }
+    void cleanup() { m_home.reset(); }
 
     void launchShowsTheWindowThenStartsTheEngine()
     {
-        TestHome home;
         AppDelegate shell(true);
         QVERIFY(!shell.window());
         QVERIFY(!shell.store().process());
@@ -89,7 +99,6 @@ private slots:
 
     void statusItemAndItsMenu()
     {
-        TestHome home;
         AppDelegate shell(true);
         shell.launch();
         QCOMPARE(shell.statusItem()->toolTip(), QStringLiteral("Vorn \u00b7 local inference"));
@@ -103,14 +112,13 @@ private slots:
 
     void statusLineFollowsTheEngine()
     {
-        TestHome home;
         FakeEngine fake;
         QVERIFY(fake.listen());
         fake.setState(FakeEngine::stateJson(QStringLiteral("llama.gguf-q4.gguf")));
         AppDelegate shell(true);
         shell.launch();
         QCOMPARE(shell.statusLine()->text(), QStringLiteral("Starting local engine\u2026"));
-        shell.store().connectForTesting(fake.baseURL());
+        shell.store().engine().client().setBaseURL(fake.baseURL());
         bool done = false;
         shell.store().refresh([&](bool) { done = true; });
         QVERIFY(QTest::qWaitFor([&] { return done; }));
@@ -128,7 +136,6 @@ private slots:
 
     void closingHidesAndOpenVornBringsBackTheSameWindow()
     {
-        TestHome home;
         AppDelegate shell(true);
         shell.launch();
         QVERIFY(!QGuiApplication::quitOnLastWindowClosed());
@@ -141,13 +148,13 @@ private slots:
         menuAction(shell, QStringLiteral("Open Vorn"))->trigger();
         QVERIFY(window->isVisible());
         QCOMPARE(shell.window(), window);
-        QCOMPARE(find(shell, QStringLiteral("promptField"))->property("text").toString(), QStringLiteral("draft in progress"));
+        QCOMPARE(find(shell, QStringLiteral("promptField"))->property("text").toString(),
+                 QStringLiteral("draft in progress"));
         shell.store().shutdown();
     }
 
     void withoutATrayClosingQuits()
     {
-        TestHome home;
         AppDelegate shell(false);
         shell.launch();
         QVERIFY(QGuiApplication::quitOnLastWindowClosed());
@@ -157,7 +164,6 @@ private slots:
 
     void newConversationFromTheStatusMenuShowsTheWindow()
     {
-        TestHome home;
         AppDelegate shell(true);
         shell.launch();
         shell.window()->close();
@@ -171,7 +177,6 @@ private slots:
 
     void modelLibraryFromTheStatusMenuPresentsTheSheet()
     {
-        TestHome home;
         AppDelegate shell(true);
         shell.launch();
         shell.window()->close();
@@ -187,7 +192,6 @@ private slots:
 
     void windowFrameIsSavedAndRestored()
     {
-        TestHome home;
         {
             AppDelegate shell(true);
             shell.launch();
@@ -208,7 +212,6 @@ private slots:
     {
         QCoreApplication::setApplicationVersion(QString());
         QCOMPARE(AppDelegate::versionText(), QStringLiteral("0.2.2"));
-        TestHome home;
         AppDelegate shell(true);
         shell.about();
         QVERIFY(shell.aboutPanel());
@@ -224,11 +227,11 @@ private slots:
 
     void mainMenuHasTheAppAndEditItems()
     {
-        TestHome home;
         AppDelegate shell(true);
         shell.launch();
         QStringList titles;
-        for (const char *name : {"aboutItem", "quitItem", "undoItem", "cutItem", "copyItem", "pasteItem", "selectAllItem"}) {
+        for (const char *name :
+             {"aboutItem", "quitItem", "undoItem", "cutItem", "copyItem", "pasteItem", "selectAllItem"}) {
             QObject *item = shell.window()->findChild<QObject *>(QLatin1String(name));
             QVERIFY2(item, name);
             titles.append(item->property("text").toString());

@@ -2,9 +2,9 @@
 #include "StreamedText.h"
 
 #include <QGuiApplication>
-#include <QQuickTextDocument>
 #include <QQmlComponent>
 #include <QQmlEngine>
+#include <QQuickTextDocument>
 #include <QSignalSpy>
 #include <QStandardItemModel>
 #include <QTextDocument>

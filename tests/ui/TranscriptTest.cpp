@@ -1,8 +1,8 @@
 // The transcript, the composer and the footer.
 #include "MessageImage.h"
+#include "PlatformText.h"
 #include "ViewHarness.h"
 #include "chat/MessageListModel.h"
-#include "PlatformText.h"
 
 #include <QApplication>
 #include <QBuffer>
@@ -50,8 +50,9 @@ private slots:
         QVERIFY(ViewHarness::shown(view.item("welcomePanel")));
         QCOMPARE(ViewHarness::text(view.item("welcomeTitle")), QStringLiteral("Intelligence, right here."));
         QCOMPARE(ViewHarness::text(view.item("welcomeText")),
-                 PlatformText::expected(QStringLiteral("Bring a model to your Mac.\nKeep your work on your Mac."),
-                                        QStringLiteral("Bring a model to your computer.\nKeep your work on your computer.")));
+                 PlatformText::expected(
+                     QStringLiteral("Bring a model to your Mac.\nKeep your work on your Mac."),
+                     QStringLiteral("Bring a model to your computer.\nKeep your work on your computer.")));
         QVERIFY(ViewHarness::shown(view.item("openLibraryButton")));
         view.click(view.item("openLibraryButton"));
         QVERIFY(view.store().showLibrary());
@@ -72,20 +73,21 @@ private slots:
         QVERIFY(view.refresh());
         view.store().setPrompt(QStringLiteral("Hi"));
         view.settle();
-        QVERIFY(!sendEnabled(view));  // no model
+        QVERIFY(!sendEnabled(view)); // no model
 
         view.setEngineState(FakeEngine::stateJson("m.gguf"));
         QVERIFY(view.refresh());
         QVERIFY(sendEnabled(view));
-        view.store().setLoading(true);
+        view.store().library().setLoading(true);
         view.settle();
         QVERIFY(!sendEnabled(view));
-        view.store().setLoading(false);
+        view.store().library().setLoading(false);
         view.store().setPrompt(QString());
         view.settle();
         QVERIFY(!sendEnabled(view));
         QCOMPARE(view.item("sendButton")->property("help").toString(),
-                 PlatformText::expected(QStringLiteral("Send \u00b7 \u2318 Return"), QStringLiteral("Send \u00b7 Ctrl+Return")));
+                 PlatformText::expected(QStringLiteral("Send \u00b7 \u2318 Return"),
+                                        QStringLiteral("Send \u00b7 Ctrl+Return")));
         QCOMPARE(view.item("sendSymbol")->property("name").toString(), QStringLiteral("arrow.up"));
     }
 
@@ -235,7 +237,8 @@ private slots:
         // Return sends whatever send() accepts; the engine's refusal is shown.
         view.item("promptField")->forceActiveFocus();
         view.key(Qt::Key_Return);
-        QVERIFY(view.waitFor([&] { return view.fake().countOf("/v1/chat/completions") == 1 && !view.store().generating(); }));
+        QVERIFY(view.waitFor(
+            [&] { return view.fake().countOf("/v1/chat/completions") == 1 && !view.store().generating(); }));
         QCOMPARE(view.store().error().value_or(QString()),
                  QStringLiteral("The model could not answer. Check its image support and available memory."));
 
@@ -301,7 +304,8 @@ private slots:
 
     void imagesShowWhenValidAndAreSkippedOtherwise()
     {
-        Conversation conversation = ViewHarness::conversation("Pictures", {"valid", "ok", "broken", "ok", "no comma", "ok"});
+        Conversation conversation = ViewHarness::conversation("Pictures",
+                                                              {"valid", "ok", "broken", "ok", "no comma", "ok"});
         conversation.messages[0].image = pngDataURL(800, 400);
         conversation.messages[2].image = QStringLiteral("data:image/png;base64,@@not base64@@");
         conversation.messages[4].image = QStringLiteral("just some text");
@@ -372,13 +376,17 @@ private slots:
     void screenshots()
     {
         Conversation conversation = ViewHarness::conversation("Sourdough", {});
-        ViewHarness view(FakeEngine::stateJson("llama-3.2-3b-instruct-q4_k_m.gguf", true, "[]", "[]", 41.27, 212, "gpu"),
-                         {conversation});
-        view.fake().route("POST", "/v1/chat/completions", FakeResponse::stream(reply({
-            "A good starter needs three things: ", "flour, water and patience.\n\n",
-            "1. Mix equal weights of flour and water.\n", QStringLiteral("2. Keep it warm, around 24 \u00b0C.\n"),
-            "3. Feed it every day for about a week, discarding half before each feed.\n\n",
-            "Once it doubles within a few hours of feeding, it is ready to bake with."}), 2));
+        ViewHarness view(
+            FakeEngine::stateJson("llama-3.2-3b-instruct-q4_k_m.gguf", true, "[]", "[]", 41.27, 212, "gpu"),
+            {conversation});
+        view.fake().route(
+            "POST", "/v1/chat/completions",
+            FakeResponse::stream(reply({"A good starter needs three things: ", "flour, water and patience.\n\n",
+                                        "1. Mix equal weights of flour and water.\n",
+                                        QStringLiteral("2. Keep it warm, around 24 \u00b0C.\n"),
+                                        "3. Feed it every day for about a week, discarding half before each feed.\n\n",
+                                        "Once it doubles within a few hours of feeding, it is ready to bake with."}),
+                                 2));
         QVERIFY(view.refresh());
         view.store().setAttachment(pngDataURL(320, 200));
         view.store().setPrompt(QStringLiteral("How do I start a sourdough starter at home?"));
@@ -395,16 +403,21 @@ private slots:
         ViewHarness view(FakeEngine::stateJson("llama-3.2-3b-instruct-q4_k_m.gguf", false, "[]", "[]", 0, 0, "cpu"),
                          {ViewHarness::conversation("Tides", {})});
         // Long pauses between pieces, so the reply is caught halfway.
-        view.fake().route("POST", "/v1/chat/completions", FakeResponse::stream(reply({
-            "Tides come from the Moon's pull on the oceans. ",
-            "The side of the Earth facing the Moon is pulled a little more than the centre, ",
-            "and the far side a little less,", " so the water bulges on both sides."}), 1500));
+        view.fake().route("POST", "/v1/chat/completions",
+                          FakeResponse::stream(
+                              reply({"Tides come from the Moon's pull on the oceans. ",
+                                     "The side of the Earth facing the Moon is pulled a little more than the centre, ",
+                                     "and the far side a little less,", " so the water bulges on both sides."}),
+                              1500));
         QVERIFY(view.refresh());
         view.store().setPrompt(QStringLiteral("Why are there two high tides a day?"));
         view.store().send();
-        QVERIFY(view.waitFor([&] { return view.store().messages().last().text.contains(QStringLiteral("centre")); }, 10000));
+        QVERIFY(view.waitFor([&] { return view.store().messages().last().text.contains(QStringLiteral("centre")); },
+                             10000));
         QVERIFY(view.store().generating());
-        QVERIFY(view.waitFor([&] { return ViewHarness::text(view.visibleItems("messageText").last()).contains(QStringLiteral("centre")); }));
+        QVERIFY(view.waitFor([&] {
+            return ViewHarness::text(view.visibleItems("messageText").last()).contains(QStringLiteral("centre"));
+        }));
         view.saveScreenshot(QStringLiteral("conversation-streaming-light"));
         view.click(view.item("appearanceDark"));
         QVERIFY(view.store().generating());

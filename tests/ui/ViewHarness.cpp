@@ -2,15 +2,14 @@
 
 #include "ViewSetup.h"
 
-#include <QCoreApplication>
 #include "model/HistoryFile.h"
+#include <QCoreApplication>
 
 #include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QKeyEvent>
-#include <QQmlContext>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -86,14 +85,12 @@ ViewHarness::ViewHarness(const QByteArray &stateJson, const QList<Conversation> 
     if (!stateJson.isEmpty())
         m_fake.setState(stateJson);
     m_store = std::make_unique<EngineStore>();
-    m_store->connectForTesting(m_fake.baseURL());
+    m_store->engine().client().setBaseURL(m_fake.baseURL());
     if (listModelChecks)
         m_checks = std::make_unique<StoreListModelChecks>(*m_store);
 
     m_engine = std::make_unique<QQmlApplicationEngine>();
-    ViewSetup::prepareEngine(*m_engine);
-    m_engine->rootContext()->setContextProperty(QStringLiteral("shell"), nullptr);
-    m_engine->rootContext()->setContextProperty(QStringLiteral("store"), m_store.get());
+    ViewSetup::prepareEngine(*m_engine, *m_store);
     m_engine->load(ViewSetup::mainWindowURL());
     if (m_engine->rootObjects().isEmpty())
         qFatal("The main window did not load");

@@ -3,9 +3,12 @@
 #include "FakeEngine.h"
 #include "ListModelChecks.h"
 #include "TestHome.h"
-#include "engine/EngineStore.h"
-#include "model/Conversation.h"
 #include "WindowDriver.h"
+#include "chat/ChatSession.h"
+#include "engine/EngineConnection.h"
+#include "engine/EngineStore.h"
+#include "library/ModelLibrary.h"
+#include "model/Conversation.h"
 
 #include <QImage>
 #include <QQmlApplicationEngine>

@@ -32,8 +32,6 @@ private:
                 ViewHarness::conversation("Taxes", {"Deadline?", "April."})};
     }
 
-    static void startEndlessReply(ViewHarness &view) { QVERIFY(view.startEndlessReply()); }
-
 private slots:
     void init() { ViewHarness::resetSettings(); }
 
@@ -86,7 +84,7 @@ private slots:
     {
         ViewHarness view(FakeEngine::stateJson("m.gguf"), searchHistory());
         QVERIFY(view.refresh());
-        startEndlessReply(view);
+        QVERIFY(view.startEndlessReply());
         const QString selected = view.store().selectedIDText();
 
         const QList<QQuickItem *> rows = view.visibleItems("conversationRow");
@@ -148,11 +146,13 @@ private slots:
             QCOMPARE(main, QColor::fromRgbF(0.07f, 0.09f, 0.12f));
         }
         ViewHarness relaunched;
-        QCOMPARE(relaunched.item("mainColumn")->property("color").value<QColor>(), QColor::fromRgbF(0.07f, 0.09f, 0.12f));
+        QCOMPARE(relaunched.item("mainColumn")->property("color").value<QColor>(),
+                 QColor::fromRgbF(0.07f, 0.09f, 0.12f));
         QVERIFY(relaunched.item("appearanceDark")->property("chosen").toBool());
         relaunched.click(relaunched.item("appearanceLight"));
         QCOMPARE(QSettings().value("appearance").toString(), QStringLiteral("light"));
-        QVERIFY(relaunched.item("mainColumn")->property("color").value<QColor>() != QColor::fromRgbF(0.07f, 0.09f, 0.12f));
+        QVERIFY(relaunched.item("mainColumn")->property("color").value<QColor>()
+                != QColor::fromRgbF(0.07f, 0.09f, 0.12f));
     }
 
     void anUnknownAppearanceIsLightWithNoSegmentChosen()
@@ -205,12 +205,12 @@ private slots:
         ViewHarness view;
         const QString tagline = ViewHarness::text(view.item("headerSubtitle"));
         QVERIFY(!tagline.isEmpty());
-        view.store().setActivity(QStringLiteral("Loading m.gguf"));
-        view.store().setLoading(true);
+        view.store().engine().setActivity(QStringLiteral("Loading m.gguf"));
+        view.store().library().setLoading(true);
         view.settle();
         QCOMPARE(ViewHarness::text(view.item("headerSubtitle")), QStringLiteral("Loading m.gguf"));
         QVERIFY(ViewHarness::shown(view.item("headerBusy")));
-        view.store().setLoading(false);
+        view.store().library().setLoading(false);
         view.settle();
         QCOMPARE(ViewHarness::text(view.item("headerSubtitle")), tagline);
         QVERIFY(!ViewHarness::shown(view.item("headerBusy")));

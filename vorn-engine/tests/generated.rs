@@ -58,36 +58,6 @@ fn model_with_its_own_chat_template() {
     );
 }
 
-/// A tiny gemma3 model (of `seed`) that pairs with the test projector.
-fn write_vision_model(path: &std::path::Path, seed: u64) {
-    write_model(
-        path,
-        &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
-        &ModelShape {
-            arch: "gemma3",
-            n_embd: 128,
-            n_layer: 2,
-            n_head: 4,
-            n_ff: 256,
-            seed,
-        },
-    );
-}
-
-/// A folder with a vision model of that name and the projector.
-fn vision_dir(tag: &str, models: &[&str]) -> std::path::PathBuf {
-    let dir = temp_dir(tag);
-    for (i, name) in models.iter().enumerate() {
-        write_vision_model(&dir.join(name), 5 + i as u64);
-    }
-    std::os::unix::fs::symlink(
-        shared_models().join("mmproj/mmproj-tinygemma3.gguf"),
-        dir.join("mmproj-tinygemma3.gguf"),
-    )
-    .unwrap();
-    dir
-}
-
 fn image_question(url: &str, text: &str) -> Value {
     json!({"role": "user", "content": [
         {"type": "image_url", "image_url": {"url": url}},
@@ -97,7 +67,7 @@ fn image_question(url: &str, text: &str) -> Value {
 
 #[test]
 fn image_chat_with_projector() {
-    let dir = vision_dir("vision", &["tinygemma3.gguf"]);
+    let dir = vision_dir("vision");
     std::os::unix::fs::symlink(
         shared_models().join("stories260K.gguf"),
         dir.join("stories260K.gguf"),
@@ -238,7 +208,7 @@ fn image_chat_with_projector() {
 
 #[test]
 fn images_sent_on_every_turn_are_decoded_once() {
-    let dir = vision_dir("vision-turns", &["tinygemma3.gguf"]);
+    let dir = vision_dir("vision-turns");
     let e = Engine::start(&dir);
     assert_eq!(e.load("tinygemma3.gguf").status, 200);
     let first = data_url(&png(48, 40, 3));
@@ -281,7 +251,7 @@ fn resident_bytes(pid: u32) -> u64 {
 fn vision_models_come_and_go_with_their_images() {
     // Contexts, projectors and encoder outputs are made and freed with every
     // load: load, encode, ask, load another, ask, unload, several times.
-    let dir = vision_dir("vision-cycle", &["tinygemma3.gguf", "tinygemma3b.gguf"]);
+    let dir = vision_dir_with("vision-cycle", &["tinygemma3.gguf", "tinygemma3b.gguf"]);
     let e = Engine::start(&dir);
     let load = |name: &str| {
         let r = e.api(

@@ -43,6 +43,13 @@ pub enum EngineError {
         context: u32,
         reason: String,
     },
+    /// The KV cache of the asked context would not fit in the memory left.
+    ContextTooLarge {
+        name: String,
+        context: u32,
+        needed: u64,
+        available: u64,
+    },
 
     /// /api/encode reached a model without a projector.
     NoImageSupport,
@@ -59,7 +66,9 @@ pub enum EngineError {
     /// The model's chat template refused or failed; the text says why.
     Template(String),
     MessageTooLong,
+    SystemMessageTooLong,
     EmptyConversation,
+    CountPanicked,
     BatchRefused(String),
     PromptEvaluationFailed(String),
     GenerationFailed(String),
@@ -107,6 +116,17 @@ impl fmt::Display for EngineError {
                 f,
                 "llama.cpp could not create a context of {context} tokens for {name} ({reason}); try a smaller context or free memory."
             ),
+            E::ContextTooLarge {
+                name,
+                context,
+                needed,
+                available,
+            } => write!(
+                f,
+                "A context of {context} tokens for {name} needs {} of memory for its KV cache, but only {} is available; choose a smaller context.",
+                gigabytes(*needed),
+                gigabytes(*available)
+            ),
             E::NoImageSupport => f.write_str("The loaded model has no image support."),
             E::ImagesNotAccepted => f.write_str("The loaded model does not accept images."),
             E::ImageUndecodable => f.write_str(
@@ -120,7 +140,11 @@ impl fmt::Display for EngineError {
             E::ImageEvaluationFailed(code) => write!(f, "Image evaluation failed ({code})."),
             E::Template(why) => f.write_str(why),
             E::MessageTooLong => f.write_str("The message is too long for the model's context."),
+            E::SystemMessageTooLong => {
+                f.write_str("The system message is too long for the model's context.")
+            }
             E::EmptyConversation => f.write_str("The conversation is empty."),
+            E::CountPanicked => f.write_str("The engine failed while counting tokens."),
             E::BatchRefused(why) => write!(f, "batch error: {why}"),
             E::PromptEvaluationFailed(why) => write!(f, "Prompt evaluation failed: {why}"),
             E::GenerationFailed(why) => write!(f, "Generation failed: {why}"),
@@ -130,3 +154,8 @@ impl fmt::Display for EngineError {
 }
 
 impl std::error::Error for EngineError {}
+
+/// Bytes as decimal gigabytes with one decimal ("12.3 GB").
+fn gigabytes(bytes: u64) -> String {
+    format!("{:.1} GB", bytes as f64 / 1e9)
+}

@@ -1,10 +1,11 @@
 //! One reply: fit and evaluate the prompt, then sample tokens until the
 //! model stops, a stop string or the limit is reached, or the client leaves.
 
+use super::conversation::reply_reserve;
 use super::prefill::{Key, PrefillError};
 use super::reply_text::ReplyText;
 use super::session::Session;
-use super::{ChatJob, EngineError, FinishReason, Sampling, Usage};
+use super::{ChatJob, ContextUse, EngineError, FinishReason, Sampling, Usage};
 use crate::llama::Batch;
 use crate::state::{lock, RunMetrics};
 use crate::template::reasoning::ReasoningSplitter;
@@ -49,15 +50,21 @@ impl Session<'_> {
             job.events.fail(EngineError::ImagesNotAccepted);
             return;
         }
-        let context_size = self.context_size as usize;
         let max_tokens = job
             .request
             .max_tokens
             .map(|m| m as usize)
             .unwrap_or(usize::MAX);
-        let reserve = max_tokens.min(context_size / 4).max(1);
-        let prompt = match self.fit_prompt(&job.request.messages, reserve) {
-            Ok(p) => p,
+        let reserve = reply_reserve(self.context_size, job.request.max_tokens);
+        let (prompt, context) = match self.fit(&job.request.messages, reserve) {
+            Ok(fitted) => {
+                self.cut_anchor = fitted.anchor;
+                let context = ContextUse {
+                    size: self.context_size,
+                    dropped_messages: fitted.dropped,
+                };
+                (fitted.prompt, context)
+            }
             Err(e) => {
                 job.events.fail(e);
                 return;
@@ -85,7 +92,7 @@ impl Session<'_> {
                 *lock(&self.shared.last) = RunMetrics {
                     prompt_tokens,
                     ttft_ms: t_start.elapsed().as_secs_f64() * 1000.0,
-                    ..RunMetrics::default()
+                    ..RunMetrics::with_context(context)
                 };
                 return;
             }
@@ -109,6 +116,7 @@ impl Session<'_> {
             ttft_ms: ttft * 1000.0,
             reused_images: self.reused_images,
             decoded_images: self.decoded_images,
+            ..RunMetrics::with_context(context)
         };
         self.history = job.request.messages;
         self.history_reply = decoded.text;
@@ -118,6 +126,7 @@ impl Session<'_> {
                 prompt_tokens,
                 completion_tokens: decoded.tokens,
             },
+            context,
         );
     }
 

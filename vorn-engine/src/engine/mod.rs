@@ -15,6 +15,7 @@
 //! - `probe`: the child process that tries a file before the engine loads it
 //! - `threads`: how many CPU threads a model gets
 //! - `lru`: the eviction of the image caches
+//! - `memory`: whether a context's KV cache fits in memory
 //! - `error`: every way a command can fail
 
 mod conversation;
@@ -23,6 +24,7 @@ mod generate;
 mod image;
 mod load;
 mod lru;
+mod memory;
 mod prefill;
 mod probe;
 mod reply_text;
@@ -115,6 +117,30 @@ pub struct Usage {
     pub completion_tokens: i64,
 }
 
+/// How a conversation sat in the context.
+#[derive(Debug, Clone, Copy, PartialEq, Eq)]
+pub struct ContextUse {
+    /// The context in use, in tokens.
+    pub size: u32,
+    /// Messages after the leading system messages that were left out, from
+    /// the oldest on, so that the rest fits.
+    pub dropped_messages: usize,
+}
+
+/// A conversation to count, as a chat request would send it.
+pub struct CountRequest {
+    pub messages: Vec<ChatMessage>,
+    pub max_tokens: Option<u32>,
+}
+
+/// The prompt a reply to the conversation would start from.
+#[derive(Debug, Clone, Copy, PartialEq, Eq)]
+pub struct Counted {
+    /// Prompt tokens after fitting, the opening of the reply included.
+    pub tokens: usize,
+    pub context: ContextUse,
+}
+
 /// What a reply brings after it started: deltas, then Done or Error.
 #[derive(Debug)]
 pub enum Event {
@@ -125,6 +151,7 @@ pub enum Event {
     Done {
         finish_reason: FinishReason,
         usage: Usage,
+        context: ContextUse,
     },
     Error(EngineError),
 }
@@ -155,10 +182,11 @@ impl ReplySender {
         self.0.send(Signal::Event(event)).is_ok()
     }
 
-    fn done(&self, finish_reason: FinishReason, usage: Usage) {
+    fn done(&self, finish_reason: FinishReason, usage: Usage, context: ContextUse) {
         let _ = self.0.send(Signal::Event(Event::Done {
             finish_reason,
             usage,
+            context,
         }));
     }
 
@@ -190,6 +218,7 @@ enum Command {
     Unload(oneshot::Sender<()>),
     Chat(ChatJob),
     Encode(Image, oneshot::Sender<Result<(), EngineError>>),
+    Count(CountRequest, oneshot::Sender<Result<Counted, EngineError>>),
 }
 
 impl Command {
@@ -201,6 +230,9 @@ impl Command {
             }
             Command::Unload(reply) => {
                 let _ = reply.send(());
+            }
+            Command::Count(_, reply) => {
+                let _ = reply.send(Err(error));
             }
             Command::Chat(job) => job.events.fail(error),
         }
@@ -276,6 +308,16 @@ impl Engine {
         answer
             .await
             .map_err(|_| EngineError::StoppedWhileEncoding)?
+    }
+
+    /// Counts the prompt a reply to the conversation would start from,
+    /// without evaluating anything. It waits for a reply in progress.
+    pub async fn count(&self, request: CountRequest) -> Result<Counted, EngineError> {
+        let (reply, answer) = oneshot::channel();
+        self.send(Command::Count(request, reply))?;
+        answer
+            .await
+            .map_err(|_| EngineError::StoppedBeforeAnswering)?
     }
 
     /// Starts a reply. Errors found before generation starts (no model, a

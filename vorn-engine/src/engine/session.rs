@@ -47,20 +47,16 @@ pub(super) struct Session<'m> {
 }
 
 impl<'m> Session<'m> {
-    /// Creates the context, the projector (when one is paired and works) and
+    /// Creates the context of `context_size` tokens, the projector (when one is paired and works) and
     /// the chat template for a loaded model. Also returns the projector's name.
     pub(super) fn open(
         backend: &LlamaBackend,
         model: &'m Model,
         request: &LoadRequest,
+        context_size: u32,
         offload: bool,
         shared: &Arc<Shared>,
     ) -> Result<(Session<'m>, Option<String>), EngineError> {
-        let context_size = if request.context_size == 0 {
-            model.n_ctx_train().max(512)
-        } else {
-            request.context_size.clamp(64, 1 << 20)
-        };
         let batch_size = 512u32.min(context_size);
         let settings = ContextSettings {
             context_size,
@@ -129,6 +125,11 @@ impl<'m> Session<'m> {
                 Command::Encode(image, reply) => {
                     let result = catch_unwind(AssertUnwindSafe(|| self.encode(&image)))
                         .unwrap_or(Err(EngineError::EncodingPanicked));
+                    let _ = reply.send(result);
+                }
+                Command::Count(request, reply) => {
+                    let result = catch_unwind(AssertUnwindSafe(|| self.count(&request)))
+                        .unwrap_or(Err(EngineError::CountPanicked));
                     let _ = reply.send(result);
                 }
             }

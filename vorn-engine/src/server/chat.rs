@@ -2,11 +2,12 @@
 
 use super::error::ApiError;
 use super::json::{parse, Field, JsonBytes, TextOr};
-use super::messages::{conversation, MessagesField};
+use super::messages::{for_loaded_model, MessagesField};
 use super::stream;
 use super::App;
-use crate::engine::{ChatRequest, EngineError, Event, FinishReason, Reply, Sampling, Usage};
-use crate::state::lock;
+use crate::engine::{
+    ChatRequest, ContextUse, EngineError, Event, FinishReason, Reply, Sampling, Usage,
+};
 use axum::extract::State;
 use axum::response::{IntoResponse, Response};
 use axum::Json;
@@ -72,14 +73,7 @@ impl<'a> ChatBody<'a> {
             Some(seed) => seed as u32,
             None => random_seed(),
         };
-        // A max_tokens that is given, even as null, hides the other spelling.
-        let max_tokens = match max_tokens {
-            Field::Absent => max_completion_tokens,
-            given => given,
-        };
-        let max_tokens = max_tokens
-            .optional(ApiError::NotCount("max_tokens"))?
-            .map(|m| m.min(u32::MAX as u64) as u32);
+        let max_tokens = reply_limit(max_tokens, max_completion_tokens)?;
         let stop = match stop.optional(ApiError::BadStop)? {
             None => Vec::new(),
             Some(TextOr::Text(text)) => vec![text.into_owned()],
@@ -101,26 +95,30 @@ impl<'a> ChatBody<'a> {
     }
 }
 
+/// The reply's token limit from either spelling: a `max_tokens` that is
+/// given, even as null, hides `max_completion_tokens`.
+pub(super) fn reply_limit(
+    max_tokens: Field<u64>,
+    max_completion_tokens: Field<u64>,
+) -> Result<Option<u32>, ApiError> {
+    let max_tokens = match max_tokens {
+        Field::Absent => max_completion_tokens,
+        given => given,
+    };
+    Ok(max_tokens
+        .optional(ApiError::NotCount("max_tokens"))?
+        .map(|m| m.min(u32::MAX as u64) as u32))
+}
+
+fn read_chat(body: &[u8]) -> Result<(Settings, MessagesField<'_>), ApiError> {
+    parse::<ChatBody>(body)?.check()
+}
+
 pub(super) async fn chat(
     State(app): State<App>,
     JsonBytes(body): JsonBytes,
 ) -> Result<Response, ApiError> {
-    // A conversation with images can be tens of megabytes: it is read (in
-    // place, its image URLs never copied) and its images decoded, unless
-    // found in the cache, off the async threads.
-    let images = app.images.clone();
-    let (settings, messages) = tokio::task::spawn_blocking(move || {
-        let (settings, messages) = parse::<ChatBody>(&body)?.check()?;
-        Ok::<_, ApiError>((settings, conversation(messages, &images)?))
-    })
-    .await
-    .map_err(|_| ApiError::Internal("parse failed"))??;
-    let Some(loaded) = lock(&app.shared.loaded).clone() else {
-        return Err(EngineError::NoModelLoaded.into());
-    };
-    if !loaded.vision && messages.iter().any(|m| !m.images.is_empty()) {
-        return Err(EngineError::ImagesNotAccepted.into());
-    }
+    let (settings, messages, loaded) = for_loaded_model(&app, body, read_chat).await?;
     let reply = app
         .engine
         .chat(ChatRequest {
@@ -166,6 +164,22 @@ impl From<Usage> for UsageBody {
     }
 }
 
+/// How the conversation sat in the context.
+#[derive(Serialize)]
+pub(super) struct ContextBody {
+    size: u32,
+    dropped_messages: usize,
+}
+
+impl From<ContextUse> for ContextBody {
+    fn from(context: ContextUse) -> Self {
+        ContextBody {
+            size: context.size,
+            dropped_messages: context.dropped_messages,
+        }
+    }
+}
+
 #[derive(Serialize)]
 struct Completion {
     id: String,
@@ -174,6 +188,7 @@ struct Completion {
     model: String,
     choices: [CompletionChoice; 1],
     usage: UsageBody,
+    context: ContextBody,
 }
 
 #[derive(Serialize)]
@@ -203,6 +218,7 @@ async fn whole_reply(mut reply: Reply, head: ReplyHead) -> Result<Completion, Ap
             Some(Event::Done {
                 finish_reason,
                 usage,
+                context,
             }) => {
                 return Ok(Completion {
                     id: head.id,
@@ -219,6 +235,7 @@ async fn whole_reply(mut reply: Reply, head: ReplyHead) -> Result<Completion, Ap
                         finish_reason,
                     }],
                     usage: usage.into(),
+                    context: context.into(),
                 })
             }
             Some(Event::Error(e)) => return Err(e.into()),

@@ -3,8 +3,11 @@
 use super::error::ApiError;
 use super::image_cache::ImageCache;
 use super::json::{Field, Object, Text, TextOr};
-use crate::engine::ChatMessage;
+use super::App;
+use crate::engine::{ChatMessage, EngineError};
+use crate::state::{lock, Loaded};
 use crate::template::MEDIA_MARKER;
+use axum::body::Bytes;
 use serde::Deserialize;
 
 /// What a user may write instead of the media marker.
@@ -44,6 +47,36 @@ type ImageUrl<'a> = TextOr<'a, Object<UrlBody<'a>>>;
 struct UrlBody<'a> {
     #[serde(borrow)]
     url: Field<Text<'a>>,
+}
+
+/// Reads a request body into its settings, checked first, and its
+/// messages, which still borrow their texts from the body.
+pub(super) type ReadBody<S> = for<'a> fn(&'a [u8]) -> Result<(S, MessagesField<'a>), ApiError>;
+
+/// A request for the loaded model, read by `read` and its messages checked,
+/// off the async threads: a conversation with images can be tens of
+/// megabytes, read in place (its image URLs never copied) and its images
+/// decoded unless the cache has them. 409 without a model, 400 for images
+/// it cannot take.
+pub(super) async fn for_loaded_model<S: Send + 'static>(
+    app: &App,
+    body: Bytes,
+    read: ReadBody<S>,
+) -> Result<(S, Vec<ChatMessage>, Loaded), ApiError> {
+    let images = app.images.clone();
+    let (settings, messages) = tokio::task::spawn_blocking(move || {
+        let (settings, messages) = read(&body)?;
+        Ok::<_, ApiError>((settings, conversation(messages, &images)?))
+    })
+    .await
+    .map_err(|_| ApiError::Internal("parse failed"))??;
+    let Some(loaded) = lock(&app.shared.loaded).clone() else {
+        return Err(EngineError::NoModelLoaded.into());
+    };
+    if !loaded.vision && messages.iter().any(|m| !m.images.is_empty()) {
+        return Err(EngineError::ImagesNotAccepted.into());
+    }
+    Ok((settings, messages, loaded))
 }
 
 /// Checks the messages in order and finds (or decodes) their images.

@@ -8,8 +8,10 @@
 //! - `image`: data URLs and /api/encode
 //! - `image_cache`: images by the data URL they came in
 //! - `messages`, `chat`, `stream`: /v1/chat/completions
+//! - `count`: /api/count
 
 mod chat;
+mod count;
 mod error;
 mod guard;
 mod image;
@@ -70,6 +72,7 @@ pub fn router(app: App) -> Router {
         .route("/api/unload", post(models::unload))
         .route("/api/pull", post(pull::pull))
         .route("/api/encode", post(image::encode))
+        .route("/api/count", post(count::count))
         .route("/v1/chat/completions", post(chat::chat))
         .fallback(not_found)
         .method_not_allowed_fallback(method_not_allowed)
