@@ -251,7 +251,13 @@ fn resident_bytes(pid: u32) -> u64 {
 fn vision_models_come_and_go_with_their_images() {
     // Contexts, projectors and encoder outputs are made and freed with every
     // load: load, encode, ask, load another, ask, unload, several times.
-    let dir = vision_dir_with("vision-cycle", &["tinygemma3.gguf", "tinygemma3b.gguf"]);
+    // Trained on 32768 tokens, so that each context is large enough for a
+    // leak to show.
+    let dir = vision_dir_with(
+        "vision-cycle",
+        &["tinygemma3.gguf", "tinygemma3b.gguf"],
+        Some(32768),
+    );
     let e = Engine::start(&dir);
     let load = |name: &str| {
         let r = e.api(

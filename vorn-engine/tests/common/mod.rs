@@ -288,15 +288,16 @@ pub fn stories_dir(tag: &str) -> PathBuf {
 /// A models folder holding a generated gemma3 model, `tinygemma3.gguf`, and
 /// a link to the tiny test projector that fits it.
 pub fn vision_dir(tag: &str) -> PathBuf {
-    vision_dir_with(tag, &["tinygemma3.gguf"])
+    vision_dir_with(tag, &["tinygemma3.gguf"], None)
 }
 
 /// A models folder holding generated gemma3 models of these names (each of
-/// its own weights), all of which pair with the tiny test projector.
-pub fn vision_dir_with(tag: &str, models: &[&str]) -> PathBuf {
+/// its own weights, trained on `context_length` tokens, 4096 when None), all
+/// of which pair with the tiny test projector.
+pub fn vision_dir_with(tag: &str, models: &[&str], context_length: Option<u32>) -> PathBuf {
     let dir = temp_dir(tag);
     for (i, name) in models.iter().enumerate() {
-        gen::write_model(
+        gen::write_model_with(
             &dir.join(name),
             &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
             &gen::ModelShape {
@@ -306,6 +307,10 @@ pub fn vision_dir_with(tag: &str, models: &[&str]) -> PathBuf {
                 n_head: 4,
                 n_ff: 256,
                 seed: 5 + i as u64,
+            },
+            &gen::Extras {
+                context_length,
+                ..gen::Extras::default()
             },
         );
     }
