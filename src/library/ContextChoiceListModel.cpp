@@ -1,5 +1,7 @@
 #include "ContextChoiceListModel.h"
 
+#include <algorithm>
+
 ContextChoiceListModel::ContextChoiceListModel(QObject *parent) : QAbstractListModel(parent) {}
 
 const QList<int> &ContextChoiceListModel::choices()
@@ -43,7 +45,8 @@ int ContextChoiceListModel::rowOf(int tokens)
 
 bool ContextChoiceListModel::available(int tokens) const
 {
-    return tokens == 0 || !m_trainedContext || tokens <= *m_trainedContext;
+    // The engine loads every model with the default context, also one trained with less.
+    return tokens == 0 || !m_trainedContext || tokens <= std::max<qint64>(*m_trainedContext, defaultTokens);
 }
 
 void ContextChoiceListModel::setTrainedContext(std::optional<qint64> tokens)

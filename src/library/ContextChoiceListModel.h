@@ -5,8 +5,8 @@
 #include <optional>
 
 // The contexts a model can be loaded with, for the library's picker: fixed sizes and
-// the model's maximum (0 tokens). Sizes above the loaded model's trained context are
-// not available.
+// the model's maximum (0 tokens). Sizes above both the loaded model's trained context
+// and the default (which every model loads with) are not available.
 class ContextChoiceListModel : public QAbstractListModel {
     Q_OBJECT
     Q_PROPERTY(int count READ count CONSTANT)

@@ -430,6 +430,20 @@ private slots:
         QVERIFY(choices->index(6, 0).data(ContextChoiceListModel::AvailableRole).toBool());
     }
 
+    void theDefaultContextStaysOpenForAModelTrainedWithLess()
+    {
+        const QByteArray models = "[" + FakeEngine::modelJson("m.gguf", 10, {"llama", 2048, 0, {}, 0}) + "]";
+        engine().setState(FakeEngine::stateJson(QStringLiteral("m.gguf"), false, models));
+        QVERIFY(setup().roundTrip());
+
+        QAbstractItemModel *choices = store().contextChoices();
+        QList<bool> available;
+        for (int row = 0; row < choices->rowCount(); ++row)
+            available.append(choices->index(row, 0).data(ContextChoiceListModel::AvailableRole).toBool());
+        QCOMPARE(available, (QList<bool>{true, true, false, false, false, false, false, true}));
+        QCOMPARE(store().contextChoice(), 4096);
+    }
+
     void aNewChoiceReloadsTheLoadedModel()
     {
         const QByteArray models = "[" + FakeEngine::modelJson("m.gguf", 10, {"llama", 32768, 0, {}, 0}) + "]";
