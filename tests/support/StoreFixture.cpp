@@ -3,11 +3,15 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSettings>
 #include <QTest>
 #include <optional>
 
 StoreFixture::StoreFixture(const QByteArray &state, Engine engine) : m_connect(engine == Engine::StandIn)
 {
+    // Every fixture starts as a fresh install; a restart keeps what was set.
+    TestHome::isolateSettings();
+    QSettings().clear();
     if (m_connect) {
         if (!this->engine.listen())
             qFatal("The stand-in engine could not listen");

@@ -11,7 +11,6 @@
 #include <QJsonObject>
 #include <QKeyEvent>
 #include <QSettings>
-#include <QTemporaryDir>
 #include <QtTest>
 
 void ViewHarness::prepareProcess()
@@ -21,9 +20,7 @@ void ViewHarness::prepareProcess()
     QCoreApplication::setOrganizationName(QStringLiteral("Vorn"));
     QCoreApplication::setApplicationName(QStringLiteral("Vorn"));
     // Settings are located once per process, so they get one folder for the whole run.
-    static QTemporaryDir settingsFolder;
-    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, settingsFolder.path());
-    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, settingsFolder.path());
+    TestHome::isolateSettings();
     ViewSetup::prepareApplication();
 }
 
