@@ -3,7 +3,8 @@ import Vorn
 import QtQuick.Controls
 import QtQuick.Layouts
 
-// The window's content: sidebar, main column, the library sheet and the error alert.
+// The window's content: sidebar, main column, the undo bar, the library sheet and the
+// error alert.
 Item {
     id: view
     objectName: "desktopView"
@@ -25,6 +26,7 @@ Item {
         }
 
         Rectangle {
+            id: mainColumn
             objectName: "mainColumn"
             Layout.fillWidth: true
             Layout.fillHeight: true
@@ -44,16 +46,24 @@ Item {
                     color: Theme.divider
                 }
                 Transcript {
+                    id: transcript
                     Layout.fillWidth: true
                     Layout.fillHeight: true
                 }
                 Composer {
+                    id: composer
                     Layout.fillWidth: true
                 }
                 Footer {
                     Layout.fillWidth: true
                     Layout.preferredHeight: 40
                 }
+            }
+
+            // Over the foot of the transcript, just above the composer.
+            UndoBar {
+                anchors.horizontalCenter: parent.horizontalCenter
+                y: transcript.y + transcript.height - height - 12
             }
         }
     }
