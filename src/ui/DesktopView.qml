@@ -3,11 +3,15 @@ import Vorn
 import QtQuick.Controls
 import QtQuick.Layouts
 
-// The window's content: sidebar, main column, the undo bar, the library sheet and the
-// error alert.
+// The window's content: sidebar, main column, the undo bar, the library and shortcuts
+// sheets, the window's shortcuts and the error alert.
 Item {
     id: view
     objectName: "desktopView"
+
+    function showShortcuts() {
+        shortcutsSheet.open()
+    }
 
     RowLayout {
         anchors.fill: parent
@@ -66,6 +70,15 @@ Item {
                 y: transcript.y + transcript.height - height - 12
             }
         }
+    }
+
+    WindowShortcuts {
+        sidebar: sidebar
+        composer: composer
+    }
+
+    ShortcutsSheet {
+        id: shortcutsSheet
     }
 
     Popup {

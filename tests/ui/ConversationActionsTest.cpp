@@ -1,6 +1,6 @@
 // Managing conversations in the window: renaming in place, the row menu, deleting with
-// the undo bar, pinning, regenerating and editing messages, and the system prompt
-// editors.
+// the undo bar, pinning, regenerating and editing messages, the system prompt editors
+// and the window's keyboard shortcuts.
 #include "ScriptedFileChooser.h"
 #include "ViewHarness.h"
 #include "chat/ConversationListModel.h"
@@ -162,6 +162,15 @@ private slots:
         QCOMPARE(view.object("conversationMenu")->property("conversationId").toString(), view.store().selectedIDText());
         view.key(Qt::Key_Escape);
         QVERIFY(!menuShown(view));
+
+        // F2 renames it.
+        view.click(row(view, "Taxes"));
+        view.key(Qt::Key_F2);
+        QQuickItem *field = view.visibleItems("renameField").value(0);
+        QVERIFY(field);
+        QCOMPARE(WindowDriver::text(field), QStringLiteral("Taxes"));
+        view.key(Qt::Key_Escape);
+        QVERIFY(view.visibleItems("renameField").isEmpty());
     }
 
     // --- deleting and the undo bar -----------------------------------------------------
@@ -380,6 +389,56 @@ private slots:
         QCOMPARE(view.store().systemPrompt(), QStringLiteral("Default prompt"));
     }
 
+    // --- keyboard shortcuts ------------------------------------------------------------
+
+    void theWindowShortcutsAct()
+    {
+        ViewHarness view(FakeEngine::stateJson(), history());
+        auto chooser = std::make_shared<ScriptedFileChooser>();
+        view.store().setFileChooser(chooser);
+
+        view.key(Qt::Key_C, Qt::ControlModifier | Qt::ShiftModifier);
+        QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("Try the bakery."));
+
+        view.key(Qt::Key_E, Qt::ControlModifier);
+        QCOMPARE(chooser->proposedSaveNames, QStringList{"Vorn conversation.txt"});
+
+        view.key(Qt::Key_F, Qt::ControlModifier);
+        QVERIFY(view.item("searchField")->hasActiveFocus());
+
+        view.key(Qt::Key_N, Qt::ControlModifier);
+        QCOMPARE(listedTitles(view).first(), QStringLiteral("New conversation"));
+        QCOMPARE(view.store().conversations().size(), 4);
+        QVERIFY(view.item("promptField")->hasActiveFocus());
+
+        view.key(Qt::Key_L, Qt::ControlModifier);
+        QVERIFY(view.store().showLibrary());
+    }
+
+    void theApplicationMenuListsTheShortcuts()
+    {
+        ViewHarness view;
+        QObject *item = view.window()->findChild<QObject *>("shortcutsItem");
+        QVERIFY(item);
+        QCOMPARE(item->property("text").toString(), QStringLiteral("Keyboard shortcuts"));
+        QVERIFY(QMetaObject::invokeMethod(item, "triggered"));
+        view.settle();
+        QObject *sheet = view.object("shortcutsSheet");
+        QVERIFY(sheet && sheet->property("opened").toBool());
+        QStringList actions;
+        for (QQuickItem *label : view.visibleItems("shortcutAction"))
+            actions.append(WindowDriver::text(label));
+        for (const char *action : {"New conversation", "Search conversations", "Model library", "Export conversation",
+                                   "Copy the last reply"})
+            QVERIFY2(actions.contains(QLatin1String(action)), action);
+        QStringList keys;
+        for (QQuickItem *label : view.visibleItems("shortcutKeys"))
+            keys.append(WindowDriver::text(label));
+        QVERIFY(keys.contains(QStringLiteral("Ctrl+N")) || keys.contains(QStringLiteral("\u2318N")));
+        view.click(view.item("shortcutsDoneButton"));
+        QVERIFY(!sheet->property("opened").toBool());
+    }
+
     // --- screenshots -------------------------------------------------------------------
 
     void screenshots()
@@ -411,6 +470,10 @@ private slots:
             view.saveScreenshot(QStringLiteral("system-prompt-") + appearance);
             view.key(Qt::Key_Escape);
             view.store().clearSystemOverride();
+
+            QVERIFY(QMetaObject::invokeMethod(view.window()->findChild<QObject *>("shortcutsItem"), "triggered"));
+            view.saveScreenshot(QStringLiteral("shortcuts-") + appearance);
+            view.click(view.item("shortcutsDoneButton"));
         }
     }
 };
