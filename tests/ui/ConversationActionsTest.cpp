@@ -17,22 +17,6 @@ class ConversationActionsTest : public QObject {
     Q_OBJECT
 
 private:
-    static QStringList listedTitles(ViewHarness &view)
-    {
-        auto *model = qobject_cast<QAbstractItemModel *>(view.object("conversationFilter"));
-        QStringList titles;
-        for (int row = 0; model && row < model->rowCount(); ++row)
-            titles.append(model->index(row, 0).data(ConversationListModel::TitleRole).toString());
-        return titles;
-    }
-
-    static QList<Conversation> history()
-    {
-        return {ViewHarness::conversation("Trip to Lisbon", {"Where should we eat?", "Try the bakery."}),
-                ViewHarness::conversation("Garden plans", {"Tomatoes need sun", "Plant them in May."}),
-                ViewHarness::conversation("Taxes", {"Deadline?", "April."})};
-    }
-
     // The sidebar row that shows that title.
     static QQuickItem *row(ViewHarness &view, const QString &title)
     {
@@ -106,7 +90,7 @@ private slots:
     {
         QFETCH(QString, typed);
         QFETCH(QString, title);
-        ViewHarness view(FakeEngine::stateJson(), history());
+        ViewHarness view(FakeEngine::stateJson(), ViewHarness::threeConversations());
         QQuickItem *trip = row(view, "Trip to Lisbon");
         QTest::mouseDClick(view.window(), Qt::LeftButton, Qt::NoModifier, centre(trip));
         view.settle();
@@ -117,13 +101,13 @@ private slots:
         field->setProperty("text", typed);
         view.key(Qt::Key_Return);
         QVERIFY(view.visibleItems("renameField").isEmpty());
-        QCOMPARE(listedTitles(view).first(), title);
+        QCOMPARE(view.listedTitles().first(), title);
         QCOMPARE(HistoryFile::load(view.home().historyFile())->first().title, title);
     }
 
     void escapeLeavesTheTitleAsItWas()
     {
-        ViewHarness view(FakeEngine::stateJson(), history());
+        ViewHarness view(FakeEngine::stateJson(), ViewHarness::threeConversations());
         QTest::mouseDClick(view.window(), Qt::LeftButton, Qt::NoModifier, centre(row(view, "Taxes")));
         view.settle();
         QQuickItem *field = view.visibleItems("renameField").value(0);
@@ -131,12 +115,12 @@ private slots:
         view.typeInto(field, QStringLiteral("Nope"));
         view.key(Qt::Key_Escape);
         QVERIFY(view.visibleItems("renameField").isEmpty());
-        QCOMPARE(listedTitles(view), (QStringList{"Trip to Lisbon", "Garden plans", "Taxes"}));
+        QCOMPARE(view.listedTitles(), (QStringList{"Trip to Lisbon", "Garden plans", "Taxes"}));
     }
 
     void renameFromTheMenu()
     {
-        ViewHarness view(FakeEngine::stateJson(), history());
+        ViewHarness view(FakeEngine::stateJson(), ViewHarness::threeConversations());
         rightClick(view, row(view, "Garden plans"));
         QVERIFY(menuShown(view));
         QCOMPARE(WindowDriver::text(view.item("renameItem")), QStringLiteral("Rename"));
@@ -149,13 +133,13 @@ private slots:
         QVERIFY(view.waitFor([&] { return field->hasActiveFocus(); }));
         view.typeInto(field, QStringLiteral("Veg"));
         view.key(Qt::Key_Enter);
-        QCOMPARE(listedTitles(view), (QStringList{"Trip to Lisbon", "Veg", "Taxes"}));
+        QCOMPARE(view.listedTitles(), (QStringList{"Trip to Lisbon", "Veg", "Taxes"}));
     }
 
     // The menu key opens the selected row's menu when the list has the keyboard.
     void theMenuKeyOpensTheSelectedRowsMenu()
     {
-        ViewHarness view(FakeEngine::stateJson(), history());
+        ViewHarness view(FakeEngine::stateJson(), ViewHarness::threeConversations());
         view.click(row(view, "Taxes"));
         view.key(Qt::Key_Menu);
         QVERIFY(menuShown(view));
@@ -177,12 +161,12 @@ private slots:
 
     void deleteShowsTheUndoBarAndUndoPutsItBack()
     {
-        ViewHarness view(FakeEngine::stateJson(), history());
+        ViewHarness view(FakeEngine::stateJson(), ViewHarness::threeConversations());
         QVERIFY(!WindowDriver::shown(view.item("undoBar")));
         view.click(row(view, "Garden plans"));
         rightClick(view, row(view, "Garden plans"));
         view.click(view.item("deleteItem"));
-        QCOMPARE(listedTitles(view), (QStringList{"Trip to Lisbon", "Taxes"}));
+        QCOMPARE(view.listedTitles(), (QStringList{"Trip to Lisbon", "Taxes"}));
         QCOMPARE(view.store().conversations().at(view.store().selectedIndex()).title, QStringLiteral("Taxes"));
         QVERIFY(WindowDriver::shown(view.item("undoBar")));
         QCOMPARE(WindowDriver::text(view.item("undoText")), QStringLiteral("Deleted \u201cGarden plans\u201d"));
@@ -190,42 +174,42 @@ private slots:
 
         view.click(view.item("undoButton"));
         QVERIFY(!WindowDriver::shown(view.item("undoBar")));
-        QCOMPARE(listedTitles(view), (QStringList{"Trip to Lisbon", "Garden plans", "Taxes"}));
+        QCOMPARE(view.listedTitles(), (QStringList{"Trip to Lisbon", "Garden plans", "Taxes"}));
         QCOMPARE(view.store().conversations().at(view.store().selectedIndex()).title, QStringLiteral("Garden plans"));
         QCOMPARE(HistoryFile::load(view.home().historyFile())->size(), 3);
     }
 
     void theDeleteKeyRemovesTheSelectedRow()
     {
-        ViewHarness view(FakeEngine::stateJson(), history());
+        ViewHarness view(FakeEngine::stateJson(), ViewHarness::threeConversations());
         view.click(row(view, "Taxes"));
         view.key(Qt::Key_Delete);
-        QCOMPARE(listedTitles(view), (QStringList{"Trip to Lisbon", "Garden plans"}));
+        QCOMPARE(view.listedTitles(), (QStringList{"Trip to Lisbon", "Garden plans"}));
         // The last row went: the one above takes the selection, and the keyboard.
         QCOMPARE(view.store().conversations().at(view.store().selectedIndex()).title, QStringLiteral("Garden plans"));
         view.key(Qt::Key_Delete);
-        QCOMPARE(listedTitles(view), QStringList{"Trip to Lisbon"});
+        QCOMPARE(view.listedTitles(), QStringList{"Trip to Lisbon"});
         view.key(Qt::Key_Delete);
-        QCOMPARE(listedTitles(view), QStringList{"New conversation"});
+        QCOMPARE(view.listedTitles(), QStringList{"New conversation"});
         QVERIFY(view.store().messages().isEmpty());
         QVERIFY(WindowDriver::shown(view.item("undoBar")));
         view.click(view.item("undoButton"));
-        QCOMPARE(listedTitles(view), QStringList{"Trip to Lisbon"});
+        QCOMPARE(view.listedTitles(), QStringList{"Trip to Lisbon"});
     }
 
     void theUndoBarGoesAwayByItself()
     {
-        ViewHarness view(FakeEngine::stateJson(), history());
+        ViewHarness view(FakeEngine::stateJson(), ViewHarness::threeConversations());
         view.store().setUndoTimeout(100);
         view.store().deleteConversation(view.store().selectedIDText());
         QVERIFY(WindowDriver::shown(view.item("undoBar")));
         QVERIFY(view.waitFor([&] { return !WindowDriver::shown(view.item("undoBar")); }));
-        QCOMPARE(listedTitles(view).size(), 2);
+        QCOMPARE(view.listedTitles().size(), 2);
     }
 
     void aConversationBeingAnsweredOffersNoDelete()
     {
-        ViewHarness view(FakeEngine::stateJson("m.gguf"), history());
+        ViewHarness view(FakeEngine::stateJson("m.gguf"), ViewHarness::threeConversations());
         QVERIFY(view.refresh());
         QVERIFY(view.startEndlessReply());
         rightClick(view, row(view, "Trip to Lisbon"));
@@ -242,31 +226,31 @@ private slots:
 
     void pinnedRowsLeadWithAPinAndSearchStillFindsEverything()
     {
-        ViewHarness view(FakeEngine::stateJson(), history());
+        ViewHarness view(FakeEngine::stateJson(), ViewHarness::threeConversations());
         QVERIFY(view.visibleItems("pinIcon").isEmpty());
         rightClick(view, row(view, "Taxes"));
         view.click(view.item("pinItem"));
-        QCOMPARE(listedTitles(view), (QStringList{"Taxes", "Trip to Lisbon", "Garden plans"}));
+        QCOMPARE(view.listedTitles(), (QStringList{"Taxes", "Trip to Lisbon", "Garden plans"}));
         QCOMPARE(view.visibleItems("pinIcon").size(), 1);
         rightClick(view, row(view, "Taxes"));
         QCOMPARE(WindowDriver::text(view.item("pinItem")), QStringLiteral("Unpin"));
         view.key(Qt::Key_Escape);
 
         view.typeInto(view.item("searchField"), QStringLiteral("a"));
-        QCOMPARE(listedTitles(view), (QStringList{"Taxes", "Trip to Lisbon", "Garden plans"}));
+        QCOMPARE(view.listedTitles(), (QStringList{"Taxes", "Trip to Lisbon", "Garden plans"}));
         view.item("searchField")->setProperty("text", QString());
         view.typeInto(view.item("searchField"), QStringLiteral("tomatoes"));
-        QCOMPARE(listedTitles(view), QStringList{"Garden plans"});
+        QCOMPARE(view.listedTitles(), QStringList{"Garden plans"});
         view.item("searchField")->setProperty("text", QString());
         view.typeInto(view.item("searchField"), QStringLiteral("april"));
-        QCOMPARE(listedTitles(view), QStringList{"Taxes"});
+        QCOMPARE(view.listedTitles(), QStringList{"Taxes"});
         QCOMPARE(view.visibleItems("pinIcon").size(), 1);
         view.item("searchField")->setProperty("text", QString());
         view.settle();
 
         rightClick(view, row(view, "Taxes"));
         view.click(view.item("pinItem"));
-        QCOMPARE(listedTitles(view), (QStringList{"Taxes", "Trip to Lisbon", "Garden plans"}));
+        QCOMPARE(view.listedTitles(), (QStringList{"Taxes", "Trip to Lisbon", "Garden plans"}));
         QVERIFY(view.visibleItems("pinIcon").isEmpty());
     }
 
@@ -274,7 +258,7 @@ private slots:
 
     void regenerateAsksForTheLastReplyAgain()
     {
-        ViewHarness view(FakeEngine::stateJson(), history());
+        ViewHarness view(FakeEngine::stateJson(), ViewHarness::threeConversations());
         QList<QQuickItem *> buttons = view.visibleItems("regenerateButton");
         QCOMPARE(buttons.size(), 1);
         QVERIFY(!buttons.first()->isEnabled()); // no model
@@ -297,7 +281,7 @@ private slots:
 
     void editPutsTheQuestionInTheComposerAndSendingReplacesIt()
     {
-        ViewHarness view(FakeEngine::stateJson("m.gguf"), history());
+        ViewHarness view(FakeEngine::stateJson("m.gguf"), ViewHarness::threeConversations());
         QVERIFY(view.refresh());
         const QList<QQuickItem *> edits = view.visibleItems("editButton");
         QCOMPARE(edits.size(), 1);
@@ -337,7 +321,7 @@ private slots:
 
     void theLibraryKeepsTheDefaultSystemPrompt()
     {
-        ViewHarness view(FakeEngine::stateJson("m.gguf"), history());
+        ViewHarness view(FakeEngine::stateJson("m.gguf"), ViewHarness::threeConversations());
         QVERIFY(view.refresh());
         view.store().setShowLibrary(true);
         view.settle();
@@ -361,7 +345,7 @@ private slots:
     void theHeaderEditsTheConversationsOwnPrompt()
     {
         QSettings().setValue("systemPrompt", "Default prompt");
-        ViewHarness view(FakeEngine::stateJson("m.gguf"), history());
+        ViewHarness view(FakeEngine::stateJson("m.gguf"), ViewHarness::threeConversations());
         QVERIFY(view.refresh());
         view.click(view.item("systemPromptButton"));
         QObject *editor = view.object("systemPromptEditor");
@@ -393,7 +377,7 @@ private slots:
 
     void theWindowShortcutsAct()
     {
-        ViewHarness view(FakeEngine::stateJson(), history());
+        ViewHarness view(FakeEngine::stateJson(), ViewHarness::threeConversations());
         auto chooser = std::make_shared<ScriptedFileChooser>();
         view.store().setFileChooser(chooser);
 
@@ -407,7 +391,7 @@ private slots:
         QVERIFY(view.item("searchField")->hasActiveFocus());
 
         view.key(Qt::Key_N, Qt::ControlModifier);
-        QCOMPARE(listedTitles(view).first(), QStringLiteral("New conversation"));
+        QCOMPARE(view.listedTitles().first(), QStringLiteral("New conversation"));
         QCOMPARE(view.store().conversations().size(), 4);
         QVERIFY(view.item("promptField")->hasActiveFocus());
 
@@ -443,7 +427,7 @@ private slots:
 
     void screenshots()
     {
-        ViewHarness view(FakeEngine::stateJson("m.gguf"), history());
+        ViewHarness view(FakeEngine::stateJson("m.gguf"), ViewHarness::threeConversations());
         QVERIFY(view.refresh());
         view.store().setPinned(uuidText(view.store().conversations().at(2).id), true);
         for (const QString &appearance : {QStringLiteral("light"), QStringLiteral("dark")}) {
