@@ -455,6 +455,12 @@ private slots:
             view.key(Qt::Key_Escape);
             view.store().clearSystemOverride();
 
+            view.store().beginEdit(uuidText(view.store().messages().first().id));
+            view.settle();
+            QVERIFY(WindowDriver::shown(view.item("editingChip")));
+            view.saveScreenshot(QStringLiteral("editing-") + appearance);
+            view.store().cancelEdit();
+
             QVERIFY(QMetaObject::invokeMethod(view.window()->findChild<QObject *>("shortcutsItem"), "triggered"));
             view.saveScreenshot(QStringLiteral("shortcuts-") + appearance);
             view.click(view.item("shortcutsDoneButton"));
