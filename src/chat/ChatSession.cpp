@@ -141,31 +141,51 @@ bool ChatSession::modelCanAnswer() const
     return !m_generating && !m_library.loading() && m_engine.hasLoadedModel();
 }
 
-std::optional<QString> ChatSession::questionText() const
+std::optional<ChatMessage> ChatSession::draftQuestion() const
 {
     const QString trimmed = m_prompt.trimmed();
     if (trimmed.isEmpty() && !m_attachment)
         return std::nullopt;
-    return trimmed.isEmpty() ? QStringLiteral("Describe this image.") : trimmed;
+    ChatMessage question;
+    question.role = QStringLiteral("user");
+    question.text = trimmed.isEmpty() ? QStringLiteral("Describe this image.") : trimmed;
+    question.image = m_attachment;
+    return question;
+}
+
+QJsonArray ChatSession::requestMessages(const QList<ChatMessage> &messages)
+{
+    QJsonArray payloads;
+    for (const ChatMessage &message : messages)
+        payloads.append(message.payload());
+    return payloads;
+}
+
+QJsonArray ChatSession::sentMessages(const QList<ChatMessage> &messages) const
+{
+    // The system prompt, when there is one, goes first; it is not part of the history.
+    QJsonArray payloads;
+    const Conversation *conversation = m_conversations.selected();
+    const QString system = conversation ? systemPromptFor(*conversation) : QString();
+    if (!system.trimmed().isEmpty())
+        payloads.append(ChatMessage{QUuid(), QStringLiteral("system"), system, std::nullopt}.payload());
+    for (const QJsonValue &payload : requestMessages(messages))
+        payloads.append(payload);
+    return payloads;
 }
 
 void ChatSession::send()
 {
     if (!modelCanAnswer())
         return;
-    const auto text = questionText();
-    if (!text)
+    const auto question = draftQuestion();
+    if (!question)
         return;
-
-    ChatMessage question;
-    question.role = QStringLiteral("user");
-    question.text = *text;
-    question.image = m_attachment;
     ChatMessage answer;
     answer.role = QStringLiteral("assistant");
 
     if (m_editedQuestion) {
-        const auto asked = m_conversations.resend(*m_editedQuestion, question, answer);
+        const auto asked = m_conversations.resend(*m_editedQuestion, *question, answer);
         if (!asked) {
             // The question is gone; what was typed stays in the composer.
             endEdit(false);
@@ -177,7 +197,7 @@ void ChatSession::send()
         return;
     }
 
-    const auto asked = m_conversations.ask(question, answer, Conversation::titleFor(*text));
+    const auto asked = m_conversations.ask(*question, answer, Conversation::titleFor(question->text));
     if (!asked)
         return;
     setPrompt(QString());
@@ -197,32 +217,33 @@ void ChatSession::regenerate()
     startReply(*asked, answer.id);
 }
 
-void ChatSession::startReply(const QList<ChatMessage> &messages, const QUuid &answerID)
+void ChatSession::startReply(const QList<ChatMessage> &asked, const QUuid &answerID)
 {
-    m_replyingConversation = m_conversations.selectedID();
+    const std::optional<QUuid> conversationID = m_conversations.selectedID();
+    if (!conversationID)
+        return;
+    m_replyingConversation = conversationID;
     setGenerating(true);
     emit errorCleared();
-    startExchange(messages, answerID);
+    startExchange(asked, *conversationID, answerID);
 }
 
-void ChatSession::startExchange(const QList<ChatMessage> &messages, const QUuid &answerID)
+void ChatSession::startExchange(const QList<ChatMessage> &asked, const QUuid &conversationID, const QUuid &answerID)
 {
-    // The system prompt, when there is one, goes first; it is not part of the history.
-    QJsonArray payloads;
-    const Conversation *conversation = m_conversations.selected();
-    const QString system = conversation ? systemPromptFor(*conversation) : QString();
-    if (!system.trimmed().isEmpty())
-        payloads.append(ChatMessage{QUuid(), QStringLiteral("system"), system, std::nullopt}.payload());
-    for (const ChatMessage &message : messages)
-        payloads.append(message.payload());
-
-    auto *exchange = new ChatExchange(&m_engine.client(), payloads, this);
+    auto *exchange = new ChatExchange(&m_engine.client(), sentMessages(asked), this);
     connect(exchange, &ChatExchange::replyGrew, this, [this, answerID](const QString &piece, const QString &reply) {
         m_conversations.extendAssistant(answerID, piece, reply);
     });
     connect(exchange, &ChatExchange::replyReplaced, this,
             [this, answerID](const QString &text) { m_conversations.updateAssistant(answerID, text); });
     connect(exchange, &ChatExchange::failed, this, &ChatSession::errorRaised);
+    connect(exchange, &ChatExchange::contextReported, this, [this, asked, conversationID](const ContextUse &use) {
+        // The messages left out are the earliest; the model saw from the next one on.
+        const QUuid firstSeen = use.droppedMessages > 0 && use.droppedMessages < asked.size()
+            ? asked.at(static_cast<qsizetype>(use.droppedMessages)).id
+            : QUuid();
+        emit replyContextReported(conversationID, use, firstSeen);
+    });
     // Every exchange ends by saving the history and fetching the figures of its run.
     connect(exchange, &ChatExchange::ended, this, [this] {
         m_replyingConversation.reset();

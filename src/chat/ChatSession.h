@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ChatExchange.h"
+#include "model/ChatMessage.h"
 
 #include <QList>
 #include <QObject>
@@ -57,6 +58,15 @@ public:
     // Whether a reply can be asked for again: the same rules as sending, less the draft.
     bool canRegenerate() const;
 
+    // The question send() would add now: the trimmed draft, with the image; nothing
+    // when there is neither text nor image.
+    std::optional<ChatMessage> draftQuestion() const;
+    // The chat request's messages for these messages of a conversation.
+    static QJsonArray requestMessages(const QList<ChatMessage> &messages);
+    // The same for the selected conversation, after its system prompt when it has one:
+    // what a reply, or a count of the context, sends.
+    QJsonArray sentMessages(const QList<ChatMessage> &messages) const;
+
     void send();
     void stop();
     // What the send/stop control does.
@@ -90,6 +100,10 @@ signals:
     void canSendChanged();
     void canRegenerateChanged();
     void editingChanged();
+    // A reply's last chunk told how much of the context that conversation takes;
+    // firstSeen is the earliest message the model still saw when earlier ones were left
+    // out, and null otherwise.
+    void replyContextReported(const QUuid &conversationID, const ContextUse &use, const QUuid &firstSeen);
     void errorRaised(const QString &message);
     void errorCleared();
 
@@ -101,14 +115,11 @@ private:
 
     void followCanSend();
     void followCanRegenerate();
-    // The trimmed prompt, "Describe this image." for an image alone, or nothing when
-    // there is nothing to send.
-    std::optional<QString> questionText() const;
     bool modelCanAnswer() const;
     void endEdit(bool restoreDraft);
     // Sets generating and starts the exchange for the selected conversation's answer.
-    void startReply(const QList<ChatMessage> &messages, const QUuid &answerID);
-    void startExchange(const QList<ChatMessage> &messages, const QUuid &answerID);
+    void startReply(const QList<ChatMessage> &asked, const QUuid &answerID);
+    void startExchange(const QList<ChatMessage> &asked, const QUuid &conversationID, const QUuid &answerID);
 
     EngineConnection &m_engine;
     Conversations &m_conversations;

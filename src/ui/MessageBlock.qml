@@ -5,8 +5,9 @@ import QtQuick.Layouts
 
 // One message: a caption, the picture if it has one, and the selectable text. The
 // user's messages sit on the raised fill and can be edited; the assistant's have a copy
-// button, and the last one a button that asks for it again.
-Rectangle {
+// button, and the last one a button that asks for it again. Above the first message
+// the model still saw, a divider says that earlier ones were left out.
+Item {
     id: block
 
     required property int index
@@ -18,16 +19,31 @@ Rectangle {
     required property bool hasText
 
     objectName: "messageBlock"
-    implicitHeight: column.implicitHeight + 40
-    radius: 14
-    color: isUser ? Theme.raisedFill : "transparent"
+    implicitHeight: fill.y + column.implicitHeight + 40
+
+    ContextDivider {
+        id: divider
+        visible: Store.contextStartID === block.messageId
+        width: block.width
+        y: 6
+    }
+
+    Rectangle {
+        id: fill
+        objectName: "messageFill"
+        y: divider.visible ? divider.height + 20 : 0
+        width: block.width
+        height: column.implicitHeight + 40
+        radius: 14
+        color: block.isUser ? Theme.raisedFill : "transparent"
+    }
 
     // A plain column, not a layout: a layout reads the text's implicit width, and a
     // TextEdit then lays its whole document out twice on every change.
     Column {
         id: column
         x: 20
-        y: 20
+        y: fill.y + 20
         width: block.width - 40
         spacing: 10
 

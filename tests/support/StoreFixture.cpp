@@ -9,7 +9,8 @@
 
 StoreFixture::StoreFixture(const QByteArray &state, Engine engine) : m_connect(engine == Engine::StandIn)
 {
-    // Every fixture starts as a fresh install; a restart keeps what was set.
+    // Settings are located once per process, so they get one folder for the whole run,
+    // emptied for each fixture as on a fresh install; a restart keeps what was set.
     TestHome::isolateSettings();
     QSettings().clear();
     if (m_connect) {
