@@ -141,7 +141,15 @@ QByteArray encode(const QList<Conversation> &conversations)
             }
             out.append('}');
         }
-        out.append("]}");
+        out.append(']');
+        // Written only when set, so a history without them reads as it always has.
+        if (conversation.pinned)
+            out.append(",\"pinned\":true");
+        if (conversation.system) {
+            out.append(",\"system\":");
+            appendJsonString(out, *conversation.system);
+        }
+        out.append('}');
     }
     out.append(']');
     return out;

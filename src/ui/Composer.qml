@@ -4,14 +4,29 @@ import QtQuick.Controls
 import QtQuick.Layouts
 
 // The input card: a notice when the draft would push earlier messages out of the
-// model's context, the attachment chip, the attach button, the growing prompt field and
-// the send/stop button. Return sends, Shift+Return starts a new line, Ctrl+Return sends
-// or stops.
+// model's context, the editing and attachment chips, the attach button, the growing
+// prompt field and the send/stop button. Return sends, Shift+Return starts a new line,
+// Ctrl+Return sends or stops; Up in an empty field edits the last question and Escape
+// leaves an edit.
 Item {
     id: composer
     objectName: "composer"
 
     implicitHeight: card.implicitHeight + 12
+
+    function focusPrompt() {
+        promptField.forceActiveFocus()
+        promptField.cursorPosition = promptField.length
+    }
+
+    // A question put back for editing is ready to type in.
+    Connections {
+        target: Store
+        function onEditingChanged() {
+            if (Store.editing)
+                composer.focusPrompt()
+        }
+    }
 
     Shortcut {
         sequences: ["Ctrl+Return", "Ctrl+Enter"]
@@ -50,6 +65,43 @@ Item {
                 maximumLineCount: 1
                 font.pixelSize: 11
                 color: Theme.orange
+            }
+
+            RowLayout {
+                objectName: "editingChip"
+                visible: Store.editing
+                Layout.fillWidth: true
+                spacing: 6
+
+                Icon {
+                    name: "pencil"
+                    size: 14
+                    color: Theme.accent
+                }
+                Label {
+                    text: "Editing your message"
+                    font.pixelSize: 11
+                    font.weight: Font.Medium
+                    color: Theme.primary
+                }
+                Label {
+                    Layout.leftMargin: 4
+                    text: "Sending replaces it and the replies after it"
+                    font.pixelSize: 11
+                    color: Theme.secondary
+                    elide: Text.ElideRight
+                    Layout.fillWidth: true
+                }
+                IconButton {
+                    objectName: "cancelEditButton"
+                    symbol: "xmark.circle.fill"
+                    symbolSize: 15
+                    symbolColor: Theme.secondary
+                    implicitWidth: 22
+                    implicitHeight: 22
+                    help: "Stop editing"
+                    onClicked: Store.cancelEdit()
+                }
             }
 
             RowLayout {
@@ -144,6 +196,13 @@ Item {
                                 event.accepted = true
                                 const forward = event.key === Qt.Key_Tab && !(event.modifiers & Qt.ShiftModifier)
                                 nextItemInFocusChain(forward).forceActiveFocus(forward ? Qt.TabFocusReason : Qt.BacktabFocusReason)
+                            } else if (event.key === Qt.Key_Up && event.modifiers === Qt.NoModifier
+                                       && length === 0 && !Store.editing) {
+                                event.accepted = true
+                                Store.editLastQuestion()
+                            } else if (event.key === Qt.Key_Escape && Store.editing) {
+                                event.accepted = true
+                                Store.cancelEdit()
                             } else if (event.key === Qt.Key_Return || event.key === Qt.Key_Enter) {
                                 if (event.modifiers & Qt.ShiftModifier)
                                     return

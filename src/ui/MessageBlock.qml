@@ -4,8 +4,9 @@ import QtQuick.Controls
 import QtQuick.Layouts
 
 // One message: a caption, the picture if it has one, and the selectable text. The
-// user's messages sit on the raised fill; the assistant's have a copy button. Above the
-// first message the model still saw, a divider says that earlier ones were left out.
+// user's messages sit on the raised fill and can be edited; the assistant's have a copy
+// button, and the last one a button that asks for it again. Above the first message
+// the model still saw, a divider says that earlier ones were left out.
 Item {
     id: block
 
@@ -59,6 +60,31 @@ Item {
             }
             Item {
                 Layout.fillWidth: true
+            }
+            IconButton {
+                objectName: "editButton"
+                visible: block.isUser
+                enabled: !Store.generating
+                symbol: "pencil"
+                symbolSize: 13
+                symbolColor: Theme.secondary
+                implicitWidth: 24
+                implicitHeight: 20
+                help: "Edit"
+                onClicked: Store.beginEdit(block.messageId)
+            }
+            IconButton {
+                objectName: "regenerateButton"
+                // The last reply, when it answers something.
+                visible: block.role === "assistant" && block.index > 0 && block.index === Store.messageList.count - 1
+                enabled: Store.canRegenerate
+                symbol: "arrow.clockwise"
+                symbolSize: 14
+                symbolColor: Theme.secondary
+                implicitWidth: 24
+                implicitHeight: 20
+                help: "Regenerate"
+                onClicked: Store.regenerate()
             }
             IconButton {
                 objectName: "copyButton"
