@@ -4,6 +4,8 @@
 #include "EngineFailure.h"
 #include "FileChooser.h"
 #include "chat/ChatSession.h"
+#include "chat/ContextMeter.h"
+#include "chat/ConversationExport.h"
 #include "chat/Conversations.h"
 #include "library/ModelLibrary.h"
 #include "model/Conversation.h"
@@ -20,6 +22,7 @@
 #include <memory>
 #include <optional>
 
+class ContextChoiceListModel;
 class ConversationListModel;
 class DownloadListModel;
 class LocalModelListModel;
@@ -38,6 +41,7 @@ class EngineStore : public QObject {
     Q_MOC_INCLUDE("chat/MessageListModel.h")
     Q_MOC_INCLUDE("library/LocalModelListModel.h")
     Q_MOC_INCLUDE("library/DownloadListModel.h")
+    Q_MOC_INCLUDE("library/ContextChoiceListModel.h")
 
     Q_PROPERTY(QVariant state READ stateValue NOTIFY stateChanged)
     Q_PROPERTY(bool ready READ ready NOTIFY readyChanged)
@@ -51,6 +55,10 @@ class EngineStore : public QObject {
     Q_PROPERTY(bool showLibrary READ showLibrary WRITE setShowLibrary NOTIFY showLibraryChanged)
     Q_PROPERTY(double temperature READ temperature WRITE setTemperature NOTIFY temperatureChanged)
     Q_PROPERTY(int tokenLimit READ tokenLimit WRITE setTokenLimit NOTIFY tokenLimitChanged)
+    Q_PROPERTY(QString defaultSystemPrompt READ defaultSystemPrompt WRITE setDefaultSystemPrompt NOTIFY
+                   defaultSystemPromptChanged)
+    // The context models load with, in tokens; 0 for each model's maximum.
+    Q_PROPERTY(int contextChoice READ contextChoice WRITE setContextChoice NOTIFY contextChoiceChanged)
 
     // Derived from the properties above.
     Q_PROPERTY(bool hasError READ hasError NOTIFY errorChanged)
@@ -67,12 +75,38 @@ class EngineStore : public QObject {
     Q_PROPERTY(bool canSend READ canSend NOTIFY canSendChanged)
     Q_PROPERTY(bool canChangeModel READ canChangeModel NOTIFY canChangeModelChanged)
     Q_PROPERTY(QString dataFolder READ dataFolder CONSTANT)
+    // The selected conversation's system prompt as it is sent, and whether it is the
+    // conversation's own rather than the default.
+    Q_PROPERTY(QString systemPrompt READ systemPrompt NOTIFY systemPromptChanged)
+    Q_PROPERTY(bool hasSystemOverride READ hasSystemOverride NOTIFY systemPromptChanged)
+    // The conversation a reply is being written into; empty when none is.
+    Q_PROPERTY(QString replyingID READ replyingIDText NOTIFY generatingChanged)
+    Q_PROPERTY(bool canRegenerate READ canRegenerate NOTIFY canRegenerateChanged)
+    // The composer holds a question being edited.
+    Q_PROPERTY(bool editing READ editing NOTIFY editingChanged)
+    // The deletion or edit that can still be taken back, and what the undo bar says.
+    Q_PROPERTY(bool canUndo READ canUndo NOTIFY undoChanged)
+    Q_PROPERTY(QString undoText READ undoText NOTIFY undoChanged)
+    // The context picker's row for contextChoice.
+    Q_PROPERTY(int contextChoiceIndex READ contextChoiceIndex NOTIFY contextChoiceChanged)
+    // The footer's meter of the selected conversation's use of the context: shown with
+    // a model and once counted; its level is "comfortable", "nearlyFull" (80 % and
+    // more) or "overflowing" (earlier messages are left out).
+    Q_PROPERTY(bool contextMeterShown READ contextMeterShown NOTIFY contextMeterChanged)
+    Q_PROPERTY(QString contextMeterText READ contextMeterText NOTIFY contextMeterChanged)
+    Q_PROPERTY(QString contextMeterLevel READ contextMeterLevel NOTIFY contextMeterChanged)
+    // The earliest message of the selected conversation that the model saw in its last
+    // reply, when earlier ones were left out; empty otherwise.
+    Q_PROPERTY(QString contextStartID READ contextStartID NOTIFY contextMeterChanged)
+    // Sending the draft would leave out earlier messages.
+    Q_PROPERTY(bool draftBeyondContext READ draftBeyondContext NOTIFY contextMeterChanged)
 
     // List views of the same data, updated row by row.
     Q_PROPERTY(ConversationListModel *conversationList READ conversationList CONSTANT)
     Q_PROPERTY(MessageListModel *messageList READ messageList CONSTANT)
     Q_PROPERTY(LocalModelListModel *modelList READ modelList CONSTANT)
     Q_PROPERTY(DownloadListModel *downloadList READ downloadList CONSTANT)
+    Q_PROPERTY(ContextChoiceListModel *contextChoices READ contextChoices CONSTANT)
 
 public:
     explicit EngineStore(QObject *parent = nullptr);
@@ -82,6 +116,7 @@ public:
     EngineConnection &engine() const { return *m_engine; }
     ChatSession &chat() const { return *m_chat; }
     ModelLibrary &library() const { return *m_library; }
+    ContextMeter &contextMeter() const { return *m_contextMeter; }
 
     // --- published state -------------------------------------------------------------
     const std::optional<EngineState> &state() const { return m_engine->state(); }
@@ -104,6 +139,8 @@ public:
     bool showLibrary() const { return m_showLibrary; }
     double temperature() const { return m_chat->temperature(); }
     int tokenLimit() const { return m_chat->tokenLimit(); }
+    QString defaultSystemPrompt() const { return m_chat->defaultSystemPrompt(); }
+    int contextChoice() const { return m_library->contextChoice(); }
 
     // What the views and the shell may set.
     void setError(const std::optional<QString> &error);
@@ -118,6 +155,10 @@ public:
     void setShowLibrary(bool show);
     void setTemperature(double temperature) { m_chat->setTemperature(temperature); }
     void setTokenLimit(int tokenLimit) { m_chat->setTokenLimit(tokenLimit); }
+    void setDefaultSystemPrompt(const QString &text) { m_chat->setDefaultSystemPrompt(text); }
+    void setContextChoice(int tokens) { m_library->setContextChoice(tokens); }
+    // A pick in the context picker, by row.
+    Q_INVOKABLE void chooseContext(int row);
 
     // --- computed ----------------------------------------------------------------------
     bool hasLoadedModel() const { return m_engine->hasLoadedModel(); }
@@ -130,6 +171,19 @@ public:
     QList<ChatMessage> messages() const { return m_conversations->messages(); }
     bool canSend() const { return m_chat->canSend(); }
     bool canChangeModel() const { return m_library->canChangeModel(); }
+    bool canRegenerate() const { return m_chat->canRegenerate(); }
+    bool editing() const { return m_chat->editing(); }
+    QString systemPrompt() const;
+    bool hasSystemOverride() const;
+    QString replyingIDText() const;
+    bool canUndo() const;
+    QString undoText() const;
+    int contextChoiceIndex() const;
+    bool contextMeterShown() const { return m_contextMeter->shown(); }
+    QString contextMeterText() const { return m_contextMeter->text(); }
+    QString contextMeterLevel() const;
+    QString contextStartID() const;
+    bool draftBeyondContext() const { return m_contextMeter->draftBeyondContext(); }
     // Index of the selected conversation in conversations(), or -1.
     int selectedIndex() const { return m_conversations->selectedIndex(); }
 
@@ -145,6 +199,7 @@ public:
     MessageListModel *messageList() const { return m_conversations->messageList(); }
     LocalModelListModel *modelList() const { return m_library->modelList(); }
     DownloadListModel *downloadList() const { return m_library->downloadList(); }
+    ContextChoiceListModel *contextChoices() const { return m_library->contextChoices(); }
 
     void setOnStatusChange(std::function<void()> callback) { m_onStatusChange = std::move(callback); }
     void setFileChooser(std::shared_ptr<FileChooser> chooser) { m_fileChooser = std::move(chooser); }
@@ -173,8 +228,32 @@ public:
     Q_INVOKABLE void save() { m_conversations->save(); }
     Q_INVOKABLE void attachImage() { m_chat->attachImage(m_fileChooser.get()); }
     Q_INVOKABLE void exportChat();
-    // The export text of the selected conversation.
+    // The export text of the selected conversation, plain and as Markdown.
     QString exportText() const;
+    QString exportMarkdown() const;
+    // The text of the selected conversation's last reply, for copying; empty when it
+    // has none.
+    Q_INVOKABLE QString lastReplyText() const;
+    Q_INVOKABLE void regenerate() { m_chat->regenerate(); }
+
+    // --- managing conversations ---------------------------------------------------------
+    // Each takes a conversation's id as the views know it (uuidText) and saves at once.
+    Q_INVOKABLE void renameConversation(const QString &id, const QString &title);
+    // Not while its reply is being written; the deletion can be taken back for a while.
+    Q_INVOKABLE void deleteConversation(const QString &id);
+    Q_INVOKABLE void setPinned(const QString &id, bool pinned);
+    // The selected conversation's own system prompt, and back to the default.
+    Q_INVOKABLE void setSystemOverride(const QString &text);
+    Q_INVOKABLE void clearSystemOverride();
+    Q_INVOKABLE void undo() { m_chat->undo(); }
+    Q_INVOKABLE void dismissUndo();
+    // How long a deletion or an edit can be taken back.
+    void setUndoTimeout(int milliseconds);
+
+    // --- editing a question -------------------------------------------------------------
+    Q_INVOKABLE void beginEdit(const QString &messageId);
+    Q_INVOKABLE void editLastQuestion() { m_chat->editLastQuestion(); }
+    Q_INVOKABLE void cancelEdit() { m_chat->cancelEdit(); }
 
     // --- model library -----------------------------------------------------------------
     Q_INVOKABLE void load(const QString &name) { m_library->load(name); }
@@ -196,11 +275,20 @@ signals:
     void showLibraryChanged();
     void temperatureChanged();
     void tokenLimitChanged();
+    void defaultSystemPromptChanged();
+    void systemPromptChanged();
+    void canRegenerateChanged();
+    void editingChanged();
+    void undoChanged();
+    void contextChoiceChanged();
+    void contextMeterChanged();
     void canSendChanged();
     void canChangeModelChanged();
 
 private:
     void connectCollaborators();
+    // The selected conversation as the export writes it.
+    ConversationExport::Content exported() const;
 
     std::optional<QString> m_error;
     bool m_showLibrary = false;
@@ -213,4 +301,5 @@ private:
     Conversations *m_conversations;
     ModelLibrary *m_library;
     ChatSession *m_chat;
+    ContextMeter *m_contextMeter;
 };

@@ -4,8 +4,10 @@ import QtQuick.Controls
 import QtQuick.Layouts
 
 // One message: a caption, the picture if it has one, and the selectable text. The
-// user's messages sit on the raised fill; the assistant's have a copy button.
-Rectangle {
+// user's messages sit on the raised fill and can be edited; the assistant's have a copy
+// button, and the last one a button that asks for it again. Above the first message
+// the model still saw, a divider says that earlier ones were left out.
+Item {
     id: block
 
     required property int index
@@ -17,16 +19,31 @@ Rectangle {
     required property bool hasText
 
     objectName: "messageBlock"
-    implicitHeight: column.implicitHeight + 40
-    radius: 14
-    color: isUser ? Theme.raisedFill : "transparent"
+    implicitHeight: fill.y + column.implicitHeight + 40
+
+    ContextDivider {
+        id: divider
+        visible: Store.contextStartID === block.messageId
+        width: block.width
+        y: 6
+    }
+
+    Rectangle {
+        id: fill
+        objectName: "messageFill"
+        y: divider.visible ? divider.height + 20 : 0
+        width: block.width
+        height: column.implicitHeight + 40
+        radius: 14
+        color: block.isUser ? Theme.raisedFill : "transparent"
+    }
 
     // A plain column, not a layout: a layout reads the text's implicit width, and a
     // TextEdit then lays its whole document out twice on every change.
     Column {
         id: column
         x: 20
-        y: 20
+        y: fill.y + 20
         width: block.width - 40
         spacing: 10
 
@@ -43,6 +60,31 @@ Rectangle {
             }
             Item {
                 Layout.fillWidth: true
+            }
+            IconButton {
+                objectName: "editButton"
+                visible: block.isUser
+                enabled: !Store.generating
+                symbol: "pencil"
+                symbolSize: 13
+                symbolColor: Theme.secondary
+                implicitWidth: 24
+                implicitHeight: 20
+                help: "Edit"
+                onClicked: Store.beginEdit(block.messageId)
+            }
+            IconButton {
+                objectName: "regenerateButton"
+                // The last reply, when it answers something.
+                visible: block.role === "assistant" && block.index > 0 && block.index === Store.messageList.count - 1
+                enabled: Store.canRegenerate
+                symbol: "arrow.clockwise"
+                symbolSize: 14
+                symbolColor: Theme.secondary
+                implicitWidth: 24
+                implicitHeight: 20
+                help: "Regenerate"
+                onClicked: Store.regenerate()
             }
             IconButton {
                 objectName: "copyButton"
@@ -75,6 +117,11 @@ Rectangle {
         TextEdit {
             id: body
             objectName: "messageText"
+            // Tab reaches each message; a screen reader says who wrote it, then the text.
+            activeFocusOnTab: true
+            Accessible.name: block.isUser ? "You" : "Vorn"
+            Accessible.role: Accessible.EditableText
+            Accessible.readOnly: true
             visible: block.hasText || !Store.generating
             width: column.width
             textFormat: TextEdit.PlainText

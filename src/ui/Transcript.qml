@@ -90,6 +90,27 @@ Item {
         }
     }
 
+    // A message the keyboard moves to scrolls into view when none of it shows; a click
+    // lands on what already shows, so it never scrolls.
+    Connections {
+        target: transcript.Window.window
+        function onActiveFocusItemChanged() {
+            const item = transcript.Window.activeFocusItem
+            if (!item || transcript.empty)
+                return
+            let inside = false
+            for (let parent = item.parent; parent && !inside; parent = parent.parent)
+                inside = parent === blocks
+            if (!inside)
+                return
+            const top = item.mapToItem(messages.contentItem, 0, 0).y
+            if (top + item.height > messages.contentY && top < messages.contentY + messages.height)
+                return
+            transcript.followingEnd = false
+            messages.contentY = Math.max(0, Math.min(messages.contentHeight - messages.height, top - 24))
+        }
+    }
+
     Connections {
         target: Store.messageList
         // Many text changes in one turn of the event loop scroll once.

@@ -3,11 +3,16 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSettings>
 #include <QTest>
 #include <optional>
 
 StoreFixture::StoreFixture(const QByteArray &state, Engine engine) : m_connect(engine == Engine::StandIn)
 {
+    // Settings are located once per process, so they get one folder for the whole run,
+    // emptied for each fixture as on a fresh install; a restart keeps what was set.
+    TestHome::isolateSettings();
+    QSettings().clear();
     if (m_connect) {
         if (!this->engine.listen())
             qFatal("The stand-in engine could not listen");

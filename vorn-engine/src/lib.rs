@@ -4,8 +4,8 @@
 pub mod cpu_backend;
 pub mod download;
 pub mod engine;
-mod ffi;
 pub mod gguf;
+pub mod llama;
 pub mod names;
 pub mod prompt;
 pub mod security;

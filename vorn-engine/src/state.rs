@@ -20,6 +20,10 @@ pub struct RunMetrics {
     pub ttft_ms: f64,
     /// Images whose encoding was done ahead of time by /api/encode.
     pub reused_images: i64,
+    /// Images decoded into pixels for this request; one the engine still
+    /// held from an earlier request (an earlier turn, /api/encode) counts
+    /// nothing.
+    pub decoded_images: i64,
     /// The context in use and the messages left out to fit it.
     pub context_size: i64,
     pub dropped_messages: i64,

@@ -526,10 +526,15 @@ fn images_count_the_tokens_their_embeddings_take() {
     let (usage, context) = reply_figures(&e, &with_image);
     assert_eq!(usage["prompt_tokens"], tokens);
     assert_eq!(context, json!({"size": 2048, "dropped_messages": 0}));
+    // The count decoded the image; the reply found its pixels.
     let last = &e.state()["last"];
     assert_eq!(
-        (&last["evaluated_tokens"], &last["reused_images"]),
-        (&json!(tokens), &json!(0)),
+        (
+            &last["evaluated_tokens"],
+            &last["reused_images"],
+            &last["decoded_images"]
+        ),
+        (&json!(tokens), &json!(0), &json!(0)),
         "{last}"
     );
     // A broken image is refused as in chat.

@@ -375,6 +375,43 @@ async fn bodies_above_the_limit_are_refused() {
 }
 
 #[tokio::test]
+async fn bodies_arriving_in_pieces_are_read_whole() {
+    let app = TestApp::shared();
+    // A chat with an image, streamed without a length in pieces that cut
+    // through keys, escapes and the data URL.
+    let url = format!("data:image/png;base64,{}", "aGkh".repeat(5000));
+    let send = |url: String| async move {
+        let body = json!({"messages": [{"role": "user", "content": [
+            {"type": "image_url", "image_url": {"url": url}},
+            {"type": "text", "text": "What is \"this\"?\n"}
+        ]}], "max_tokens": 3})
+        .to_string();
+        let pieces: Vec<Result<bytes::Bytes, std::io::Error>> = body
+            .as_bytes()
+            .chunks(7)
+            .map(|piece| Ok(bytes::Bytes::copy_from_slice(piece)))
+            .collect();
+        let request = Request::builder()
+            .method("POST")
+            .uri("/v1/chat/completions")
+            .header("host", HOST)
+            .header("x-vorn-app", "1")
+            .header("content-type", "application/json")
+            .body(Body::from_stream(futures_util::stream::iter(pieces)))
+            .unwrap();
+        app.send(request).await
+    };
+    // Read and checked to the end: only the missing model is left to refuse.
+    send(url.clone())
+        .await
+        .assert_error(409, "No model is loaded.");
+    // The URL was read whole: one bad character at its end is found.
+    send(format!("{url}@"))
+        .await
+        .assert_error(400, "The image data is not valid base64.");
+}
+
+#[tokio::test]
 async fn unknown_paths_and_methods() {
     let app = TestApp::shared();
     for path in ["/", "/nothing", "/v1/models", "/v1/chat/completions/"] {

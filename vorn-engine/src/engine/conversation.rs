@@ -3,16 +3,16 @@
 
 use super::session::Session;
 use super::{ChatMessage, ContextUse, CountRequest, Counted, EngineError, Image};
+use crate::llama::{Bitmap, Chunks};
 use crate::prompt::{common_prefix, common_suffix};
 use crate::template::reasoning::prompt_opens_reasoning;
 use crate::template::TemplateMessage;
-use llama_cpp_2::mtmd::{MtmdBitmap, MtmdInputChunks, MtmdInputText};
 use llama_cpp_2::token::LlamaToken;
 
 /// A tokenized prompt: plain tokens, or text and image chunks.
 pub(super) enum Prompt {
     Text(Vec<LlamaToken>),
-    Chunks(MtmdInputChunks),
+    Chunks(Chunks),
 }
 
 impl Prompt {
@@ -79,26 +79,18 @@ impl Session<'_> {
         if images.is_empty() {
             return Ok(Prompt::Text(self.tokenize_text(text)));
         }
-        let mut bitmaps = Vec::with_capacity(images.len());
+        let mut bitmaps: Vec<&Bitmap> = Vec::with_capacity(images.len());
         for image in images {
             bitmaps.push(self.bitmap(image)?);
         }
-        let bitmap_refs: Vec<&MtmdBitmap> = bitmaps.iter().map(|b| b.as_ref()).collect();
         let add_special = self.adds_bos(text);
         let projector = self
             .projector
             .as_ref()
             .ok_or(EngineError::ImagesNotAccepted)?;
         let chunks = projector
-            .tokenize(
-                MtmdInputText {
-                    text: text.to_string(),
-                    add_special,
-                    parse_special: true,
-                },
-                &bitmap_refs,
-            )
-            .map_err(|e| EngineError::ImagesNotPrepared(e.to_string()))?;
+            .tokenize(text, add_special, &bitmaps)
+            .map_err(|code| EngineError::ImagesNotPrepared(format!("llama.cpp code {code}")))?;
         Ok(Prompt::Chunks(chunks))
     }
 

@@ -55,13 +55,11 @@ pub enum EngineError {
     NoImageSupport,
     ImagesNotAccepted,
     ImageUndecodable,
-    ImageIdRefused,
     ImageNotPrepared(String),
     ImagesNotPrepared(String),
     ImageEncoderFailed(String),
     EncodingPanicked,
     NoProjector,
-    ImagesUnsupportedByBuild,
     /// mtmd's image evaluation returned this code.
     ImageEvaluationFailed(i32),
 
@@ -134,13 +132,11 @@ impl fmt::Display for EngineError {
             E::ImageUndecodable => f.write_str(
                 "The image could not be decoded (PNG, JPEG, GIF, BMP and similar formats are supported).",
             ),
-            E::ImageIdRefused => f.write_str("bad image id"),
             E::ImageNotPrepared(why) => write!(f, "The image could not be prepared: {why}"),
             E::ImagesNotPrepared(why) => write!(f, "The images could not be prepared: {why}"),
             E::ImageEncoderFailed(why) => write!(f, "The image encoder failed: {why}"),
             E::EncodingPanicked => f.write_str("The engine failed while encoding the image."),
             E::NoProjector => f.write_str("no projector"),
-            E::ImagesUnsupportedByBuild => f.write_str("This build cannot evaluate images."),
             E::ImageEvaluationFailed(code) => write!(f, "Image evaluation failed ({code})."),
             E::Template(why) => f.write_str(why),
             E::MessageTooLong => f.write_str("The message is too long for the model's context."),

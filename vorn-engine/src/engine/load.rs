@@ -4,16 +4,15 @@
 use super::session::Session;
 use super::{memory, probe, Command, EngineError, LoadRequest};
 use crate::gguf;
+use crate::llama::Model;
 use crate::state::{lock, Loaded, Shared};
 use llama_cpp_2::llama_backend::LlamaBackend;
-use llama_cpp_2::model::params::LlamaModelParams;
-use llama_cpp_2::model::LlamaModel;
 use std::panic::{catch_unwind, AssertUnwindSafe};
 use std::sync::{mpsc, Arc};
 use tokio::sync::oneshot;
 
 /// Layers asked for when offloading: more than any model has, so all of them.
-const ALL_LAYERS: u32 = 999;
+const ALL_LAYERS: i32 = 999;
 /// The smallest context a model gets.
 const MIN_CONTEXT: u32 = 64;
 
@@ -73,7 +72,7 @@ fn load_model(
     backend: &LlamaBackend,
     request: &LoadRequest,
     offload: bool,
-) -> Result<(LlamaModel, Option<u64>), EngineError> {
+) -> Result<(Model, Option<u64>), EngineError> {
     let name = &request.name;
     // Our own bounds-checked reader looks at the header before llama.cpp does.
     let header = gguf::read_file(&request.path).map_err(|e| EngineError::NotGguf {
@@ -90,16 +89,15 @@ fn load_model(
         reason,
     })?;
     let layers = if offload { ALL_LAYERS } else { 0 };
-    let params = LlamaModelParams::default().with_n_gpu_layers(layers);
     let loaded = catch_unwind(AssertUnwindSafe(|| {
-        LlamaModel::load_from_file(backend, &request.path, &params)
+        Model::load(backend, &request.path, layers)
     }));
     match loaded {
         Ok(Ok(model)) => Ok((model, header.kv_bytes_per_token())),
-        Ok(Err(e)) => Err(EngineError::LoadFailed {
+        Ok(Err(reason)) => Err(EngineError::LoadFailed {
             name: name.clone(),
             architecture: architecture(),
-            reason: e.to_string(),
+            reason,
         }),
         Err(_) => Err(EngineError::LoadPanicked { name: name.clone() }),
     }

@@ -10,7 +10,8 @@
 //! - `generate`: sampling a reply
 //! - `reply_text`: a reply's bytes into text, stop strings, reasoning
 //! - `turn_end`: the tokens that end the model's turn
-//! - `vision`: images, the encoder output cache and early encoding
+//! - `image`: an image as sent, decoded once for all its uses
+//! - `vision`: the projector, the encoder output cache and early encoding
 //! - `probe`: the child process that tries a file before the engine loads it
 //! - `threads`: how many CPU threads a model gets
 //! - `lru`: the eviction of the image caches
@@ -20,6 +21,7 @@
 mod conversation;
 mod error;
 mod generate;
+mod image;
 mod load;
 mod lru;
 mod memory;
@@ -33,6 +35,7 @@ mod vision;
 mod worker;
 
 pub use error::EngineError;
+pub use image::{Image, WeakImage};
 pub use probe::{probe_main, PROBE_FLAG};
 
 use crate::state::Shared;
@@ -52,13 +55,6 @@ pub struct LoadRequest {
     pub context_size: u32,
     /// The projector paired with the model: its file name and path.
     pub projector: Option<(String, PathBuf)>,
-}
-
-/// An image as sent, identified by the SHA-256 of its bytes.
-#[derive(Clone)]
-pub struct Image {
-    pub hash: String,
-    pub bytes: Arc<Vec<u8>>,
 }
 
 #[derive(Clone)]

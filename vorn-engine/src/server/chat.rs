@@ -1,7 +1,7 @@
 //! /v1/chat/completions: OpenAI-style chat, streamed or in one reply.
 
 use super::error::ApiError;
-use super::json::{Field, JsonBody, TextOr};
+use super::json::{parse, Field, JsonBytes, TextOr};
 use super::messages::{for_loaded_model, MessagesField};
 use super::stream;
 use super::App;
@@ -15,8 +15,9 @@ use serde::{Deserialize, Serialize};
 
 #[derive(Deserialize, Default)]
 #[serde(default)]
-pub(super) struct ChatBody {
-    messages: MessagesField,
+pub(super) struct ChatBody<'a> {
+    #[serde(borrow)]
+    messages: MessagesField<'a>,
     stream: Field<bool>,
     temperature: Field<f64>,
     top_p: Field<f64>,
@@ -26,7 +27,8 @@ pub(super) struct ChatBody {
     max_tokens: Field<u64>,
     max_completion_tokens: Field<u64>,
     /// One stop text or several.
-    stop: Field<TextOr<Vec<String>>>,
+    #[serde(borrow)]
+    stop: Field<TextOr<'a, Vec<String>>>,
 }
 
 /// A sampling number: any JSON number, or `default` when absent or null.
@@ -46,10 +48,9 @@ struct Settings {
     stop: Vec<String>,
 }
 
-impl ChatBody {
-    /// Checks the settings in a fixed order. The messages are left for
-    /// later, off the async threads, since they carry the images.
-    fn check(self) -> Result<(Settings, MessagesField), ApiError> {
+impl<'a> ChatBody<'a> {
+    /// Checks the settings in a fixed order; the messages come after them.
+    fn check(self) -> Result<(Settings, MessagesField<'a>), ApiError> {
         let ChatBody {
             messages,
             stream,
@@ -75,7 +76,7 @@ impl ChatBody {
         let max_tokens = reply_limit(max_tokens, max_completion_tokens)?;
         let stop = match stop.optional(ApiError::BadStop)? {
             None => Vec::new(),
-            Some(TextOr::Text(text)) => vec![text],
+            Some(TextOr::Text(text)) => vec![text.into_owned()],
             Some(TextOr::Other(texts)) => texts,
         };
         let settings = Settings {
@@ -109,12 +110,15 @@ pub(super) fn reply_limit(
         .map(|m| m.min(u32::MAX as u64) as u32))
 }
 
+fn read_chat(body: &[u8]) -> Result<(Settings, MessagesField<'_>), ApiError> {
+    parse::<ChatBody>(body)?.check()
+}
+
 pub(super) async fn chat(
     State(app): State<App>,
-    JsonBody(body): JsonBody<ChatBody>,
+    JsonBytes(body): JsonBytes,
 ) -> Result<Response, ApiError> {
-    let (settings, messages) = body.check()?;
-    let (messages, loaded) = for_loaded_model(&app, messages).await?;
+    let (settings, messages, loaded) = for_loaded_model(&app, body, read_chat).await?;
     let reply = app
         .engine
         .chat(ChatRequest {

@@ -3,7 +3,7 @@
 
 use super::chat::reply_limit;
 use super::error::ApiError;
-use super::json::{Field, JsonBody};
+use super::json::{parse, Field, JsonBytes};
 use super::messages::{for_loaded_model, MessagesField};
 use super::App;
 use crate::engine::CountRequest;
@@ -15,8 +15,9 @@ use serde::{Deserialize, Serialize};
 /// reply's token limit, which changes the room the prompt may take.
 #[derive(Deserialize, Default)]
 #[serde(default)]
-pub(super) struct CountBody {
-    messages: MessagesField,
+pub(super) struct CountBody<'a> {
+    #[serde(borrow)]
+    messages: MessagesField<'a>,
     max_tokens: Field<u64>,
     max_completion_tokens: Field<u64>,
 }
@@ -30,12 +31,18 @@ pub(super) struct CountReply {
     dropped_messages: usize,
 }
 
+/// The reply's token limit, checked before the messages.
+fn read_count(body: &[u8]) -> Result<(Option<u32>, MessagesField<'_>), ApiError> {
+    let body: CountBody = parse(body)?;
+    let max_tokens = reply_limit(body.max_tokens, body.max_completion_tokens)?;
+    Ok((max_tokens, body.messages))
+}
+
 pub(super) async fn count(
     State(app): State<App>,
-    JsonBody(body): JsonBody<CountBody>,
+    JsonBytes(body): JsonBytes,
 ) -> Result<Json<CountReply>, ApiError> {
-    let max_tokens = reply_limit(body.max_tokens, body.max_completion_tokens)?;
-    let (messages, _) = for_loaded_model(&app, body.messages).await?;
+    let (max_tokens, messages, _) = for_loaded_model(&app, body, read_count).await?;
     let counted = app
         .engine
         .count(CountRequest {

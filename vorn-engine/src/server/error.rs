@@ -107,7 +107,6 @@ impl ApiError {
                 E::NoModelLoaded | E::NoImageSupport => S::CONFLICT,
                 E::ImagesNotAccepted
                 | E::ImageUndecodable
-                | E::ImageIdRefused
                 | E::ImageNotPrepared(_)
                 | E::ImagesNotPrepared(_)
                 | E::NoProjector
@@ -129,7 +128,6 @@ impl ApiError {
                 | E::ContextTooLarge { .. }
                 | E::ImageEncoderFailed(_)
                 | E::EncodingPanicked
-                | E::ImagesUnsupportedByBuild
                 | E::ImageEvaluationFailed(_)
                 | E::Template(_)
                 | E::BatchRefused(_)

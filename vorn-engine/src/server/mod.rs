@@ -6,6 +6,7 @@
 //! - `models`: /api/state, /api/load, /api/unload
 //! - `pull`: /api/pull
 //! - `image`: data URLs and /api/encode
+//! - `image_cache`: images by the data URL they came in
 //! - `messages`, `chat`, `stream`: /v1/chat/completions
 //! - `count`: /api/count
 
@@ -14,6 +15,7 @@ mod count;
 mod error;
 mod guard;
 mod image;
+mod image_cache;
 mod json;
 mod messages;
 mod models;
@@ -30,6 +32,7 @@ use axum::extract::DefaultBodyLimit;
 use axum::middleware;
 use axum::routing::{get, post};
 use axum::Router;
+use image_cache::ImageCache;
 use std::path::PathBuf;
 use std::sync::atomic::Ordering;
 use std::sync::Arc;
@@ -40,6 +43,7 @@ pub struct App {
     shared: Arc<Shared>,
     engine: Engine,
     downloads: Downloader,
+    images: Arc<ImageCache>,
 }
 
 impl App {
@@ -49,6 +53,7 @@ impl App {
         App {
             engine: Engine::spawn(shared.clone()),
             downloads: Downloader::new(shared.clone()),
+            images: Arc::default(),
             shared,
         }
     }
