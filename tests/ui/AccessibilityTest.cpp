@@ -189,9 +189,9 @@ private slots:
                                   "New conversation", "Search conversations", "Greeting", "Model library", "Light",
                                   "Dark",
                                   // header
-                                  "Export conversation", "Models and generation settings",
-                                  // transcript: who speaks, the reply's copy button, then its text
-                                  "You", "Copy response", "Vorn",
+                                  "System prompt", "Export conversation", "Models and generation settings",
+                                  // transcript: each message's buttons, then its text
+                                  "Edit", "You", "Regenerate", "Copy response", "Vorn",
                                   // composer (Send is skipped while there is nothing to send)
                                   "Attach an image", "Ask Vorn"};
         QCOMPARE(tabStops(view), forward);
@@ -253,8 +253,10 @@ private slots:
 
         // Tab on from the sidebar's last control reaches the first one.
         view.item("appearanceDark")->forceActiveFocus(Qt::TabFocusReason);
+        view.key(Qt::Key_Tab); // system prompt
         view.key(Qt::Key_Tab); // export
         view.key(Qt::Key_Tab); // library
+        view.key(Qt::Key_Tab); // the first question's Edit
         view.key(Qt::Key_Tab);
         QCOMPARE(view.window()->activeFocusItem(), bodies.first());
         QVERIFY(showsAny(bodies.first()));
