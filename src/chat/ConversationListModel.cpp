@@ -105,3 +105,9 @@ void ConversationListModel::appendMessageText(int index, int messageIndex, const
     emit messageTextChanged(index, messageIndex);
     conversationChanged(index);
 }
+
+void ConversationListModel::setMessageThinkingSeconds(int index, int messageIndex, qint64 seconds)
+{
+    m_conversations[index].messages[messageIndex].thinkingSeconds = seconds;
+    emit messageThinkingSecondsChanged(index, messageIndex);
+}

@@ -35,6 +35,7 @@ public:
     void appendMessage(int index, const ChatMessage &message);
     void setMessageText(int index, int messageIndex, const QString &text);
     void appendMessageText(int index, int messageIndex, const QString &piece);
+    void setMessageThinkingSeconds(int index, int messageIndex, qint64 seconds);
 
 signals:
     void countChanged();
@@ -45,6 +46,7 @@ signals:
     void messageAboutToBeAppended(int index, int messageIndex);
     void messageAppended(int index);
     void messageTextChanged(int index, int messageIndex);
+    void messageThinkingSecondsChanged(int index, int messageIndex);
 
 private:
     void conversationChanged(int index, const QList<int> &roles = {});

@@ -45,6 +45,10 @@ public:
     // message holds the reply before it, and the whole reply replaces it otherwise.
     void extendAssistant(const QUuid &id, const QString &piece, const QString &reply);
 
+    // Records how long the reply with that id reasoned, in whichever conversation
+    // holds it: unlike its text, the figure has no later delta to catch up with.
+    void setThinkingSeconds(const QUuid &id, qint64 seconds);
+
     void save() const;
 
 signals:

@@ -3,8 +3,9 @@ import Vorn
 import QtQuick.Controls
 import QtQuick.Layouts
 
-// One message: a caption, the picture if it has one, and the selectable text. The
-// user's messages sit on the raised fill; the assistant's have a copy button.
+// One message: a caption, the picture if it has one, and the selectable text (a
+// reply's as Markdown). The user's messages sit on the raised fill; the assistant's
+// have a copy button.
 Rectangle {
     id: block
 
@@ -15,6 +16,10 @@ Rectangle {
     required property bool hasImage
     required property bool isUser
     required property bool hasText
+    required property bool hasReasoning
+    required property bool reasoningOpen
+    required property bool reasoningShown
+    required property int thinkingSeconds
 
     objectName: "messageBlock"
     implicitHeight: column.implicitHeight + 40
@@ -72,10 +77,29 @@ Rectangle {
             height: 22
         }
 
+        // A reply, as Markdown.
+        Loader {
+            active: !block.isUser
+            visible: active && (block.hasText || !Store.generating)
+            width: column.width
+            // The component reads ids of this file, as it may; Qt 6.4 lints cannot tell.
+            // qmllint disable unqualified
+            sourceComponent: ReplyView {
+                row: block.index
+                hasReasoning: block.hasReasoning
+                reasoningOpen: block.reasoningOpen
+                reasoningShown: block.reasoningShown
+                thinkingSeconds: block.thinkingSeconds
+                streaming: Store.generating && block.index === Store.messageList.count - 1
+            }
+            // qmllint enable unqualified
+        }
+
+        // The user's words, as typed.
         TextEdit {
             id: body
-            objectName: "messageText"
-            visible: block.hasText || !Store.generating
+            objectName: block.isUser ? "messageText" : ""
+            visible: block.isUser && (block.hasText || !Store.generating)
             width: column.width
             textFormat: TextEdit.PlainText
             readOnly: true
@@ -90,7 +114,7 @@ Rectangle {
             // Filled from the model without script; a growing reply is appended per frame.
             StreamedText {
                 document: body.textDocument
-                model: Store.messageList
+                model: block.isUser ? Store.messageList : null
                 row: block.index
             }
 

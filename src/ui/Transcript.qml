@@ -13,12 +13,17 @@ Item {
     // layout. Scrolling by hand clears it until the next change.
     property bool followingEnd: false
 
+    // The view's position with its end at the bottom (its top when it is shorter).
+    function endY() {
+        return messages.originY + Math.max(0, messages.contentHeight - messages.height)
+    }
+
     function scrollToBottom() {
         if (empty)
             return
         // Lay out the grown block first, so the end is where the text now ends.
-        blocks.forceLayout()
-        messages.contentY = Math.max(0, messages.contentHeight - messages.height)
+        messages.forceLayout()
+        messages.positionViewAtEnd()
     }
 
     Flickable {
@@ -36,43 +41,42 @@ Item {
         }
     }
 
-    Flickable {
+    ListView {
         id: messages
         objectName: "messageView"
         anchors.fill: parent
         visible: !transcript.empty
         clip: true
-        contentWidth: width
-        // 24 above and below the blocks, then the one-point "bottom" anchor.
-        contentHeight: blocks.height + 48 + 1
+        // Only the blocks near the view are made; the others are made as they scroll in.
+        model: Store.messageList
+        spacing: 8
         boundsBehavior: Flickable.StopAtBounds
         // Follow at once, so the grown text and the scroll land in the same frame.
-        onContentHeightChanged: if (transcript.followingEnd) contentY = Math.max(0, contentHeight - height)
+        onContentHeightChanged: if (transcript.followingEnd) contentY = transcript.endY()
         onHeightChanged: if (transcript.followingEnd) Qt.callLater(transcript.scrollToBottom) // qmllint disable type
         // Text in the blocks is selected by dragging, so the mouse does not fling the view.
         interactive: false
 
-        Column {
-            id: blocks
-            x: 32
-            y: 24
-            width: messages.width - 64
-            spacing: 8
-            Repeater {
-                model: Store.messageList
-                // The delegate reads an id of this file, as it may; qmllint of Qt 6.4
-                // cannot tell, nor that Qt.callLater below is a function.
-                delegate: MessageBlock {
-                    width: blocks.width // qmllint disable unqualified
-                }
+        // 24 above and below the blocks, then the one-point "bottom" anchor.
+        header: Item {
+            width: 1
+            height: 24
+        }
+        footer: Item {
+            width: 1
+            height: 24 + 1
+            Item {
+                objectName: "bottom"
+                y: 24
+                width: 1
+                height: 1
             }
         }
 
-        Item {
-            objectName: "bottom"
-            y: blocks.y + blocks.height + 24
-            width: 1
-            height: 1
+        // The delegate reads an id of this file, as it may; qmllint of Qt 6.4 cannot tell.
+        delegate: MessageBlock {
+            x: 32
+            width: messages.width - 64 // qmllint disable unqualified
         }
 
         ScrollBar.vertical: ScrollBar {
@@ -84,8 +88,7 @@ Item {
             onWheel: (event) => {
                 transcript.followingEnd = false
                 const step = event.pixelDelta.y !== 0 ? event.pixelDelta.y : event.angleDelta.y / 120 * 60
-                const bottom = Math.max(0, messages.contentHeight - messages.height)
-                messages.contentY = Math.max(0, Math.min(bottom, messages.contentY - step))
+                messages.contentY = Math.max(messages.originY, Math.min(transcript.endY(), messages.contentY - step))
             }
         }
     }

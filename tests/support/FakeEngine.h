@@ -44,6 +44,8 @@ struct FakeResponse {
     static FakeResponse silent();
     // One streamed chat event whose delta carries this content.
     static QByteArray delta(const QString &content);
+    // A piece of reasoning, as an engine streams it apart from the answer.
+    static QByteArray reasoningDelta(const QString &reasoning);
     // A file served like a download host: honours "Range: bytes=N-", sends the body in
     // pieces of pieceSize bytes with delayMs between them.
     static FakeResponse file(const QByteArray &contents, const RecordedRequest &request, int pieceSize, int delayMs);
