@@ -133,7 +133,7 @@ QString MessageListModel::lastText() const
 QString MessageListModel::textAt(int row) const
 {
     const QList<ChatMessage> *messages = shownMessages();
-    return !messages || row < 0 || row >= messages->size() ? QString() : partsOf(messages->at(row)).answer;
+    return !messages || row < 0 || row >= messages->size() ? QString() : messages->at(row).text;
 }
 
 void MessageListModel::setReasoningShown(int row, bool shown)

@@ -42,8 +42,7 @@ public:
     int count() const { return rowCount(); }
     // The last message's text, empty when there is none.
     QString lastText() const;
-    // A message's text as copied: a reply's answer, without its reasoning section;
-    // empty for a row that is not there.
+    // A message's text as stored, for copying it; empty for a row that is not there.
     Q_INVOKABLE QString textAt(int row) const;
     // Unfolds or folds a reply's reasoning in the transcript; the choice lasts while
     // the app runs, also when the row's view is made again.

@@ -6,10 +6,8 @@
 
 MarkdownSegmentList::MarkdownSegmentList(QObject *parent) : QAbstractListModel(parent)
 {
-    m_parse.setSingleShot(true);
-    m_parse.setTimerType(Qt::PreciseTimer);
-    m_parse.setInterval(parseInterval);
-    connect(&m_parse, &QTimer::timeout, this, &MarkdownSegmentList::show);
+    m_feed.setRole("answer");
+    connect(&m_feed, &RowTextFeed::due, this, &MarkdownSegmentList::show);
 }
 
 int MarkdownSegmentList::rowCount(const QModelIndex &parent) const
@@ -49,39 +47,25 @@ QHash<int, QByteArray> MarkdownSegmentList::roleNames() const
 
 void MarkdownSegmentList::setModel(QAbstractItemModel *model)
 {
-    if (m_model == model)
+    if (m_feed.model() == model)
         return;
-    if (m_model)
-        m_model->disconnect(this);
-    m_model = model;
-    if (m_model) {
-        connect(m_model, &QAbstractItemModel::dataChanged, this, &MarkdownSegmentList::modelDataChanged);
-        connect(m_model, &QAbstractItemModel::modelReset, this, &MarkdownSegmentList::textChanged);
-        connect(m_model, &QAbstractItemModel::rowsInserted, this, &MarkdownSegmentList::textChanged);
-        connect(m_model, &QAbstractItemModel::rowsRemoved, this, &MarkdownSegmentList::textChanged);
-        connect(m_model, &QAbstractItemModel::rowsMoved, this, &MarkdownSegmentList::textChanged);
-    }
-    findRoleNumber();
-    show();
+    m_feed.setModel(model);
     emit modelChanged();
 }
 
 void MarkdownSegmentList::setRow(int row)
 {
-    if (m_row == row)
+    if (m_feed.row() == row)
         return;
-    m_row = row;
-    show();
+    m_feed.setRow(row);
     emit rowChanged();
 }
 
 void MarkdownSegmentList::setRole(const QByteArray &role)
 {
-    if (m_role == role)
+    if (m_feed.role() == role)
         return;
-    m_role = role;
-    findRoleNumber();
-    show();
+    m_feed.setRole(role);
     emit roleChanged();
 }
 
@@ -103,31 +87,10 @@ QString MarkdownSegmentList::streamedPart(const QString &text)
     return text;
 }
 
-void MarkdownSegmentList::modelDataChanged(const QModelIndex &topLeft, const QModelIndex &bottomRight,
-                                           const QList<int> &roles)
-{
-    if (m_row < topLeft.row() || m_row > bottomRight.row())
-        return;
-    if (!roles.isEmpty() && !roles.contains(m_roleNumber))
-        return;
-    textChanged();
-}
-
-void MarkdownSegmentList::textChanged()
-{
-    const QString text = modelText();
-    if (!m_shown.isEmpty() && text.size() > m_shown.size() && text.startsWith(m_shown)) {
-        if (!m_parse.isActive())
-            m_parse.start();
-        return;
-    }
-    show();
-}
-
 void MarkdownSegmentList::show()
 {
-    m_parse.stop();
-    const QString text = modelText();
+    const QString text = m_feed.text();
+    m_feed.setShown(text);
     if (text == m_shown && m_streaming == m_shownStreaming)
         return;
     m_shown = text;
@@ -166,16 +129,4 @@ void MarkdownSegmentList::showSegments(const QList<MarkdownSegment> &segments)
         m_segments.append(segments.sliced(m_segments.size()));
         endInsertRows();
     }
-}
-
-QString MarkdownSegmentList::modelText() const
-{
-    if (!m_model || m_row < 0 || m_row >= m_model->rowCount())
-        return {};
-    return m_model->data(m_model->index(m_row, 0), m_roleNumber).toString();
-}
-
-void MarkdownSegmentList::findRoleNumber()
-{
-    m_roleNumber = m_model ? m_model->roleNames().key(m_role, -1) : -1;
 }

@@ -1,10 +1,9 @@
 #pragma once
 
 #include "MarkdownSegment.h"
+#include "RowTextFeed.h"
 
 #include <QAbstractListModel>
-#include <QPointer>
-#include <QTimer>
 #include <QtQml/qqmlregistration.h>
 
 // One reply's Markdown as a list of segments (runs of prose, code blocks) for the
@@ -26,18 +25,15 @@ public:
 
     explicit MarkdownSegmentList(QObject *parent = nullptr);
 
-    // How long grown text may wait: one frame of a 60 Hz display.
-    static constexpr int parseInterval = 16;
-
     int rowCount(const QModelIndex &parent = QModelIndex()) const override;
     QVariant data(const QModelIndex &index, int role) const override;
     QHash<int, QByteArray> roleNames() const override;
 
-    QAbstractItemModel *model() const { return m_model; }
+    QAbstractItemModel *model() const { return m_feed.model(); }
     void setModel(QAbstractItemModel *model);
-    int row() const { return m_row; }
+    int row() const { return m_feed.row(); }
     void setRow(int row);
-    QByteArray role() const { return m_role; }
+    QByteArray role() const { return m_feed.role(); }
     void setRole(const QByteArray &role);
     bool streaming() const { return m_streaming; }
     void setStreaming(bool streaming);
@@ -55,20 +51,12 @@ signals:
     void shownTextChanged();
 
 private:
-    void modelDataChanged(const QModelIndex &topLeft, const QModelIndex &bottomRight, const QList<int> &roles);
-    void textChanged();
     void show();
     void showSegments(const QList<MarkdownSegment> &segments);
-    QString modelText() const;
-    void findRoleNumber();
 
-    QPointer<QAbstractItemModel> m_model;
-    int m_row = -1;
-    QByteArray m_role = "answer";
-    int m_roleNumber = -1;
+    RowTextFeed m_feed;
     bool m_streaming = false;
     QString m_shown;
     bool m_shownStreaming = false;
     QList<MarkdownSegment> m_segments;
-    QTimer m_parse;
 };
