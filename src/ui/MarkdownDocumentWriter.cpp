@@ -56,6 +56,16 @@ void MarkdownDocumentWriter::show(const QList<MarkdownUnit> &units)
         ++same;
     if (same == units.size() && same == m_units.size())
         return;
+    // One change for the document's layout, not one per piece of text: a paragraph of
+    // many spans would otherwise be laid out again for each of them.
+    QTextCursor edit(m_document);
+    edit.beginEditBlock();
+    showFrom(units, same);
+    edit.endEditBlock();
+}
+
+void MarkdownDocumentWriter::showFrom(const QList<MarkdownUnit> &units, qsizetype same)
+{
     if (same + 1 == units.size() && same + 1 == m_units.size() && extendLastUnit(units.last())) {
         m_units.last() = units.last();
         return;
@@ -75,7 +85,12 @@ void MarkdownDocumentWriter::truncate(int unit)
     if (unit >= m_units.size())
         return;
     if (unit == 0) {
-        m_document->clear();
+        // Emptied in place rather than cleared, which would end the edit under way.
+        QTextCursor cursor(m_document);
+        cursor.select(QTextCursor::Document);
+        cursor.removeSelectedText();
+        cursor.setBlockFormat(QTextBlockFormat());
+        cursor.setBlockCharFormat(QTextCharFormat());
         m_fresh = true;
     } else {
         const Mark mark = m_marks.at(unit);
@@ -161,7 +176,10 @@ void MarkdownDocumentWriter::writeEvents(const MarkdownUnit &unit, qsizetype fro
             leave(event);
             break;
         case Type::Text:
-            addText(event.text);
+            if (event.kind == Kind::Break && !m_table && !m_fresh)
+                breakLine();
+            else
+                addText(event.text);
             break;
         }
     }
@@ -436,6 +454,18 @@ void MarkdownDocumentWriter::leave(const MarkdownEvent &event)
         m_blockFormat = baseFormat();
         break;
     }
+}
+
+void MarkdownDocumentWriter::breakLine()
+{
+    // A block of its own, close under the line before, looks like a line break; a
+    // block that grows is laid out again alone, so a long paragraph streams cheaply.
+    QTextBlockFormat format = m_cursor.blockFormat();
+    format.setTopMargin(0);
+    format.setTextIndent(0);
+    m_cursor.insertBlock(format, m_cursor.blockCharFormat());
+    if (!m_containers.isEmpty())
+        m_containers.last().itemBlockFree = false;
 }
 
 void MarkdownDocumentWriter::addText(const QString &text)

@@ -14,8 +14,9 @@ class QTextTable;
 // Writes a run of prose into a text document, unit by unit (a unit is one block at the
 // top: a paragraph, a list, a table...). Showing new units keeps the leading ones that
 // did not change and writes only the rest again, so a reply that grows lays out its
-// last block only. Markers of lists and task items are written as text, so copied
-// text keeps them. Links get an anchor only for web and mail addresses.
+// last block only. Line breaks start blocks of their own. Markers of lists and task
+// items are written as text, so copied text keeps them. Links get an anchor only for
+// web and mail addresses.
 class MarkdownDocumentWriter {
 public:
     MarkdownDocumentWriter(QTextDocument *document, const MarkdownStyle &style);
@@ -62,6 +63,7 @@ private:
         int imageText = 0;
     };
 
+    void showFrom(const QList<MarkdownUnit> &units, qsizetype same);
     void truncate(int unit);
     void write(const MarkdownUnit &unit);
     // Writes events from the given one on, keeping the tail of the unit.
@@ -70,6 +72,7 @@ private:
     void enter(const MarkdownEvent &event);
     void leave(const MarkdownEvent &event);
     void addText(const QString &text);
+    void breakLine();
     void startBlock(QTextBlockFormat format, const QTextCharFormat &charFormat);
     // A paragraph-like block: in a free item block when there is one.
     void startTextBlock(qreal gap, const QTextCharFormat &charFormat, const QTextBlockFormat &extra = {});

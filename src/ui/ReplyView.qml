@@ -70,40 +70,48 @@ Column {
 
             Component {
                 id: proseComponent
-                TextEdit {
-                    id: prose
-                    objectName: "replyProse"
-                    textFormat: TextEdit.PlainText
-                    readOnly: true
-                    selectByMouse: true
-                    persistentSelection: false
-                    wrapMode: TextEdit.Wrap
-                    font.pixelSize: 15
-                    color: Theme.primary
-                    selectionColor: Theme.selection
-                    selectedTextColor: Theme.primary
-                    // Only links the prose gave an anchor open, and only when clicked.
-                    onLinkActivated: (link) => writer.openLink(link)
+                // The wrapper keeps the text's implicit width unread: reading it would
+                // make the text lay its whole document out again, unwrapped, on every
+                // change.
+                Item {
+                    implicitHeight: prose.height
 
-                    HoverHandler {
-                        cursorShape: prose.hoveredLink.length > 0 ? Qt.PointingHandCursor : Qt.IBeamCursor
-                    }
+                    TextEdit {
+                        id: prose
+                        objectName: "replyProse"
+                        width: parent.width
+                        textFormat: TextEdit.PlainText
+                        readOnly: true
+                        selectByMouse: true
+                        persistentSelection: false
+                        wrapMode: TextEdit.Wrap
+                        font.pixelSize: 15
+                        color: Theme.primary
+                        selectionColor: Theme.selection
+                        selectedTextColor: Theme.primary
+                        // Only links the prose gave an anchor open, and only when clicked.
+                        onLinkActivated: (link) => writer.openLink(link)
 
-                    MarkdownProse {
-                        id: writer
-                        document: prose.textDocument
-                        units: segment.units
-                        textColor: Theme.primary
-                        secondaryColor: Theme.secondary
-                        linkColor: Theme.dark ? Qt.lighter(Theme.tint, 1.6) : Theme.tint
-                        codeFill: Theme.raisedFill
-                        hairline: Theme.divider
-                        monospaceFamily: Theme.monospaceFamily
-                    }
+                        HoverHandler {
+                            cursorShape: prose.hoveredLink.length > 0 ? Qt.PointingHandCursor : Qt.IBeamCursor
+                        }
 
-                    TextLineSpacing {
-                        document: prose.textDocument
-                        spacing: 6
+                        MarkdownProse {
+                            id: writer
+                            document: prose.textDocument
+                            units: segment.units
+                            textColor: Theme.primary
+                            secondaryColor: Theme.secondary
+                            linkColor: Theme.dark ? Qt.lighter(Theme.tint, 1.6) : Theme.tint
+                            codeFill: Theme.raisedFill
+                            hairline: Theme.divider
+                            monospaceFamily: Theme.monospaceFamily
+                        }
+
+                        TextLineSpacing {
+                            document: prose.textDocument
+                            spacing: 6
+                        }
                     }
                 }
             }
