@@ -44,7 +44,7 @@ void MarkdownDocumentWriter::reset()
     m_marks.clear();
     if (m_document)
         m_document->clear();
-    m_fresh = true;
+    m_state.fresh = true;
 }
 
 void MarkdownDocumentWriter::show(const QList<MarkdownUnit> &units)
@@ -74,7 +74,7 @@ void MarkdownDocumentWriter::showFrom(const QList<MarkdownUnit> &units, qsizetyp
     for (qsizetype index = same; index < units.size(); ++index) {
         QTextCursor end(m_document);
         end.movePosition(QTextCursor::End);
-        m_marks.append({end.position(), m_fresh});
+        m_marks.append({end.position(), m_state.fresh});
         write(units.at(index));
         m_units.append(units.at(index));
     }
@@ -91,14 +91,14 @@ void MarkdownDocumentWriter::truncate(int unit)
         cursor.removeSelectedText();
         cursor.setBlockFormat(QTextBlockFormat());
         cursor.setBlockCharFormat(QTextCharFormat());
-        m_fresh = true;
+        m_state.fresh = true;
     } else {
         const Mark mark = m_marks.at(unit);
         QTextCursor cursor(m_document);
         cursor.setPosition(mark.position);
         cursor.movePosition(QTextCursor::End, QTextCursor::KeepAnchor);
         cursor.removeSelectedText();
-        m_fresh = mark.fresh;
+        m_state.fresh = mark.fresh;
     }
     m_units.resize(unit);
     m_marks.resize(unit);
@@ -129,16 +129,7 @@ bool MarkdownDocumentWriter::extendLastUnit(const MarkdownUnit &grown)
     }
     m_cursor = QTextCursor(m_document);
     m_cursor.setPosition(m_tail.position);
-    m_containers = m_tail.containers;
-    m_spans = m_tail.spans;
-    m_blockFormat = m_tail.blockFormat;
-    m_table = m_tail.table;
-    m_row = m_tail.row;
-    m_column = m_tail.column;
-    m_headerRow = m_tail.headerRow;
-    m_firstBlock = m_tail.firstBlock;
-    m_fresh = m_tail.fresh;
-    m_imageText = m_tail.imageText;
+    m_state = m_tail.state;
     if (after.text.size() > before.text.size())
         addText(after.text.sliced(before.text.size()));
     writeEvents(grown, tail);
@@ -149,11 +140,11 @@ void MarkdownDocumentWriter::write(const MarkdownUnit &unit)
 {
     m_cursor = QTextCursor(m_document);
     m_cursor.movePosition(QTextCursor::End);
-    m_firstBlock = m_cursor.position() == 0 && m_fresh;
-    m_containers.clear();
-    m_spans.clear();
-    m_table = nullptr;
-    m_blockFormat = baseFormat();
+    m_state.firstBlock = m_cursor.position() == 0 && m_state.fresh;
+    m_state.containers.clear();
+    m_state.spans.clear();
+    m_state.table = nullptr;
+    m_state.blockFormat = baseFormat();
     writeEvents(unit, 0);
 }
 
@@ -165,8 +156,7 @@ void MarkdownDocumentWriter::writeEvents(const MarkdownUnit &unit, qsizetype fro
     m_tail.valid = false;
     for (qsizetype index = from; index < unit.size(); ++index) {
         if (index == tail)
-            m_tail = {true,  tail,     m_cursor.position(), m_containers, m_spans, m_blockFormat, m_table,
-                      m_row, m_column, m_headerRow,         m_firstBlock, m_fresh, m_imageText};
+            m_tail = {true, tail, m_cursor.position(), m_state};
         const MarkdownEvent &event = unit.at(index);
         switch (event.type) {
         case Type::Enter:
@@ -176,20 +166,20 @@ void MarkdownDocumentWriter::writeEvents(const MarkdownUnit &unit, qsizetype fro
             leave(event);
             break;
         case Type::Text:
-            if (event.kind == Kind::Break && !m_table && !m_fresh)
+            if (event.kind == Kind::Break && !m_state.table && !m_state.fresh)
                 breakLine();
             else
                 addText(event.text);
             break;
         }
     }
-    m_table = nullptr;
+    m_state.table = nullptr;
 }
 
 int MarkdownDocumentWriter::depth() const
 {
     int depth = 0;
-    for (const Container &container : m_containers) {
+    for (const Container &container : m_state.containers) {
         if (container.kind != Kind::ListItem)
             ++depth;
     }
@@ -198,7 +188,7 @@ int MarkdownDocumentWriter::depth() const
 
 bool MarkdownDocumentWriter::inQuote() const
 {
-    for (const Container &container : m_containers) {
+    for (const Container &container : m_state.containers) {
         if (container.kind == Kind::Quote)
             return true;
     }
@@ -214,13 +204,13 @@ QTextCharFormat MarkdownDocumentWriter::baseFormat() const
 
 void MarkdownDocumentWriter::startBlock(QTextBlockFormat format, const QTextCharFormat &charFormat)
 {
-    if (m_firstBlock)
+    if (m_state.firstBlock)
         format.setTopMargin(0);
-    m_firstBlock = false;
-    if (m_fresh) {
+    m_state.firstBlock = false;
+    if (m_state.fresh) {
         m_cursor.setBlockFormat(format);
         m_cursor.setBlockCharFormat(charFormat);
-        m_fresh = false;
+        m_state.fresh = false;
         return;
     }
     m_cursor.insertBlock(format, charFormat);
@@ -228,11 +218,11 @@ void MarkdownDocumentWriter::startBlock(QTextBlockFormat format, const QTextChar
 
 void MarkdownDocumentWriter::startTextBlock(qreal gap, const QTextCharFormat &charFormat, const QTextBlockFormat &extra)
 {
-    m_blockFormat = charFormat;
-    if (m_table)
+    m_state.blockFormat = charFormat;
+    if (m_state.table)
         return;
-    if (!m_containers.isEmpty() && m_containers.last().itemBlockFree) {
-        m_containers.last().itemBlockFree = false;
+    if (!m_state.containers.isEmpty() && m_state.containers.last().itemBlockFree) {
+        m_state.containers.last().itemBlockFree = false;
         return;
     }
     QTextBlockFormat format = extra;
@@ -244,8 +234,8 @@ void MarkdownDocumentWriter::startTextBlock(qreal gap, const QTextCharFormat &ch
 void MarkdownDocumentWriter::enter(const MarkdownEvent &event)
 {
     // Inside a tight list, blocks sit close together.
-    const bool tight = !m_containers.isEmpty() && m_containers.last().kind == Kind::ListItem && m_containers.size() > 1
-        && m_containers.at(m_containers.size() - 2).tight;
+    const bool tight = !m_state.containers.isEmpty() && m_state.containers.last().kind == Kind::ListItem
+        && m_state.containers.size() > 1 && m_state.containers.at(m_state.containers.size() - 2).tight;
     const qreal gap = tight ? MarkdownStyle::itemGap : MarkdownStyle::paragraphGap;
     switch (event.kind) {
     case Kind::Paragraph:
@@ -271,14 +261,14 @@ void MarkdownDocumentWriter::enter(const MarkdownEvent &event)
         break;
     }
     case Kind::Quote:
-        m_containers.append({Kind::Quote});
+        m_state.containers.append({Kind::Quote});
         break;
     case Kind::BulletList:
     case Kind::OrderedList:
-        m_containers.append({event.kind, event.flag, event.number});
+        m_state.containers.append({event.kind, event.flag, event.number});
         break;
     case Kind::ListItem: {
-        Container *list = m_containers.isEmpty() ? nullptr : &m_containers.last();
+        Container *list = m_state.containers.isEmpty() ? nullptr : &m_state.containers.last();
         QString marker;
         if (list && !event.flag) {
             if (list->kind == Kind::OrderedList) {
@@ -287,7 +277,7 @@ void MarkdownDocumentWriter::enter(const MarkdownEvent &event)
                 static const QString bullets[] = {QStringLiteral("\u2022"), QStringLiteral("\u25e6"),
                                                   QStringLiteral("\u25aa")};
                 int lists = 0;
-                for (const Container &container : m_containers)
+                for (const Container &container : m_state.containers)
                     lists += container.kind == Kind::BulletList ? 1 : 0;
                 marker = bullets[(lists - 1) % 3];
             }
@@ -301,12 +291,12 @@ void MarkdownDocumentWriter::enter(const MarkdownEvent &event)
         const qreal itemGap = list && list->tight && !first ? MarkdownStyle::itemGap : MarkdownStyle::paragraphGap;
         const bool bulleted = list && list->kind == Kind::BulletList;
         // The list pointer does not outlive this append.
-        m_containers.append({Kind::ListItem});
+        m_state.containers.append({Kind::ListItem});
         QTextBlockFormat format;
         format.setLeftMargin(depth() * MarkdownStyle::indent);
         format.setTopMargin(itemGap);
         const QTextCharFormat charFormat = baseFormat();
-        if (m_table)
+        if (m_state.table)
             break;
         startBlock(format, charFormat);
         if (!marker.isEmpty()) {
@@ -320,7 +310,7 @@ void MarkdownDocumentWriter::enter(const MarkdownEvent &event)
                 markerFormat.setForeground(m_style.secondary);
             m_cursor.insertText(marker, markerFormat);
         }
-        m_containers.last().itemBlockFree = true;
+        m_state.containers.last().itemBlockFree = true;
         break;
     }
     case Kind::Rule: {
@@ -335,7 +325,7 @@ void MarkdownDocumentWriter::enter(const MarkdownEvent &event)
         break;
     }
     case Kind::Table: {
-        if (m_table)
+        if (m_state.table)
             break;
         QTextTableFormat format;
         format.setBorder(1);
@@ -346,36 +336,36 @@ void MarkdownDocumentWriter::enter(const MarkdownEvent &event)
         format.setCellSpacing(0);
         format.setHeaderRowCount(1);
         format.setLeftMargin(depth() * MarkdownStyle::indent);
-        format.setTopMargin(m_firstBlock ? 0 : MarkdownStyle::paragraphGap);
-        m_firstBlock = false;
-        if (!m_containers.isEmpty() && m_containers.last().itemBlockFree)
-            m_containers.last().itemBlockFree = false;
-        m_table = m_cursor.insertTable(1, std::max(1, event.number), format);
-        m_fresh = false;
-        m_row = -1;
+        format.setTopMargin(m_state.firstBlock ? 0 : MarkdownStyle::paragraphGap);
+        m_state.firstBlock = false;
+        if (!m_state.containers.isEmpty() && m_state.containers.last().itemBlockFree)
+            m_state.containers.last().itemBlockFree = false;
+        m_state.table = m_cursor.insertTable(1, std::max(1, event.number), format);
+        m_state.fresh = false;
+        m_state.row = -1;
         break;
     }
     case Kind::TableRow:
-        if (!m_table)
+        if (!m_state.table)
             break;
-        if (++m_row > 0)
-            m_table->appendRows(1);
-        m_headerRow = event.flag;
-        m_column = -1;
+        if (++m_state.row > 0)
+            m_state.table->appendRows(1);
+        m_state.headerRow = event.flag;
+        m_state.column = -1;
         break;
     case Kind::TableCell: {
-        if (!m_table || ++m_column >= m_table->columns())
+        if (!m_state.table || ++m_state.column >= m_state.table->columns())
             break;
-        m_cursor = m_table->cellAt(m_row, m_column).firstCursorPosition();
+        m_cursor = m_state.table->cellAt(m_state.row, m_state.column).firstCursorPosition();
         QTextBlockFormat format;
         if (event.number == 2)
             format.setAlignment(Qt::AlignHCenter);
         else if (event.number == 3)
             format.setAlignment(Qt::AlignRight);
         m_cursor.setBlockFormat(format);
-        m_blockFormat = baseFormat();
-        if (m_headerRow)
-            m_blockFormat.setFontWeight(QFont::DemiBold);
+        m_state.blockFormat = baseFormat();
+        if (m_state.headerRow)
+            m_state.blockFormat.setFontWeight(QFont::DemiBold);
         break;
     }
     case Kind::Emphasis:
@@ -384,7 +374,7 @@ void MarkdownDocumentWriter::enter(const MarkdownEvent &event)
     case Kind::Code:
     case Kind::Link:
     case Kind::Image: {
-        QTextCharFormat format = m_spans.isEmpty() ? m_blockFormat : m_spans.last();
+        QTextCharFormat format = m_state.spans.isEmpty() ? m_state.blockFormat : m_state.spans.last();
         if (event.kind == Kind::Emphasis) {
             format.setFontItalic(true);
         } else if (event.kind == Kind::Strong) {
@@ -406,9 +396,9 @@ void MarkdownDocumentWriter::enter(const MarkdownEvent &event)
         } else {
             format.setForeground(m_style.secondary);
             format.setFontItalic(true);
-            m_imageText = 0;
+            m_state.imageText = 0;
         }
-        m_spans.append(format);
+        m_state.spans.append(format);
         break;
     }
     case Kind::Plain:
@@ -424,34 +414,34 @@ void MarkdownDocumentWriter::leave(const MarkdownEvent &event)
     case Kind::BulletList:
     case Kind::OrderedList:
     case Kind::ListItem:
-        if (!m_containers.isEmpty())
-            m_containers.removeLast();
+        if (!m_state.containers.isEmpty())
+            m_state.containers.removeLast();
         break;
     case Kind::Table:
-        if (!m_table)
+        if (!m_state.table)
             break;
-        m_table = nullptr;
+        m_state.table = nullptr;
         m_cursor.movePosition(QTextCursor::End);
         // A table is followed by an empty block; the next block takes it.
-        m_fresh = true;
+        m_state.fresh = true;
         break;
     case Kind::Image:
         // An image is its alt text, never a fetch; without one, a word says what it was.
-        if (m_imageText == 0 && !m_spans.isEmpty())
-            m_cursor.insertText(QStringLiteral("image"), m_spans.last());
-        if (!m_spans.isEmpty())
-            m_spans.removeLast();
+        if (m_state.imageText == 0 && !m_state.spans.isEmpty())
+            m_cursor.insertText(QStringLiteral("image"), m_state.spans.last());
+        if (!m_state.spans.isEmpty())
+            m_state.spans.removeLast();
         break;
     case Kind::Emphasis:
     case Kind::Strong:
     case Kind::Strike:
     case Kind::Code:
     case Kind::Link:
-        if (!m_spans.isEmpty())
-            m_spans.removeLast();
+        if (!m_state.spans.isEmpty())
+            m_state.spans.removeLast();
         break;
     default:
-        m_blockFormat = baseFormat();
+        m_state.blockFormat = baseFormat();
         break;
     }
 }
@@ -464,16 +454,16 @@ void MarkdownDocumentWriter::breakLine()
     format.setTopMargin(0);
     format.setTextIndent(0);
     m_cursor.insertBlock(format, m_cursor.blockCharFormat());
-    if (!m_containers.isEmpty())
-        m_containers.last().itemBlockFree = false;
+    if (!m_state.containers.isEmpty())
+        m_state.containers.last().itemBlockFree = false;
 }
 
 void MarkdownDocumentWriter::addText(const QString &text)
 {
-    if (m_fresh && !m_table)
+    if (m_state.fresh && !m_state.table)
         startTextBlock(MarkdownStyle::paragraphGap, baseFormat());
-    if (!m_containers.isEmpty())
-        m_containers.last().itemBlockFree = false;
-    m_imageText += static_cast<int>(text.size());
-    m_cursor.insertText(text, m_spans.isEmpty() ? m_blockFormat : m_spans.last());
+    if (!m_state.containers.isEmpty())
+        m_state.containers.last().itemBlockFree = false;
+    m_state.imageText += static_cast<int>(text.size());
+    m_cursor.insertText(text, m_state.spans.isEmpty() ? m_state.blockFormat : m_state.spans.last());
 }

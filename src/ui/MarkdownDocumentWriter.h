@@ -45,12 +45,8 @@ private:
         bool itemBlockFree = false;
     };
 
-    // What the writer knew just before the closing steps at the end of the last unit:
-    // a last unit that only grew goes on from there instead of being written again.
-    struct Tail {
-        bool valid = false;
-        qsizetype event = 0;
-        int position = 0;
+    // What the writer knows while it writes a unit.
+    struct State {
         QList<Container> containers;
         QList<QTextCharFormat> spans;
         QTextCharFormat blockFormat;
@@ -58,9 +54,20 @@ private:
         int row = -1;
         int column = -1;
         bool headerRow = false;
-        bool firstBlock = false;
-        bool fresh = false;
+        bool firstBlock = true;
+        // The last block is empty and free to take the next block (as after a table).
+        bool fresh = true;
+        // Characters written inside the image span being read, to show a word when
+        // its alt text is empty.
         int imageText = 0;
+    };
+    // What the writer knew just before the closing steps at the end of the last unit:
+    // a last unit that only grew goes on from there instead of being written again.
+    struct Tail {
+        bool valid = false;
+        qsizetype event = 0;
+        int position = 0;
+        State state;
     };
 
     void showFrom(const QList<MarkdownUnit> &units, qsizetype same);
@@ -85,19 +92,8 @@ private:
     QList<MarkdownUnit> m_units;
     QList<Mark> m_marks;
     Tail m_tail;
-    bool m_fresh = true;
 
     // The unit being written.
     QTextCursor m_cursor;
-    QList<Container> m_containers;
-    QList<QTextCharFormat> m_spans;
-    QTextCharFormat m_blockFormat;
-    QTextTable *m_table = nullptr;
-    int m_row = -1;
-    int m_column = -1;
-    bool m_headerRow = false;
-    bool m_firstBlock = true;
-    // Characters written inside the image span being read, to show a word when its
-    // alt text is empty.
-    int m_imageText = 0;
+    State m_state;
 };
