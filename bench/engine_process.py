@@ -6,6 +6,7 @@ import os
 import signal
 import socket
 import subprocess
+import tempfile
 import time
 import urllib.request
 
@@ -20,6 +21,19 @@ def default_binary():
         if os.path.exists(candidate):
             return candidate
     return None
+
+
+def median(xs):
+    xs = sorted(xs)
+    return xs[len(xs) // 2]
+
+
+def folder_with(model, prefix="vorn-bench-"):
+    """A temporary models folder holding a link to `model`; returns (folder, file name)."""
+    folder = tempfile.mkdtemp(prefix=prefix)
+    name = os.path.basename(model)
+    os.symlink(os.path.abspath(model), os.path.join(folder, name))
+    return folder, name
 
 
 def free_port():

@@ -130,6 +130,9 @@ ChatExchange::Outcome ChatExchange::handleLine(const QString &line)
     }
     if (!document.isObject())
         return Outcome::Continue;
+    // The last chunk tells how much of the context the conversation now takes.
+    if (const auto use = ContextUse::fromReply(document.object()))
+        emit contextReported(*use);
     const QJsonValue choices = document.object().value(QStringLiteral("choices"));
     if (!choices.isArray() || choices.toArray().isEmpty() || !choices.toArray().first().isObject())
         return Outcome::Continue;

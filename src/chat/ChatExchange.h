@@ -2,6 +2,7 @@
 
 #include "SseLineReader.h"
 #include "engine/CancellableTask.h"
+#include "model/ContextUse.h"
 
 #include <QElapsedTimer>
 #include <QJsonArray>
@@ -30,6 +31,8 @@ signals:
     void reasoningTimed(qint64 seconds);
     // Nothing arrived before the end; the message says so instead.
     void replyReplaced(const QString &text);
+    // The context the reply's conversation takes, as its last chunk reports it.
+    void contextReported(const ContextUse &use);
     // A failure the user should see.
     void failed(const QString &message);
     // The exchange is over, whichever way it went; finished() follows.

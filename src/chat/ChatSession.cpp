@@ -110,39 +110,51 @@ void ChatSession::followCanSend()
     connect(this, &ChatSession::attachmentChanged, this, update);
 }
 
+std::optional<ChatMessage> ChatSession::draftQuestion() const
+{
+    const QString trimmed = m_prompt.trimmed();
+    if (trimmed.isEmpty() && !m_attachment)
+        return std::nullopt;
+    ChatMessage question;
+    question.role = QStringLiteral("user");
+    question.text = trimmed.isEmpty() ? QStringLiteral("Describe this image.") : trimmed;
+    question.image = m_attachment;
+    return question;
+}
+
+QJsonArray ChatSession::requestMessages(const QList<ChatMessage> &messages)
+{
+    QJsonArray payloads;
+    for (const ChatMessage &message : messages)
+        payloads.append(message.payload());
+    return payloads;
+}
+
 void ChatSession::send()
 {
     if (m_generating || m_library.loading() || !m_engine.hasLoadedModel())
         return;
-    const QString trimmed = m_prompt.trimmed();
-    if (trimmed.isEmpty() && !m_attachment)
+    const auto question = draftQuestion();
+    if (!question)
         return;
-    const QString text = trimmed.isEmpty() ? QStringLiteral("Describe this image.") : trimmed;
-
-    ChatMessage question;
-    question.role = QStringLiteral("user");
-    question.text = text;
-    question.image = m_attachment;
     ChatMessage answer;
     answer.role = QStringLiteral("assistant");
 
-    const auto asked = m_conversations.ask(question, answer, firstCharacters(text, 40));
-    if (!asked)
+    const std::optional<QUuid> conversationID = m_conversations.selectedID();
+    const auto asked = m_conversations.ask(*question, answer, firstCharacters(question->text, 40));
+    if (!asked || !conversationID)
         return;
-    QJsonArray payloads;
-    for (const ChatMessage &message : *asked)
-        payloads.append(message.payload());
 
     setPrompt(QString());
     setAttachment(std::nullopt);
     setGenerating(true);
     emit errorCleared();
-    startExchange(payloads, answer.id);
+    startExchange(*asked, *conversationID, answer.id);
 }
 
-void ChatSession::startExchange(const QJsonArray &messages, const QUuid &answerID)
+void ChatSession::startExchange(const QList<ChatMessage> &asked, const QUuid &conversationID, const QUuid &answerID)
 {
-    auto *exchange = new ChatExchange(&m_engine.client(), messages, this);
+    auto *exchange = new ChatExchange(&m_engine.client(), requestMessages(asked), this);
     connect(exchange, &ChatExchange::replyGrew, this, [this, answerID](const QString &piece, const QString &reply) {
         m_conversations.extendAssistant(answerID, piece, reply);
     });
@@ -151,6 +163,13 @@ void ChatSession::startExchange(const QJsonArray &messages, const QUuid &answerI
     connect(exchange, &ChatExchange::replyReplaced, this,
             [this, answerID](const QString &text) { m_conversations.updateAssistant(answerID, text); });
     connect(exchange, &ChatExchange::failed, this, &ChatSession::errorRaised);
+    connect(exchange, &ChatExchange::contextReported, this, [this, asked, conversationID](const ContextUse &use) {
+        // The messages left out are the earliest; the model saw from the next one on.
+        const QUuid firstSeen = use.droppedMessages > 0 && use.droppedMessages < asked.size()
+            ? asked.at(static_cast<qsizetype>(use.droppedMessages)).id
+            : QUuid();
+        emit replyContextReported(conversationID, use, firstSeen);
+    });
     // Every exchange ends by saving the history and fetching the figures of its run.
     connect(exchange, &ChatExchange::ended, this, [this] {
         setGenerating(false);

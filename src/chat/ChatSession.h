@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ChatExchange.h"
+#include "model/ChatMessage.h"
 
 #include <QObject>
 #include <QPointer>
@@ -37,6 +38,12 @@ public:
     // sends only what the engine can take.
     bool canSend() const;
 
+    // The question send() would add now: the trimmed draft, with the image; nothing
+    // when there is neither text nor image.
+    std::optional<ChatMessage> draftQuestion() const;
+    // The chat request's messages for these messages of a conversation.
+    static QJsonArray requestMessages(const QList<ChatMessage> &messages);
+
     void send();
     void stop();
     // What the send/stop control does.
@@ -53,12 +60,16 @@ signals:
     void temperatureChanged();
     void tokenLimitChanged();
     void canSendChanged();
+    // A reply's last chunk told how much of the context that conversation takes;
+    // firstSeen is the earliest message the model still saw when earlier ones were left
+    // out, and null otherwise.
+    void replyContextReported(const QUuid &conversationID, const ContextUse &use, const QUuid &firstSeen);
     void errorRaised(const QString &message);
     void errorCleared();
 
 private:
     void followCanSend();
-    void startExchange(const QJsonArray &messages, const QUuid &answerID);
+    void startExchange(const QList<ChatMessage> &asked, const QUuid &conversationID, const QUuid &answerID);
 
     EngineConnection &m_engine;
     Conversations &m_conversations;

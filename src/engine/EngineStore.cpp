@@ -1,6 +1,7 @@
 #include "EngineStore.h"
 
 #include "chat/ConversationExport.h"
+#include "library/ContextChoiceListModel.h"
 #include "model/HistoryFile.h"
 
 #include <QDir>
@@ -32,7 +33,8 @@ EngineStore::EngineStore(QObject *parent)
       m_engine(new EngineConnection(QDir(QDir::homePath()).filePath(QStringLiteral(".vorn/models")), this)),
       m_conversations(new Conversations(historyFilePath(m_dataFolder), this)),
       m_library(new ModelLibrary(*m_engine, this)),
-      m_chat(new ChatSession(*m_engine, *m_conversations, *m_library, this))
+      m_chat(new ChatSession(*m_engine, *m_conversations, *m_library, this)),
+      m_contextMeter(new ContextMeter(*m_engine, *m_conversations, *m_chat, *m_library, this))
 {
     m_library->setReplyCheck([this] { return m_chat->generating(); });
     m_engine->setBusyCheck([this] { return m_library->loading() || m_chat->generating(); });
@@ -64,6 +66,12 @@ void EngineStore::connectCollaborators()
     connect(m_chat, &ChatSession::temperatureChanged, this, &EngineStore::temperatureChanged);
     connect(m_chat, &ChatSession::tokenLimitChanged, this, &EngineStore::tokenLimitChanged);
     connect(m_chat, &ChatSession::canSendChanged, this, &EngineStore::canSendChanged);
+    connect(m_library, &ModelLibrary::contextChoiceChanged, this, &EngineStore::contextChoiceChanged);
+    connect(m_contextMeter, &ContextMeter::changed, this, &EngineStore::contextMeterChanged);
+    // The meter shows only with a model, and the notice only with a draft.
+    connect(m_engine, &EngineConnection::stateChanged, this, &EngineStore::contextMeterChanged);
+    connect(m_chat, &ChatSession::promptChanged, this, &EngineStore::contextMeterChanged);
+    connect(m_chat, &ChatSession::attachmentChanged, this, &EngineStore::contextMeterChanged);
     for (const auto changed : {&EngineStore::loadingChanged, &EngineStore::generatingChanged})
         connect(this, changed, this, &EngineStore::canChangeModelChanged);
 
@@ -97,6 +105,39 @@ QVariant EngineStore::attachmentValue() const
 QString EngineStore::selectedIDText() const
 {
     return selectedID() ? uuidText(*selectedID()) : QString();
+}
+
+int EngineStore::contextChoiceIndex() const
+{
+    return ContextChoiceListModel::rowOf(contextChoice());
+}
+
+QString EngineStore::contextMeterLevel() const
+{
+    switch (m_contextMeter->level()) {
+    case ContextMeter::Level::Overflowing:
+        return QStringLiteral("overflowing");
+    case ContextMeter::Level::NearlyFull:
+        return QStringLiteral("nearlyFull");
+    case ContextMeter::Level::Comfortable:
+        break;
+    }
+    return QStringLiteral("comfortable");
+}
+
+QString EngineStore::contextStartID() const
+{
+    const auto first = m_contextMeter->firstSeenMessage();
+    return first ? uuidText(*first) : QString();
+}
+
+void EngineStore::chooseContext(int row)
+{
+    const QList<int> &choices = ContextChoiceListModel::choices();
+    if (row >= 0 && row < choices.size())
+        setContextChoice(choices.at(row));
+    else
+        emit contextChoiceChanged();
 }
 
 void EngineStore::setError(const std::optional<QString> &error)

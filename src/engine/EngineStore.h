@@ -4,6 +4,7 @@
 #include "EngineFailure.h"
 #include "FileChooser.h"
 #include "chat/ChatSession.h"
+#include "chat/ContextMeter.h"
 #include "chat/Conversations.h"
 #include "library/ModelLibrary.h"
 #include "model/Conversation.h"
@@ -20,6 +21,7 @@
 #include <memory>
 #include <optional>
 
+class ContextChoiceListModel;
 class ConversationListModel;
 class DownloadListModel;
 class LocalModelListModel;
@@ -38,6 +40,7 @@ class EngineStore : public QObject {
     Q_MOC_INCLUDE("chat/MessageListModel.h")
     Q_MOC_INCLUDE("library/LocalModelListModel.h")
     Q_MOC_INCLUDE("library/DownloadListModel.h")
+    Q_MOC_INCLUDE("library/ContextChoiceListModel.h")
 
     Q_PROPERTY(QVariant state READ stateValue NOTIFY stateChanged)
     Q_PROPERTY(bool ready READ ready NOTIFY readyChanged)
@@ -51,6 +54,8 @@ class EngineStore : public QObject {
     Q_PROPERTY(bool showLibrary READ showLibrary WRITE setShowLibrary NOTIFY showLibraryChanged)
     Q_PROPERTY(double temperature READ temperature WRITE setTemperature NOTIFY temperatureChanged)
     Q_PROPERTY(int tokenLimit READ tokenLimit WRITE setTokenLimit NOTIFY tokenLimitChanged)
+    // The context models load with, in tokens; 0 for each model's maximum.
+    Q_PROPERTY(int contextChoice READ contextChoice WRITE setContextChoice NOTIFY contextChoiceChanged)
 
     // Derived from the properties above.
     Q_PROPERTY(bool hasError READ hasError NOTIFY errorChanged)
@@ -67,12 +72,26 @@ class EngineStore : public QObject {
     Q_PROPERTY(bool canSend READ canSend NOTIFY canSendChanged)
     Q_PROPERTY(bool canChangeModel READ canChangeModel NOTIFY canChangeModelChanged)
     Q_PROPERTY(QString dataFolder READ dataFolder CONSTANT)
+    // The context picker's row for contextChoice.
+    Q_PROPERTY(int contextChoiceIndex READ contextChoiceIndex NOTIFY contextChoiceChanged)
+    // The footer's meter of the selected conversation's use of the context: shown with
+    // a model and once counted; its level is "comfortable", "nearlyFull" (80 % and
+    // more) or "overflowing" (earlier messages are left out).
+    Q_PROPERTY(bool contextMeterShown READ contextMeterShown NOTIFY contextMeterChanged)
+    Q_PROPERTY(QString contextMeterText READ contextMeterText NOTIFY contextMeterChanged)
+    Q_PROPERTY(QString contextMeterLevel READ contextMeterLevel NOTIFY contextMeterChanged)
+    // The earliest message of the selected conversation that the model saw in its last
+    // reply, when earlier ones were left out; empty otherwise.
+    Q_PROPERTY(QString contextStartID READ contextStartID NOTIFY contextMeterChanged)
+    // Sending the draft would leave out earlier messages.
+    Q_PROPERTY(bool draftBeyondContext READ draftBeyondContext NOTIFY contextMeterChanged)
 
     // List views of the same data, updated row by row.
     Q_PROPERTY(ConversationListModel *conversationList READ conversationList CONSTANT)
     Q_PROPERTY(MessageListModel *messageList READ messageList CONSTANT)
     Q_PROPERTY(LocalModelListModel *modelList READ modelList CONSTANT)
     Q_PROPERTY(DownloadListModel *downloadList READ downloadList CONSTANT)
+    Q_PROPERTY(ContextChoiceListModel *contextChoices READ contextChoices CONSTANT)
 
 public:
     explicit EngineStore(QObject *parent = nullptr);
@@ -82,6 +101,7 @@ public:
     EngineConnection &engine() const { return *m_engine; }
     ChatSession &chat() const { return *m_chat; }
     ModelLibrary &library() const { return *m_library; }
+    ContextMeter &contextMeter() const { return *m_contextMeter; }
 
     // --- published state -------------------------------------------------------------
     const std::optional<EngineState> &state() const { return m_engine->state(); }
@@ -104,6 +124,7 @@ public:
     bool showLibrary() const { return m_showLibrary; }
     double temperature() const { return m_chat->temperature(); }
     int tokenLimit() const { return m_chat->tokenLimit(); }
+    int contextChoice() const { return m_library->contextChoice(); }
 
     // What the views and the shell may set.
     void setError(const std::optional<QString> &error);
@@ -118,6 +139,9 @@ public:
     void setShowLibrary(bool show);
     void setTemperature(double temperature) { m_chat->setTemperature(temperature); }
     void setTokenLimit(int tokenLimit) { m_chat->setTokenLimit(tokenLimit); }
+    void setContextChoice(int tokens) { m_library->setContextChoice(tokens); }
+    // A pick in the context picker, by row.
+    Q_INVOKABLE void chooseContext(int row);
 
     // --- computed ----------------------------------------------------------------------
     bool hasLoadedModel() const { return m_engine->hasLoadedModel(); }
@@ -130,6 +154,12 @@ public:
     QList<ChatMessage> messages() const { return m_conversations->messages(); }
     bool canSend() const { return m_chat->canSend(); }
     bool canChangeModel() const { return m_library->canChangeModel(); }
+    int contextChoiceIndex() const;
+    bool contextMeterShown() const { return m_contextMeter->shown(); }
+    QString contextMeterText() const { return m_contextMeter->text(); }
+    QString contextMeterLevel() const;
+    QString contextStartID() const;
+    bool draftBeyondContext() const { return m_contextMeter->draftBeyondContext(); }
     // Index of the selected conversation in conversations(), or -1.
     int selectedIndex() const { return m_conversations->selectedIndex(); }
 
@@ -145,6 +175,7 @@ public:
     MessageListModel *messageList() const { return m_conversations->messageList(); }
     LocalModelListModel *modelList() const { return m_library->modelList(); }
     DownloadListModel *downloadList() const { return m_library->downloadList(); }
+    ContextChoiceListModel *contextChoices() const { return m_library->contextChoices(); }
 
     void setOnStatusChange(std::function<void()> callback) { m_onStatusChange = std::move(callback); }
     void setFileChooser(std::shared_ptr<FileChooser> chooser) { m_fileChooser = std::move(chooser); }
@@ -196,6 +227,8 @@ signals:
     void showLibraryChanged();
     void temperatureChanged();
     void tokenLimitChanged();
+    void contextChoiceChanged();
+    void contextMeterChanged();
     void canSendChanged();
     void canChangeModelChanged();
 
@@ -213,4 +246,5 @@ private:
     Conversations *m_conversations;
     ModelLibrary *m_library;
     ChatSession *m_chat;
+    ContextMeter *m_contextMeter;
 };

@@ -30,6 +30,10 @@ QVariant LocalModelListModel::data(const QModelIndex &index, int role) const
     case ActionEnabledRole:
         // Only a size of exactly zero blocks Load; a negative size still allows it.
         return isLoaded(model) || model.size != 0;
+    case DetailsRole:
+        return model.detailsLabel();
+    case KvCacheRole:
+        return model.kvCacheLabel(m_contextChoice);
     default:
         return {};
     }
@@ -43,7 +47,9 @@ QHash<int, QByteArray> LocalModelListModel::roleNames() const
             {SizeLabelRole, "sizeLabel"},
             {ProjectorRole, "projector"},
             {LoadedRole, "loaded"},
-            {ActionEnabledRole, "actionEnabled"}};
+            {ActionEnabledRole, "actionEnabled"},
+            {DetailsRole, "details"},
+            {KvCacheRole, "kvCache"}};
 }
 
 int LocalModelListModel::modelCount() const
@@ -70,7 +76,7 @@ void LocalModelListModel::update(const QList<LocalModel> &models, const QString 
         const LocalModel &incoming = models.at(row);
         LocalModel &current = m_models[row];
         const bool loadedChanged = (current.name == previousLoadedFile) != (current.name == loadedFile);
-        if (incoming.size == current.size && incoming.projector == current.projector && !loadedChanged)
+        if (incoming == current && !loadedChanged)
             continue;
         const bool projectorChanged = incoming.projector != current.projector;
         current = incoming;
@@ -78,4 +84,13 @@ void LocalModelListModel::update(const QList<LocalModel> &models, const QString 
         if (projectorChanged)
             emit countChanged();
     }
+}
+
+void LocalModelListModel::setContextChoice(int tokens)
+{
+    if (m_contextChoice == tokens)
+        return;
+    m_contextChoice = tokens;
+    if (!m_models.isEmpty())
+        emit dataChanged(index(0), index(count() - 1), {KvCacheRole});
 }

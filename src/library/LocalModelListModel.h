@@ -19,7 +19,9 @@ public:
         SizeLabelRole,
         ProjectorRole,
         LoadedRole,
-        ActionEnabledRole
+        ActionEnabledRole,
+        DetailsRole,
+        KvCacheRole
     };
 
     using QAbstractListModel::QAbstractListModel;
@@ -34,6 +36,9 @@ public:
     // Replaces the list and the loaded file's name; rows that stay the same are not
     // touched.
     void update(const QList<LocalModel> &models, const QString &loadedFile);
+    // The context the library would load models with (0: each model's maximum), for
+    // the memory their KV cache would take.
+    void setContextChoice(int tokens);
 
 signals:
     void countChanged();
@@ -43,4 +48,5 @@ private:
 
     QList<LocalModel> m_models;
     QString m_loadedFile;
+    int m_contextChoice = 0;
 };

@@ -1,5 +1,6 @@
 #include "ModelLibrary.h"
 
+#include "ContextChoiceListModel.h"
 #include "DownloadListModel.h"
 #include "HubLink.h"
 #include "LocalModelListModel.h"
@@ -9,7 +10,22 @@
 
 #include <QDesktopServices>
 #include <QJsonObject>
+#include <QSettings>
 #include <QUrl>
+
+namespace {
+
+// The settings key of the context choice.
+const QString contextKey = QStringLiteral("context");
+
+int storedContextChoice()
+{
+    bool isNumber = false;
+    const int stored = QSettings().value(contextKey).toInt(&isNumber);
+    return isNumber && ContextChoiceListModel::rowOf(stored) >= 0 ? stored : ContextChoiceListModel::defaultTokens;
+}
+
+} // namespace
 
 // The engine commands below run as plain calls that nothing holds on to: once sent
 // they finish on their own, even when the library sheet is closed.
@@ -18,14 +34,58 @@ ModelLibrary::ModelLibrary(EngineConnection &engine, QObject *parent)
     : QObject(parent),
       m_engine(engine),
       m_modelList(new LocalModelListModel(this)),
-      m_downloadList(new DownloadListModel(this))
+      m_downloadList(new DownloadListModel(this)),
+      m_contextChoices(new ContextChoiceListModel(this)),
+      m_contextChoice(storedContextChoice())
 {
+    m_modelList->setContextChoice(m_contextChoice);
     // The lists follow each status before anything else hears of it.
     connect(&engine, &EngineConnection::stateChanged, this, [this] {
         const auto &state = m_engine.state();
         m_modelList->update(state ? state->models : QList<LocalModel>(), m_engine.loadedFile());
         m_downloadList->update(state ? state->downloads : QList<DownloadState>());
+        const LocalModel *loaded = loadedModel();
+        m_contextChoices->setTrainedContext(loaded ? loaded->contextLength : std::nullopt);
     });
+}
+
+const LocalModel *ModelLibrary::listedModel(const QString &name) const
+{
+    const auto &state = m_engine.state();
+    if (!state)
+        return nullptr;
+    for (const LocalModel &model : state->models) {
+        if (model.name == name)
+            return &model;
+    }
+    return nullptr;
+}
+
+const LocalModel *ModelLibrary::loadedModel() const
+{
+    return m_engine.hasLoadedModel() ? listedModel(m_engine.loadedFile()) : nullptr;
+}
+
+void ModelLibrary::setContextChoice(int tokens)
+{
+    if (tokens == m_contextChoice)
+        return;
+    if (ContextChoiceListModel::rowOf(tokens) < 0 || !m_contextChoices->available(tokens) || !canChangeModel()) {
+        emit contextChoiceChanged();
+        return;
+    }
+    m_contextChoice = tokens;
+    QSettings().setValue(contextKey, tokens);
+    m_modelList->setContextChoice(tokens);
+    emit contextChoiceChanged();
+
+    // The loaded model takes the new context at once, unless it already has it.
+    if (!m_engine.hasLoadedModel())
+        return;
+    const LocalModel *loaded = loadedModel();
+    const auto context = loaded ? loaded->contextFor(tokens) : std::nullopt;
+    if (!context || *context != m_engine.state()->ctx)
+        load(m_engine.loadedFile());
 }
 
 void ModelLibrary::setLoading(bool loading)
@@ -60,10 +120,13 @@ void ModelLibrary::load(const QString &name)
     m_engine.setActivity(QStringLiteral("Loading ") + name + QChar(0x2026));
     emit errorCleared();
 
+    // A choice the model does not take loads it with its maximum.
+    const LocalModel *listed = listedModel(name);
+    const qint64 context = listed ? listed->loadContext(m_contextChoice) : m_contextChoice;
     const QJsonObject body{
         {QStringLiteral("name"), name},
         {QStringLiteral("gpu"), true},
-        {QStringLiteral("ctx"), 4096},
+        {QStringLiteral("ctx"), context},
     };
     m_engine.client().request(QStringLiteral("api/load"), body, [this](const EngineReply &reply) {
         if (!reply.ok()) {

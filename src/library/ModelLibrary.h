@@ -5,6 +5,8 @@
 #include <functional>
 
 struct EngineReply;
+struct LocalModel;
+class ContextChoiceListModel;
 class DownloadListModel;
 class EngineConnection;
 class FileChooser;
@@ -20,6 +22,16 @@ public:
 
     LocalModelListModel *modelList() const { return m_modelList; }
     DownloadListModel *downloadList() const { return m_downloadList; }
+    ContextChoiceListModel *contextChoices() const { return m_contextChoices; }
+
+    // The context models are loaded with, in tokens; 0 for each model's maximum. Kept
+    // in the settings across launches.
+    int contextChoice() const { return m_contextChoice; }
+    // A new choice reloads the loaded model with it. Refused (contextChoiceChanged
+    // still tells, so a picker shows the choice that holds) for a size that is not
+    // offered or that the loaded model was not trained for, and while a model cannot
+    // change.
+    void setContextChoice(int tokens);
 
     bool loading() const { return m_loading; }
     void setLoading(bool loading);
@@ -36,16 +48,22 @@ public:
 
 signals:
     void loadingChanged();
+    void contextChoiceChanged();
     void errorRaised(const QString &message);
     void errorCleared();
 
 private:
     // Shows a failed command's message, or fetches the status it changed.
     void refreshOrShow(const EngineReply &reply);
+    // A model's entry of the last status, and the loaded model's.
+    const LocalModel *listedModel(const QString &name) const;
+    const LocalModel *loadedModel() const;
 
     EngineConnection &m_engine;
     LocalModelListModel *m_modelList;
     DownloadListModel *m_downloadList;
+    ContextChoiceListModel *m_contextChoices;
+    int m_contextChoice;
     bool m_loading = false;
     std::function<bool()> m_replying;
 };

@@ -3,7 +3,8 @@ import Vorn
 import QtQuick.Controls
 import QtQuick.Layouts
 
-// The input card: the attachment chip, the attach button, the growing prompt field and
+// The input card: a notice when the draft would push earlier messages out of the
+// model's context, the attachment chip, the attach button, the growing prompt field and
 // the send/stop button. Return sends, Shift+Return starts a new line, Ctrl+Return sends
 // or stops.
 Item {
@@ -39,6 +40,17 @@ Item {
             anchors.fill: parent
             anchors.margins: 16
             spacing: 10
+
+            Label {
+                objectName: "contextNotice"
+                visible: Store.draftBeyondContext
+                Layout.fillWidth: true
+                text: "Sending this leaves earlier messages beyond the model's context."
+                elide: Text.ElideRight
+                maximumLineCount: 1
+                font.pixelSize: 11
+                color: Theme.orange
+            }
 
             RowLayout {
                 objectName: "attachmentChip"

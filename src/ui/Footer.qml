@@ -3,7 +3,8 @@ import Vorn
 import QtQuick.Controls
 import QtQuick.Layouts
 
-// The privacy note and, once a run has reported a speed, the last reply's figures.
+// The privacy note, the selected conversation's use of the model's context and, once a
+// run has reported a speed, the last reply's figures.
 Item {
     id: footer
     objectName: "footer"
@@ -28,6 +29,16 @@ Item {
         }
         Item {
             Layout.fillWidth: true
+        }
+        Label {
+            objectName: "contextMeter"
+            visible: Store.contextMeterShown
+            Layout.rightMargin: 12
+            text: Store.contextMeterText
+            font.family: Theme.monospaceFamily
+            font.pixelSize: 10
+            color: Store.contextMeterLevel === "overflowing" ? Theme.red
+                 : Store.contextMeterLevel === "nearlyFull" ? Theme.orange : Theme.accent
         }
         Label {
             objectName: "throughputLabel"

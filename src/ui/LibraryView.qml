@@ -4,7 +4,8 @@ import QtQuick.Controls
 import QtQuick.Layouts
 
 // The model library sheet: the engine's model files and downloads, importing, a
-// download link, and the two generation settings.
+// download link, and the generation settings (temperature, the context models load with,
+// the reply limit).
 Item {
     id: library
     objectName: "libraryView"
@@ -171,7 +172,7 @@ Item {
             Slider {
                 id: temperatureSlider
                 objectName: "temperatureSlider"
-                Layout.preferredWidth: 150
+                Layout.preferredWidth: 120
                 from: 0
                 to: 1.3
                 stepSize: 0.1
@@ -189,6 +190,42 @@ Item {
             }
             Item {
                 Layout.fillWidth: true
+            }
+            RowLayout {
+                Layout.fillWidth: false
+                spacing: 8
+                Label {
+                    objectName: "contextLabel"
+                    text: "Context"
+                    font.pixelSize: 12
+                    color: Theme.primary
+                    opacity: enabled ? 1 : Theme.disabledOpacity
+                }
+                ChoicePicker {
+                    id: contextPicker
+                    objectName: "contextPicker"
+                    Layout.preferredWidth: 136
+                    font.pixelSize: 12
+                    // A new context reloads the loaded model, so not during a load.
+                    enabled: Store.canChangeModel
+                    model: Store.contextChoices
+                    textRole: "label"
+                    valueRole: "tokens"
+                    currentIndex: Store.contextChoiceIndex
+                    onActivated: (index) => Store.chooseContext(index)
+                    delegate: ItemDelegate {
+                        required property int index
+                        required property string label
+                        required property bool available
+                        objectName: "contextChoice"
+                        width: ListView.view ? ListView.view.width : implicitWidth
+                        text: label
+                        font.pixelSize: 12
+                        enabled: available
+                        // The pop-up's list follows the highlighted choice.
+                        highlighted: ListView.isCurrentItem
+                    }
+                }
             }
             RowLayout {
                 Layout.preferredWidth: 190

@@ -5,8 +5,9 @@ import QtQuick.Layouts
 
 // One message: a caption, the picture if it has one, and the selectable text (a
 // reply's as Markdown). The user's messages sit on the raised fill; the assistant's
-// have a copy button.
-Rectangle {
+// have a copy button. Above the first message the model still saw, a divider says that
+// earlier ones were left out.
+Item {
     id: block
 
     required property int index
@@ -22,16 +23,31 @@ Rectangle {
     required property int thinkingSeconds
 
     objectName: "messageBlock"
-    implicitHeight: column.implicitHeight + 40
-    radius: 14
-    color: isUser ? Theme.raisedFill : "transparent"
+    implicitHeight: fill.y + column.implicitHeight + 40
+
+    ContextDivider {
+        id: divider
+        visible: Store.contextStartID === block.messageId
+        width: block.width
+        y: 6
+    }
+
+    Rectangle {
+        id: fill
+        objectName: "messageFill"
+        y: divider.visible ? divider.height + 20 : 0
+        width: block.width
+        height: column.implicitHeight + 40
+        radius: 14
+        color: block.isUser ? Theme.raisedFill : "transparent"
+    }
 
     // A plain column, not a layout: a layout reads the text's implicit width, and a
     // TextEdit then lays its whole document out twice on every change.
     Column {
         id: column
         x: 20
-        y: 20
+        y: fill.y + 20
         width: block.width - 40
         spacing: 10
 

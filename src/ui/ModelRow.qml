@@ -3,7 +3,9 @@ import Vorn
 import QtQuick.Controls
 import QtQuick.Layouts
 
-// One model file of the library. Projector files are listed but have no button.
+// One model file of the library: its name, what its header tells, the memory its KV
+// cache takes at the chosen context, and its size. Projector files are listed but have
+// no button.
 Rectangle {
     id: row
 
@@ -12,6 +14,8 @@ Rectangle {
     required property bool projector
     required property bool loaded
     required property bool actionEnabled
+    required property string details
+    required property string kvCache
 
     objectName: "modelRow"
     implicitHeight: content.implicitHeight + 24
@@ -50,11 +54,35 @@ Rectangle {
                 opacity: row.enabled ? 1 : Theme.disabledOpacity
             }
             Label {
-                objectName: "modelSize"
-                text: row.sizeLabel + (row.projector ? " · image projector" : "")
+                objectName: "modelDetails"
+                Layout.fillWidth: true
+                visible: row.details.length > 0
+                text: row.details
+                elide: Text.ElideRight
                 font.pixelSize: 11
-                color: Theme.secondary
-                opacity: row.enabled ? 1 : Theme.disabledOpacity
+                color: Theme.primary
+                opacity: row.enabled ? 0.8 : Theme.disabledOpacity
+            }
+            RowLayout {
+                Layout.fillWidth: true
+                spacing: 0
+                Label {
+                    objectName: "modelSize"
+                    text: row.sizeLabel + (row.projector ? " · image projector" : "")
+                    font.pixelSize: 11
+                    color: Theme.secondary
+                    opacity: row.enabled ? 1 : Theme.disabledOpacity
+                }
+                Label {
+                    objectName: "modelKvCache"
+                    Layout.fillWidth: true
+                    visible: row.kvCache.length > 0
+                    text: " · " + row.kvCache
+                    elide: Text.ElideRight
+                    font.pixelSize: 11
+                    color: Theme.secondary
+                    opacity: row.enabled ? 1 : Theme.disabledOpacity
+                }
             }
         }
         PushButton {

@@ -3,6 +3,7 @@
 #include "chat/ConversationListModel.h"
 #include "chat/MessageListModel.h"
 #include "engine/EngineStore.h"
+#include "library/ContextChoiceListModel.h"
 #include "library/DownloadListModel.h"
 #include "library/LocalModelListModel.h"
 
@@ -41,6 +42,12 @@ struct MessageListModelForeign {
 struct LocalModelListModelForeign {
     Q_GADGET
     QML_FOREIGN(LocalModelListModel)
+    QML_ANONYMOUS
+};
+
+struct ContextChoiceListModelForeign {
+    Q_GADGET
+    QML_FOREIGN(ContextChoiceListModel)
     QML_ANONYMOUS
 };
 

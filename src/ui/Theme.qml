@@ -39,6 +39,7 @@ QtObject {
     readonly property color secondary: dark ? Qt.rgba(0.93, 0.94, 0.96, 0.55) : Qt.rgba(0, 0, 0, 0.5)
     readonly property color gray: dark ? Qt.rgba(0.6, 0.62, 0.66, 1) : Qt.rgba(0.56, 0.56, 0.58, 1)
     readonly property color orange: dark ? "#ff9f0a" : "#f08c00"
+    readonly property color red: dark ? "#ff453a" : "#d70015"
 
     // Bordered controls (buttons, pickers): their fill by state, and their border.
     function controlFill(pressed, hovered) {

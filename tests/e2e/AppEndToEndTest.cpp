@@ -128,6 +128,11 @@ private slots:
             QVERIFY(window.waitFor([&] { return window.visibleItems(QStringLiteral("modelRow")).size() == 1; }, 10000));
             QCOMPARE(shownTexts(window, QStringLiteral("modelName")), QStringList{QStringLiteral("stories260K.gguf")});
             QCOMPARE(shownTexts(window, QStringLiteral("modelSize")), QStringList{byteCountText(modelSize)});
+            // What the engine read from the model's header, and its KV cache at 4096 tokens.
+            QCOMPARE(shownTexts(window, QStringLiteral("modelDetails")),
+                     QStringList{QStringLiteral("llama \u00b7 293K \u00b7 F32 \u00b7 2K context")});
+            QCOMPARE(shownTexts(window, QStringLiteral("modelKvCache")),
+                     QStringList{QStringLiteral(" \u00b7 KV cache for 4K context: 2.6 MB")});
             QVERIFY(!WindowDriver::shown(window.item(QStringLiteral("emptyLibraryNote"))));
             QVERIFY(QFileInfo::exists(QDir(home.modelsFolder()).filePath(QStringLiteral("stories260K.gguf"))));
             window.saveScreenshot(QStringLiteral("app-2-model-added"));
@@ -175,6 +180,11 @@ private slots:
                      qPrintable(speed));
             QCOMPARE(WindowDriver::text(window.item(QStringLiteral("tokensLabel"))),
                      QStringLiteral(" %1 tokens").arg(static_cast<qint64>(store.state()->last.completion_tokens)));
+            // And the conversation's use of the context, as the reply told it.
+            const QString meter = WindowDriver::text(window.item(QStringLiteral("contextMeter")));
+            QVERIFY2(WindowDriver::shown(window.item(QStringLiteral("contextMeter")))
+                         && QRegularExpression(QStringLiteral("^[\\d,]+ / 4,096 tokens$")).match(meter).hasMatch(),
+                     qPrintable(meter));
             // The sidebar lists the conversation under its first words.
             QCOMPARE(window.visibleItems(QStringLiteral("conversationRow")).size(), 1);
             conversationID = store.selectedIDText();

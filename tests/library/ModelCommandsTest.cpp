@@ -2,7 +2,11 @@
 #include "PlatformText.h"
 #include "StoreTestCase.h"
 
+#include "library/ContextChoiceListModel.h"
+#include "library/LocalModelListModel.h"
+
 #include <QDesktopServices>
+#include <QSettings>
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QtTest>
@@ -328,6 +332,206 @@ private slots:
         QTRY_VERIFY(store().error());
         QCOMPARE(*store().error(), QStringLiteral("The hub did not answer"));
         QCOMPARE(engine().countOf("/api/state"), 0);
+    }
+
+    // --- context -------------------------------------------------------------------
+
+    void theContextStartsAt4096WithEightChoices()
+    {
+        QCOMPARE(store().contextChoice(), 4096);
+        QCOMPARE(store().contextChoiceIndex(), 1);
+        QAbstractItemModel *choices = store().contextChoices();
+        QCOMPARE(choices->rowCount(), 8);
+        QStringList labels;
+        for (int row = 0; row < choices->rowCount(); ++row) {
+            labels.append(choices->index(row, 0).data(ContextChoiceListModel::LabelRole).toString());
+            // Nothing is loaded: every choice is open.
+            QVERIFY(choices->index(row, 0).data(ContextChoiceListModel::AvailableRole).toBool());
+        }
+        QCOMPARE(labels, (QStringList{"2048", "4096", "8192", "16384", "32768", "65536", "131072", "Model maximum"}));
+        QCOMPARE(choices->index(7, 0).data(ContextChoiceListModel::TokensRole).toInt(), 0);
+    }
+
+    void loadsSendTheChosenContextAndTheMaximumAsZero()
+    {
+        const QByteArray models = "[" + FakeEngine::modelJson("long.gguf", 10, {"llama", 131072, 0, {}, 0}) + ","
+            + FakeEngine::modelJson("plain.gguf", 10, {}) + "]";
+        engine().setState(FakeEngine::stateJson({}, false, models));
+        engine().route("POST", "/api/load", FakeResponse::json(200, "{}"));
+        QVERIFY(setup().roundTrip());
+
+        store().setContextChoice(32768);
+        QCOMPARE(store().contextChoice(), 32768);
+        store().load(QStringLiteral("long.gguf"));
+        QTRY_VERIFY(!store().loading());
+        store().setContextChoice(0);
+        store().load(QStringLiteral("long.gguf"));
+        QTRY_VERIFY(!store().loading());
+        // A model whose header does not tell its trained context gets the choice as it is.
+        store().setContextChoice(65536);
+        store().load(QStringLiteral("plain.gguf"));
+        QTRY_VERIFY(!store().loading());
+
+        const auto loads = engine().requestsTo("/api/load");
+        QCOMPARE(loads.size(), 3);
+        QCOMPARE(loads.at(0).json(), (QJsonObject{{"name", "long.gguf"}, {"gpu", true}, {"ctx", 32768}}));
+        QCOMPARE(loads.at(1).json(), (QJsonObject{{"name", "long.gguf"}, {"gpu", true}, {"ctx", 0}}));
+        QCOMPARE(loads.at(2).json(), (QJsonObject{{"name", "plain.gguf"}, {"gpu", true}, {"ctx", 65536}}));
+    }
+
+    void aModelTrainedForLessLoadsWithItsMaximum()
+    {
+        const QByteArray models = "[" + FakeEngine::modelJson("short.gguf", 10, {"llama", 2048, 0, {}, 0}) + "]";
+        engine().setState(FakeEngine::stateJson({}, false, models));
+        engine().route("POST", "/api/load", FakeResponse::json(200, "{}"));
+        QVERIFY(setup().roundTrip());
+
+        store().setContextChoice(16384);
+        store().load(QStringLiteral("short.gguf"));
+        QTRY_VERIFY(!store().loading());
+        // 4096 tokens it takes, as loads always asked for.
+        store().setContextChoice(4096);
+        store().load(QStringLiteral("short.gguf"));
+        QTRY_VERIFY(!store().loading());
+
+        const auto loads = engine().requestsTo("/api/load");
+        QCOMPARE(loads.size(), 2);
+        QCOMPARE(loads.at(0).json().value("ctx").toInt(-1), 0);
+        QCOMPARE(loads.at(1).json().value("ctx").toInt(-1), 4096);
+        QVERIFY(!store().error());
+    }
+
+    void choicesAboveTheLoadedModelsTrainingAreClosed()
+    {
+        const QByteArray models = "[" + FakeEngine::modelJson("m.gguf", 10, {"llama", 8192, 0, {}, 0}) + "]";
+        engine().setState(FakeEngine::stateJson(QStringLiteral("m.gguf"), false, models));
+        QVERIFY(setup().roundTrip());
+
+        QAbstractItemModel *choices = store().contextChoices();
+        QList<bool> available;
+        for (int row = 0; row < choices->rowCount(); ++row)
+            available.append(choices->index(row, 0).data(ContextChoiceListModel::AvailableRole).toBool());
+        QCOMPARE(available, (QList<bool>{true, true, true, false, false, false, false, true}));
+
+        // A closed choice is refused, and the picker is told to show the one that holds.
+        QSignalSpy changed(&store(), &EngineStore::contextChoiceChanged);
+        store().chooseContext(3);
+        QCOMPARE(store().contextChoice(), 4096);
+        QCOMPARE(changed.size(), 1);
+        store().setContextChoice(12345);
+        QCOMPARE(store().contextChoice(), 4096);
+        QCOMPARE(changed.size(), 2);
+        QVERIFY(setup().roundTrip());
+        QCOMPARE(engine().countOf("/api/load"), 0);
+
+        // Unloaded, every choice opens again.
+        engine().setState(FakeEngine::stateJson({}, false, models));
+        QVERIFY(setup().roundTrip());
+        QVERIFY(choices->index(6, 0).data(ContextChoiceListModel::AvailableRole).toBool());
+    }
+
+    void theDefaultContextStaysOpenForAModelTrainedWithLess()
+    {
+        const QByteArray models = "[" + FakeEngine::modelJson("m.gguf", 10, {"llama", 2048, 0, {}, 0}) + "]";
+        engine().setState(FakeEngine::stateJson(QStringLiteral("m.gguf"), false, models));
+        QVERIFY(setup().roundTrip());
+
+        QAbstractItemModel *choices = store().contextChoices();
+        QList<bool> available;
+        for (int row = 0; row < choices->rowCount(); ++row)
+            available.append(choices->index(row, 0).data(ContextChoiceListModel::AvailableRole).toBool());
+        QCOMPARE(available, (QList<bool>{true, true, false, false, false, false, false, true}));
+        QCOMPARE(store().contextChoice(), 4096);
+    }
+
+    void aNewChoiceReloadsTheLoadedModel()
+    {
+        const QByteArray models = "[" + FakeEngine::modelJson("m.gguf", 10, {"llama", 32768, 0, {}, 0}) + "]";
+        // The engine reports the context of the last load.
+        auto loadedContext = std::make_shared<qint64>(4096);
+        engine().route("GET", "/api/state", [models, loadedContext](const RecordedRequest &) {
+            return FakeResponse::json(200,
+                                      FakeEngine::stateJson(QStringLiteral("m.gguf"), false, models, "[]", 0, 0,
+                                                            QStringLiteral("cpu"), *loadedContext));
+        });
+        engine().route("POST", "/api/load", [loadedContext](const RecordedRequest &request) {
+            const qint64 context = request.json().value("ctx").toInteger();
+            *loadedContext = context == 0 ? 32768 : context;
+            return FakeResponse::json(200, "{}");
+        });
+        QVERIFY(setup().roundTrip());
+
+        store().setContextChoice(16384);
+        QVERIFY(store().loading());
+        QTRY_VERIFY(!store().loading());
+        QCOMPARE(store().state()->ctx, qint64(16384));
+        store().chooseContext(7);
+        QTRY_VERIFY(!store().loading());
+        QCOMPARE(store().state()->ctx, qint64(32768));
+        // The model maximum is what is loaded: 32768 changes nothing.
+        store().setContextChoice(32768);
+        QCOMPARE(store().contextChoice(), 32768);
+        QVERIFY(!store().loading());
+
+        const auto loads = engine().requestsTo("/api/load");
+        QCOMPARE(loads.size(), 2);
+        QCOMPARE(loads.at(0).json(), (QJsonObject{{"name", "m.gguf"}, {"gpu", true}, {"ctx", 16384}}));
+        QCOMPARE(loads.at(1).json(), (QJsonObject{{"name", "m.gguf"}, {"gpu", true}, {"ctx", 0}}));
+    }
+
+    void theChoiceWaitsWhileAReplyIsGenerated()
+    {
+        engine().setState(FakeEngine::stateJson(QStringLiteral("m.gguf")));
+        engine().route("POST", "/v1/chat/completions", FakeResponse::silent());
+        QVERIFY(setup().roundTrip());
+        store().setPrompt(QStringLiteral("Hello"));
+        store().send();
+        QTRY_VERIFY(store().generating());
+
+        store().setContextChoice(8192);
+        QCOMPARE(store().contextChoice(), 4096);
+        store().stop();
+        QVERIFY(setup().waitUntilIdle());
+        QCOMPARE(engine().countOf("/api/load"), 0);
+    }
+
+    void theChoiceSurvivesARestart()
+    {
+        store().setContextChoice(16384);
+        setup().restart();
+        QCOMPARE(store().contextChoice(), 16384);
+        QCOMPARE(store().contextChoiceIndex(), 3);
+        store().setContextChoice(0);
+        setup().restart();
+        QCOMPARE(store().contextChoice(), 0);
+        // A stored size that is not offered starts from the default.
+        QSettings().setValue("context", 5000);
+        setup().restart();
+        QCOMPARE(store().contextChoice(), 4096);
+    }
+
+    void theKvCacheOfEachModelFollowsTheChoice()
+    {
+        const QByteArray models = "["
+            + FakeEngine::modelJson("m.gguf", 10, {"llama", 131072, 1100048384, "Q4_0", 22528}) + ","
+            + FakeEngine::modelJson("p.gguf", 10, {"clip", 0, 844288, "Q8_0", 0}, true) + "]";
+        engine().setState(FakeEngine::stateJson({}, false, models));
+        QVERIFY(setup().roundTrip());
+        QAbstractItemModel *list = store().modelList();
+        const auto role = [list](int row, int role) { return list->index(row, 0).data(role).toString(); };
+        QCOMPARE(role(0, LocalModelListModel::DetailsRole),
+                 QStringLiteral("llama \u00b7 1.1B \u00b7 Q4_0 \u00b7 128K context"));
+        QCOMPARE(role(0, LocalModelListModel::KvCacheRole), QStringLiteral("KV cache for 4K context: 92.3 MB"));
+        QCOMPARE(role(1, LocalModelListModel::DetailsRole), QStringLiteral("clip \u00b7 844K \u00b7 Q8_0"));
+        QCOMPARE(role(1, LocalModelListModel::KvCacheRole), QString());
+
+        QSignalSpy changed(list, &QAbstractItemModel::dataChanged);
+        store().setContextChoice(0);
+        QCOMPARE(changed.size(), 1);
+        QCOMPARE(role(0, LocalModelListModel::KvCacheRole), QStringLiteral("KV cache for 128K context: 2.95 GB"));
+        // The same status again changes no row.
+        QVERIFY(setup().roundTrip());
+        QCOMPARE(changed.size(), 1);
     }
 
     // --- reveal -------------------------------------------------------------------

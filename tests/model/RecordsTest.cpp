@@ -1,4 +1,5 @@
 #include "model/ByteCountText.h"
+#include "model/ContextUse.h"
 #include "model/EngineState.h"
 
 #include <QJsonDocument>
@@ -151,6 +152,161 @@ private slots:
         QCOMPARE((LocalModel{"m.gguf", -1, false}.sizeLabel()), QStringLiteral("Source file missing"));
         QCOMPARE((LocalModel{"m.gguf", 1, false}.sizeLabel()), QStringLiteral("1 byte"));
         QCOMPARE((LocalModel{"m.gguf", 4368000000, false}.sizeLabel()), QStringLiteral("4.37 GB"));
+    }
+
+    void modelDetailsAreReadWhenPresentAndLeftOutOtherwise()
+    {
+        const auto detailed = LocalModel::fromJson(
+            QJsonDocument::fromJson(R"({"name":"tiny.gguf","size":1185376,"projector":false,"architecture":"llama",)"
+                                    R"("context_length":131072,"parameters":1100048384,"quantization":"Q4_0",)"
+                                    R"("kv_bytes_per_token":22528,"unknown":{"nested":[1]}})")
+                .object());
+        QVERIFY(detailed);
+        QCOMPARE(detailed->architecture, std::optional<QString>(QStringLiteral("llama")));
+        QCOMPARE(detailed->contextLength, std::optional<qint64>(131072));
+        QCOMPARE(detailed->parameters, std::optional<qint64>(1100048384));
+        QCOMPARE(detailed->quantization, std::optional<QString>(QStringLiteral("Q4_0")));
+        QCOMPARE(detailed->kvBytesPerToken, std::optional<qint64>(22528));
+        QCOMPARE(detailed->detailsLabel(), QStringLiteral("llama \u00b7 1.1B \u00b7 Q4_0 \u00b7 128K context"));
+        // Encoded and read again, the details stay.
+        QCOMPARE(LocalModel::fromJson(detailed->toJson()), detailed);
+
+        // An older engine sends none: the entry decodes, and shows no details.
+        const auto plain = LocalModel::fromJson(
+            QJsonDocument::fromJson(R"({"name":"m.gguf","size":5,"projector":false})").object());
+        QVERIFY(plain);
+        QVERIFY(!plain->architecture && !plain->contextLength && !plain->parameters && !plain->quantization
+                && !plain->kvBytesPerToken);
+        QCOMPARE(plain->detailsLabel(), QString());
+        QCOMPARE(plain->kvCacheLabel(4096), QString());
+        QCOMPARE(plain->toJson().keys(), (QStringList{"name", "projector", "size"}));
+
+        // Details of another type, or counts that are not positive whole numbers, are
+        // ignored rather than failing the whole status.
+        const auto odd = LocalModel::fromJson(
+            QJsonDocument::fromJson(
+                R"({"name":"m.gguf","size":5,"projector":false,"architecture":7,"context_length":"4096",)"
+                R"("parameters":1.5,"quantization":null,"kv_bytes_per_token":-3})")
+                .object());
+        QVERIFY(odd);
+        QCOMPARE(odd->detailsLabel(), QString());
+        QVERIFY(EngineState::decode(minimalState(R"("models":[])",
+                                                 R"("models":[{"name":"m.gguf","size":5,"projector":false,)"
+                                                 R"("context_length":"x","architecture":[]}])")));
+    }
+
+    void modelDetailsShowWhatTheHeaderGives()
+    {
+        LocalModel model{"m.gguf", 1, false};
+        model.quantization = QStringLiteral("F32");
+        QCOMPARE(model.detailsLabel(), QStringLiteral("F32"));
+        model.parameters = 292800;
+        model.contextLength = 2048;
+        QCOMPARE(model.detailsLabel(), QStringLiteral("293K \u00b7 F32 \u00b7 2K context"));
+        model.architecture = QStringLiteral("clip");
+        model.contextLength.reset();
+        QCOMPARE(model.detailsLabel(), QStringLiteral("clip \u00b7 293K \u00b7 F32"));
+    }
+
+    void counts_data()
+    {
+        QTest::addColumn<qint64>("number");
+        QTest::addColumn<QString>("parameters");
+        QTest::addColumn<QString>("context");
+        QTest::newRow("tiny") << qint64(512) << "512"
+                              << "512";
+        QTest::newRow("260K") << qint64(292800) << "293K"
+                              << "292,800";
+        QTest::newRow("2K") << qint64(2048) << "2.0K"
+                            << "2K";
+        QTest::newRow("8000") << qint64(8000) << "8.0K"
+                              << "8,000";
+        QTest::newRow("1B") << qint64(1100048384) << "1.1B"
+                            << "1074266K";
+        QTest::newRow("7B") << qint64(6738415616) << "6.7B"
+                            << "6580484K";
+        QTest::newRow("13B") << qint64(13015864321) << "13B"
+                             << "13,015,864,321";
+        QTest::newRow("9.96B") << qint64(9960000000) << "10B"
+                               << "9,960,000,000";
+        QTest::newRow("128K") << qint64(131072) << "131K"
+                              << "128K";
+        QTest::newRow("1M") << qint64(1048576) << "1.0M"
+                            << "1M";
+    }
+
+    void counts()
+    {
+        QFETCH(qint64, number);
+        QFETCH(QString, parameters);
+        QFETCH(QString, context);
+        QCOMPARE(parameterCountText(number), parameters);
+        QCOMPARE(contextLengthText(number), context);
+    }
+
+    void theKvCacheFollowsTheContextAModelLoadsWith()
+    {
+        LocalModel model{"m.gguf", 1, false};
+        model.kvBytesPerToken = 22528;
+        // Without a trained context, the choice is taken as it is; its maximum is unknown.
+        QCOMPARE(model.loadContext(8192), qint64(8192));
+        QCOMPARE(model.loadContext(0), qint64(0));
+        QCOMPARE(model.contextFor(0), std::optional<qint64>());
+        QCOMPARE(model.kvCacheLabel(0), QString());
+        QCOMPARE(model.kvCacheLabel(4096), QStringLiteral("KV cache for 4K context: 92.3 MB"));
+
+        model.contextLength = 2048;
+        // Up to 4096 tokens the engine takes any context; beyond the trained context
+        // the model loads with its maximum.
+        QCOMPARE(model.loadContext(4096), qint64(4096));
+        QCOMPARE(model.loadContext(2048), qint64(2048));
+        QCOMPARE(model.loadContext(32768), qint64(0));
+        QCOMPARE(model.contextFor(32768), std::optional<qint64>(2048));
+        QCOMPARE(model.contextFor(0), std::optional<qint64>(2048));
+        QCOMPARE(model.kvCacheLabel(0), QStringLiteral("KV cache for 2K context: 46.1 MB"));
+
+        model.contextLength = 131072;
+        QCOMPARE(model.loadContext(32768), qint64(32768));
+        QCOMPARE(model.kvCacheLabel(0), QStringLiteral("KV cache for 128K context: 2.95 GB"));
+        // A projector loads with a model, not with a context of its own.
+        model.projector = true;
+        QCOMPARE(model.kvCacheLabel(4096), QString());
+        // A size past what a count holds is not believed.
+        model.projector = false;
+        model.kvBytesPerToken = std::numeric_limits<qint64>::max() / 2;
+        QCOMPARE(model.kvCacheLabel(4096), QString());
+    }
+
+    void contextUseFromACountAndFromAReply()
+    {
+        const auto counted = ContextUse::fromCount(
+            QJsonDocument::fromJson(R"({"tokens":2310,"size":8192,"dropped_messages":0,"extra":1})").object());
+        QCOMPARE(counted, std::optional<ContextUse>(ContextUse{2310, 8192, 0}));
+        QVERIFY(!ContextUse::fromCount(QJsonDocument::fromJson(R"({"tokens":1,"size":8192})").object()));
+        QVERIFY(!ContextUse::fromCount(
+            QJsonDocument::fromJson(R"({"tokens":"1","size":8192,"dropped_messages":0})").object()));
+        QVERIFY(
+            !ContextUse::fromCount(QJsonDocument::fromJson(R"({"tokens":1,"size":0,"dropped_messages":0})").object()));
+        QVERIFY(!ContextUse::fromCount(
+            QJsonDocument::fromJson(R"({"tokens":1,"size":64,"dropped_messages":-1})").object()));
+
+        const auto replied = ContextUse::fromReply(
+            QJsonDocument::fromJson(
+                R"({"choices":[],"usage":{"prompt_tokens":321,"completion_tokens":8,"total_tokens":329},)"
+                R"("context":{"size":512,"dropped_messages":56}})")
+                .object());
+        QCOMPARE(replied, std::optional<ContextUse>(ContextUse{329, 512, 56}));
+        // Usage alone, as older engines sent it, tells nothing of the context.
+        QVERIFY(!ContextUse::fromReply(
+            QJsonDocument::fromJson(R"({"usage":{"prompt_tokens":1,"completion_tokens":1,"total_tokens":2}})")
+                .object()));
+    }
+
+    void nearlyFullFromEightyPercent()
+    {
+        QVERIFY(!(ContextUse{3276, 4096, 0}.nearlyFull()));
+        QVERIFY((ContextUse{3277, 4096, 0}.nearlyFull()));
+        QVERIFY((ContextUse{4096, 4096, 0}.nearlyFull()));
     }
 
     void byteCounts_data()

@@ -58,6 +58,26 @@ QByteArray FakeResponse::reasoningDelta(const QString &reasoning)
     return "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
 }
 
+QByteArray FakeResponse::lastChunk(qint64 promptTokens, qint64 completionTokens, qint64 contextSize,
+                                   qint64 droppedMessages)
+{
+    const QJsonObject event{
+        {"choices", QJsonArray{QJsonObject{{"index", 0}, {"delta", QJsonObject{}}, {"finish_reason", "stop"}}}},
+        {"usage",
+         QJsonObject{{"prompt_tokens", promptTokens},
+                     {"completion_tokens", completionTokens},
+                     {"total_tokens", promptTokens + completionTokens}}},
+        {"context", QJsonObject{{"size", contextSize}, {"dropped_messages", droppedMessages}}},
+    };
+    return "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
+}
+
+FakeResponse FakeResponse::count(qint64 tokens, qint64 contextSize, qint64 droppedMessages)
+{
+    const QJsonObject answer{{"tokens", tokens}, {"size", contextSize}, {"dropped_messages", droppedMessages}};
+    return json(200, QJsonDocument(answer).toJson(QJsonDocument::Compact));
+}
+
 FakeResponse FakeResponse::file(const QByteArray &contents, const RecordedRequest &request, int pieceSize, int delayMs)
 {
     FakeResponse response;
@@ -155,13 +175,30 @@ void FakeEngine::dropAllConnections()
 
 QByteArray FakeEngine::stateJson(const QString &loaded, bool vision, const QByteArray &modelsJson,
                                  const QByteArray &downloadsJson, double decodeTps, qint64 completionTokens,
-                                 const QString &backend)
+                                 const QString &backend, qint64 contextSize)
 {
     const QByteArray loadedJson = loaded.isEmpty() ? QByteArray("null") : '"' + loaded.toUtf8() + '"';
     return QByteArray(R"({"version":"test","dir":"/models","loaded":)") + loadedJson + R"(,"backend":")"
-        + backend.toUtf8() + R"(","ctx":4096,"vision":)" + (vision ? "true" : "false") + R"(,"models":)" + modelsJson
-        + R"(,"downloads":)" + downloadsJson + R"(,"last":{"decode_tps":)" + QByteArray::number(decodeTps)
+        + backend.toUtf8() + R"(","ctx":)" + QByteArray::number(contextSize) + R"(,"vision":)"
+        + (vision ? "true" : "false") + R"(,"models":)" + modelsJson + R"(,"downloads":)" + downloadsJson
+        + R"(,"last":{"decode_tps":)" + QByteArray::number(decodeTps)
         + R"(,"prefill_tps":0,"prompt_tokens":0,"completion_tokens":)" + QByteArray::number(completionTokens) + "}}";
+}
+
+QByteArray FakeEngine::modelJson(const QString &name, qint64 size, const ModelDetails &details, bool projector)
+{
+    QJsonObject model{{"name", name}, {"size", size}, {"projector", projector}};
+    if (!details.architecture.isEmpty())
+        model.insert("architecture", details.architecture);
+    if (details.contextLength > 0)
+        model.insert("context_length", details.contextLength);
+    if (details.parameters > 0)
+        model.insert("parameters", details.parameters);
+    if (!details.quantization.isEmpty())
+        model.insert("quantization", details.quantization);
+    if (details.kvBytesPerToken > 0)
+        model.insert("kv_bytes_per_token", details.kvBytesPerToken);
+    return QJsonDocument(model).toJson(QJsonDocument::Compact);
 }
 
 void FakeEngine::onReadyRead(QTcpSocket *socket)

@@ -46,6 +46,11 @@ struct FakeResponse {
     static QByteArray delta(const QString &content);
     // A piece of reasoning, as an engine streams it apart from the answer.
     static QByteArray reasoningDelta(const QString &reasoning);
+    // The last streamed chat event: the finish reason, the usage and the context.
+    static QByteArray lastChunk(qint64 promptTokens, qint64 completionTokens, qint64 contextSize,
+                                qint64 droppedMessages);
+    // The count's answer.
+    static FakeResponse count(qint64 tokens, qint64 contextSize, qint64 droppedMessages);
     // A file served like a download host: honours "Range: bytes=N-", sends the body in
     // pieces of pieceSize bytes with delayMs between them.
     static FakeResponse file(const QByteArray &contents, const RecordedRequest &request, int pieceSize, int delayMs);
@@ -83,7 +88,18 @@ public:
     // A minimal valid status, with the given loaded model (empty: none) and vision flag.
     static QByteArray stateJson(const QString &loaded = {}, bool vision = false, const QByteArray &modelsJson = "[]",
                                 const QByteArray &downloadsJson = "[]", double decodeTps = 0,
-                                qint64 completionTokens = 0, const QString &backend = QStringLiteral("cpu"));
+                                qint64 completionTokens = 0, const QString &backend = QStringLiteral("cpu"),
+                                qint64 contextSize = 4096);
+    // A models entry with what the header tells; a detail left at its empty value is
+    // left out, as the engine leaves out what a header does not give.
+    struct ModelDetails {
+        QString architecture;
+        qint64 contextLength = 0;
+        qint64 parameters = 0;
+        QString quantization;
+        qint64 kvBytesPerToken = 0;
+    };
+    static QByteArray modelJson(const QString &name, qint64 size, const ModelDetails &details, bool projector = false);
 
 signals:
     void requestReceived(const RecordedRequest &request);

@@ -3,6 +3,7 @@
 #include "chat/ConversationListModel.h"
 #include "chat/MessageListModel.h"
 #include "engine/EngineStore.h"
+#include "library/ContextChoiceListModel.h"
 #include "library/DownloadListModel.h"
 #include "library/LocalModelListModel.h"
 
@@ -76,7 +77,8 @@ StoreListModelChecks::StoreListModelChecks(EngineStore &store)
     for (QAbstractItemModel *model :
          {static_cast<QAbstractItemModel *>(store.conversationList()),
           static_cast<QAbstractItemModel *>(store.messageList()), static_cast<QAbstractItemModel *>(store.modelList()),
-          static_cast<QAbstractItemModel *>(store.downloadList())})
+          static_cast<QAbstractItemModel *>(store.downloadList()),
+          static_cast<QAbstractItemModel *>(store.contextChoices())})
         m_checks.push_back(std::make_unique<ListModelChecks>(model));
 }
 

@@ -35,6 +35,33 @@ private:
         return row ? row->findChild<QQuickItem *>(name) : nullptr;
     }
 
+    // Every item of that name at or below root, popups' contents included.
+    static QList<QQuickItem *> itemsBelow(QQuickItem *root, const QString &name)
+    {
+        QList<QQuickItem *> found;
+        QList<QQuickItem *> pending{root};
+        while (!pending.isEmpty()) {
+            QQuickItem *item = pending.takeFirst();
+            if (item->objectName() == name)
+                found.append(item);
+            pending.append(item->childItems());
+        }
+        return found;
+    }
+
+    // Models with what their headers tell, as a recent engine lists them.
+    static QByteArray detailedModels()
+    {
+        return "["
+            + FakeEngine::modelJson("tinyllama-1.1b-chat-v1.0.Q4_0.gguf", 637'000'000,
+                                    {"llama", 131072, 1'100'048'384, "Q4_0", 22528})
+            + ","
+            + FakeEngine::modelJson("qwen2.5-7b-instruct-q4_k_m.gguf", 4'680'000'000,
+                                    {"qwen2", 32768, 7'615'616'512, "Q4_K_M", 57344})
+            + "," + FakeEngine::modelJson("mmproj-gemma3.gguf", 851'000'000, {"clip", 0, 419'000'000, "F16", 0}, true)
+            + "," + ViewHarness::modelJson("older.gguf", 1'200'000) + "]";
+    }
+
     static QByteArray threeModels()
     {
         return "[" + ViewHarness::modelJson("alpha.gguf", 4'200'000'000) + ","
@@ -325,6 +352,128 @@ private slots:
         QCOMPARE(picker->property("displayText").toString(), QStringLiteral("256"));
     }
 
+    void theContextPickerSitsBesideTheReplyLimitAndClosesWhatTheModelWasNotTrainedFor()
+    {
+        const QByteArray models = "[" + FakeEngine::modelJson("m.gguf", 10, {"llama", 8192, 0, {}, 0}) + "]";
+        ViewHarness view(FakeEngine::stateJson("m.gguf", false, models));
+        view.fake().route("POST", "/api/load", FakeResponse::json(200, "{}"));
+        QVERIFY(view.refresh());
+        QVERIFY(open(view));
+        QQuickItem *picker = view.item("contextPicker");
+        QVERIFY(ViewHarness::shown(picker));
+        QCOMPARE(ViewHarness::text(view.item("contextLabel")), QStringLiteral("Context"));
+        QCOMPARE(picker->property("count").toInt(), 8);
+        QCOMPARE(picker->property("displayText").toString(), QStringLiteral("4096"));
+        const QRectF pickerRect = ViewHarness::sceneRect(picker);
+        const QRectF limitLabel = ViewHarness::sceneRect(view.item("replyLimitLabel"));
+        QVERIFY(pickerRect.right() < limitLabel.left());
+        QCOMPARE(pickerRect.center().y(), ViewHarness::sceneRect(view.item("replyLimitPicker")).center().y());
+
+        auto *popup = picker->property("popup").value<QObject *>();
+        QVERIFY(popup);
+        QVERIFY(QMetaObject::invokeMethod(popup, "open"));
+        QList<QQuickItem *> choices;
+        QVERIFY(view.waitFor([&] {
+            auto *list = popup->property("contentItem").value<QQuickItem *>();
+            choices = list ? itemsBelow(list, "contextChoice") : QList<QQuickItem *>();
+            return choices.size() == 8;
+        }));
+        std::sort(choices.begin(), choices.end(), [](QQuickItem *a, QQuickItem *b) {
+            return a->property("index").toInt() < b->property("index").toInt();
+        });
+        QStringList labels;
+        QList<bool> enabled;
+        for (QQuickItem *choice : choices) {
+            labels.append(choice->property("text").toString());
+            enabled.append(choice->isEnabled());
+        }
+        QCOMPARE(labels, (QStringList{"2048", "4096", "8192", "16384", "32768", "65536", "131072", "Model maximum"}));
+        QCOMPARE(enabled, (QList<bool>{true, true, true, false, false, false, false, true}));
+        QVERIFY(QMetaObject::invokeMethod(popup, "close"));
+
+        // A choice reloads the loaded model with it.
+        QVERIFY(QMetaObject::invokeMethod(picker, "activated", Q_ARG(int, 2)));
+        QVERIFY(view.waitFor([&] { return view.fake().countOf("/api/load") == 1 && !view.store().loading(); }));
+        QCOMPARE(view.fake().requestsTo("/api/load").first().json(),
+                 (QJsonObject{{"name", "m.gguf"}, {"gpu", true}, {"ctx", 8192}}));
+        view.settle();
+        QCOMPARE(picker->property("displayText").toString(), QStringLiteral("8192"));
+
+        // A closed choice reached by the keyboard is refused, and the picker shows the
+        // choice that holds.
+        picker->forceActiveFocus();
+        view.key(Qt::Key_Down);
+        view.settle();
+        QCOMPARE(view.store().contextChoice(), 8192);
+        QCOMPARE(picker->property("displayText").toString(), QStringLiteral("8192"));
+        QCOMPARE(view.fake().countOf("/api/load"), 1);
+
+        // While a model loads, the context waits.
+        view.store().library().setLoading(true);
+        view.settle();
+        QVERIFY(!picker->isEnabled());
+        QVERIFY(view.item("replyLimitPicker")->isEnabled());
+        view.store().library().setLoading(false);
+        view.settle();
+        QVERIFY(picker->isEnabled());
+    }
+
+    void modelRowsShowTheirDetailsAndTheirKvCache()
+    {
+        ViewHarness view(FakeEngine::stateJson({}, false, detailedModels()));
+        QVERIFY(view.refresh());
+        QVERIFY(open(view));
+        QCOMPARE(names(view, "modelRow", "modelDetails"),
+                 (QStringList{QStringLiteral("llama \u00b7 1.1B \u00b7 Q4_0 \u00b7 128K context"),
+                              QStringLiteral("qwen2 \u00b7 7.6B \u00b7 Q4_K_M \u00b7 32K context"),
+                              QStringLiteral("clip \u00b7 419M \u00b7 F16"), QString()}));
+        QCOMPARE(names(view, "modelRow", "modelSize"),
+                 (QStringList{QStringLiteral("637 MB"), QStringLiteral("4.68 GB"),
+                              QStringLiteral("851 MB \u00b7 image projector"), QStringLiteral("1.2 MB")}));
+        QCOMPARE(names(view, "modelRow", "modelKvCache"),
+                 (QStringList{QStringLiteral(" \u00b7 KV cache for 4K context: 92.3 MB"),
+                              QStringLiteral(" \u00b7 KV cache for 4K context: 234.9 MB"), QStringLiteral(" \u00b7 "),
+                              QStringLiteral(" \u00b7 ")}));
+        // A model whose header told nothing shows no details and no KV cache; a
+        // projector has no KV cache of its own.
+        const QList<QQuickItem *> rows = view.visibleItems("modelRow");
+        QVERIFY(!ViewHarness::shown(child(rows.at(3), "modelDetails")));
+        QVERIFY(!ViewHarness::shown(child(rows.at(3), "modelKvCache")));
+        QVERIFY(!ViewHarness::shown(child(rows.at(2), "modelKvCache")));
+        QVERIFY(ViewHarness::shown(child(rows.at(0), "modelDetails")));
+        QVERIFY(ViewHarness::shown(child(rows.at(0), "modelKvCache")));
+        // Size and KV cache share a line.
+        QCOMPARE(ViewHarness::sceneRect(child(rows.at(0), "modelKvCache")).top(),
+                 ViewHarness::sceneRect(child(rows.at(0), "modelSize")).top());
+
+        // Each model's own maximum, for "Model maximum".
+        view.store().setContextChoice(0);
+        view.settle();
+        QCOMPARE(names(view, "modelRow", "modelKvCache").mid(0, 2),
+                 (QStringList{QStringLiteral(" \u00b7 KV cache for 128K context: 2.95 GB"),
+                              QStringLiteral(" \u00b7 KV cache for 32K context: 1.88 GB")}));
+    }
+
+    void modelDetailsScreenshots()
+    {
+        const QByteArray downloads = "["
+            + ViewHarness::downloadJson("qwen2.5-1.5b-instruct-q4_k_m.gguf", 412'000'000, 1'120'000'000) + "]";
+        for (const char *appearance : {"light", "dark"}) {
+            ViewHarness::resetSettings();
+            QSettings().setValue("appearance", appearance);
+            ViewHarness view(
+                FakeEngine::stateJson("tinyllama-1.1b-chat-v1.0.Q4_0.gguf", false, detailedModels(), downloads));
+            view.fake().route("POST", "/api/load", FakeResponse::json(200, "{}"));
+            QVERIFY(view.refresh());
+            QVERIFY(open(view));
+            view.store().setContextChoice(8192);
+            QVERIFY(view.waitFor([&] { return view.fake().countOf("/api/load") == 1 && !view.store().loading(); }));
+            view.settle();
+            QCOMPARE(view.item("contextPicker")->property("displayText").toString(), QStringLiteral("8192"));
+            view.saveScreenshot(QStringLiteral("library-model-details-") + QLatin1String(appearance));
+        }
+    }
+
     void platformTextsAndTheRealDataFolder()
     {
         ViewHarness view;
@@ -479,8 +628,8 @@ private slots:
             QVERIFY(sheet);
             const qreal sheetTop = sheet->mapToScene({0, 0}).y();
             QVERIFY2(sheetTop >= 20, qPrintable(QString::number(sheetTop)));
-            for (const char *name :
-                 {"doneButton", "settingsRow", "replyLimitPicker", "libraryFootnote", "downloadButton"}) {
+            for (const char *name : {"doneButton", "settingsRow", "contextPicker", "replyLimitPicker",
+                                     "libraryFootnote", "downloadButton"}) {
                 QQuickItem *item = view.item(QLatin1String(name));
                 QVERIFY2(ViewHarness::shown(item), name);
                 const qreal bottom = item->mapToScene({0, item->height()}).y();

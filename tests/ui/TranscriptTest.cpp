@@ -351,6 +351,127 @@ private slots:
         QVERIFY(!ViewHarness::shown(view.item("throughputLabel")));
     }
 
+    void theFooterMeterShowsTheContextInThreeColours()
+    {
+        ViewHarness view(FakeEngine::stateJson("m.gguf"));
+        QVERIFY(view.refresh());
+        QQuickItem *meter = view.item("contextMeter");
+        QVERIFY(meter);
+        QVERIFY(!ViewHarness::shown(meter));
+        const auto colour = [&] { return meter->property("color").value<QColor>(); };
+        const QColor accent = view.item("throughputLabel")->property("color").value<QColor>();
+        const QColor orange = view.item("visionWarning")->property("color").value<QColor>();
+
+        view.fake().route("POST", "/api/count", FakeResponse::count(2310, 8192, 0));
+        view.typeInto(view.item("promptField"), QStringLiteral("Hello"));
+        QVERIFY(view.waitFor([&] { return ViewHarness::shown(meter); }));
+        QCOMPARE(ViewHarness::text(meter), QStringLiteral("2,310 / 8,192 tokens"));
+        QCOMPARE(colour(), accent);
+
+        view.fake().route("POST", "/api/count", FakeResponse::count(6600, 8192, 0));
+        view.typeInto(view.item("promptField"), QStringLiteral("!"));
+        QVERIFY(view.waitFor([&] { return ViewHarness::text(meter) == QStringLiteral("6,600 / 8,192 tokens"); }));
+        QCOMPARE(colour(), orange);
+
+        view.fake().route("POST", "/api/count", FakeResponse::count(6100, 8192, 3));
+        view.typeInto(view.item("promptField"), QStringLiteral("!"));
+        QVERIFY(view.waitFor([&] { return ViewHarness::text(meter) == QStringLiteral("6,100 / 8,192 tokens"); }));
+        QVERIFY(colour() != accent && colour() != orange);
+        QCOMPARE(colour(), QColor("#d70015"));
+
+        // No model, no meter.
+        view.setEngineState(FakeEngine::stateJson());
+        QVERIFY(view.refresh());
+        QVERIFY(!ViewHarness::shown(meter));
+    }
+
+    void aDividerMarksWhereTheModelsViewBeganAndTheComposerWarnsBeforeSending()
+    {
+        Conversation history = ViewHarness::conversation(
+            "Long", {"First question", "First answer", "Second question", "Second answer"});
+        ViewHarness view(FakeEngine::stateJson("m.gguf"), {history});
+        view.fake().route("POST", "/api/count", FakeResponse::count(400, 512, 0));
+        view.fake().route("POST", "/v1/chat/completions",
+                          FakeResponse::stream({ViewHarness::delta("Third answer"),
+                                                FakeResponse::lastChunk(300, 12, 512, 2), "data: [DONE]\n\n"}));
+        QVERIFY(view.refresh());
+        QVERIFY(view.items("contextDivider").size() == 4);
+        QVERIFY(view.visibleItems("contextDivider").isEmpty());
+        QVERIFY(!ViewHarness::shown(view.item("contextNotice")));
+
+        view.store().setPrompt(QStringLiteral("Third question"));
+        view.store().send();
+        QVERIFY(view.waitFor([&] { return !view.store().generating(); }));
+        view.settle();
+        const QList<QQuickItem *> dividers = view.visibleItems("contextDivider");
+        QCOMPARE(dividers.size(), 1);
+        QCOMPARE(ViewHarness::text(view.visibleItems("contextDividerText").first()),
+                 QStringLiteral("Earlier messages are beyond the model's context"));
+        // It sits in the block of the third message, above its text.
+        QQuickItem *block = dividers.first()->parentItem();
+        QCOMPARE(block->objectName(), QStringLiteral("messageBlock"));
+        QCOMPARE(block->property("messageId").toString(), uuidText(history.messages.at(2).id));
+        const QList<QQuickItem *> texts = view.visibleItems("messageText");
+        QCOMPARE(texts.size(), 6);
+        QVERIFY(ViewHarness::sceneRect(dividers.first()).bottom() < ViewHarness::sceneRect(texts.at(2)).top());
+        QVERIFY(ViewHarness::sceneRect(dividers.first()).top() > ViewHarness::sceneRect(texts.at(1)).bottom());
+
+        // A draft that would leave out more than the reply did shows the notice.
+        view.fake().route("POST", "/api/count", FakeResponse::count(380, 512, 4));
+        view.typeInto(view.item("promptField"), QStringLiteral("A long question"));
+        QQuickItem *notice = view.item("contextNotice");
+        QVERIFY(view.waitFor([&] { return ViewHarness::shown(notice); }));
+        QCOMPARE(ViewHarness::text(notice),
+                 QStringLiteral("Sending this leaves earlier messages beyond the model's context."));
+        view.store().setPrompt(QString());
+        view.settle();
+        QVERIFY(!ViewHarness::shown(notice));
+    }
+
+    void contextScreenshots()
+    {
+        struct Shot {
+            const char *name;
+            qint64 tokens;
+            const char *draft;
+        };
+        for (const char *appearance : {"light", "dark"}) {
+            ViewHarness::resetSettings();
+            QSettings().setValue("appearance", appearance);
+            Conversation history = ViewHarness::conversation(
+                "Trip planning",
+                {"Plan three days in Lisbon for me.", "Day one: Alfama and the castle...", "And the second day?",
+                 "Day two: Belém, the tower and the monastery..."});
+            ViewHarness view(
+                FakeEngine::stateJson("llama-3.2-3b-instruct-q4_k_m.gguf", false, "[]", "[]", 38.4, 96, "cpu", 8192),
+                {history});
+            view.fake().route("POST", "/v1/chat/completions",
+                              FakeResponse::stream({ViewHarness::delta("Day three: a train to Sintra..."),
+                                                    FakeResponse::lastChunk(6050, 96, 8192, 2), "data: [DONE]\n\n"}));
+            QVERIFY(view.refresh());
+            for (const Shot &shot : {Shot{"comfortable", 2310, "What about day three?"},
+                                     Shot{"nearly-full", 6900, "What about day three, with a trip to Sintra?"}}) {
+                view.fake().route("POST", "/api/count", FakeResponse::count(shot.tokens, 8192, 0));
+                view.store().setPrompt(QString::fromUtf8(shot.draft));
+                QVERIFY(view.waitFor(
+                    [&] { return view.store().contextMeterText().startsWith(groupedNumberText(shot.tokens) + " /"); }));
+                view.settle();
+                view.saveScreenshot(
+                    QStringLiteral("context-meter-%1-%2").arg(QLatin1String(shot.name), QLatin1String(appearance)));
+            }
+            // A reply that left the first two messages out: red meter, divider.
+            view.store().setPrompt(QStringLiteral("And day three?"));
+            view.store().send();
+            QVERIFY(view.waitFor([&] { return !view.store().generating(); }));
+            view.fake().route("POST", "/api/count", FakeResponse::count(6300, 8192, 4));
+            view.store().setPrompt(QStringLiteral("Now add restaurants for every day, with prices and times."));
+            QVERIFY(view.waitFor([&] { return view.store().draftBeyondContext(); }));
+            view.settle();
+            QCOMPARE(view.store().contextMeterLevel(), QStringLiteral("overflowing"));
+            view.saveScreenshot(QStringLiteral("context-meter-overflowing-%1").arg(QLatin1String(appearance)));
+        }
+    }
+
     void promptFieldGrowsToSixLinesThenScrolls()
     {
         ViewHarness view(FakeEngine::stateJson("m.gguf"));

@@ -1,10 +1,11 @@
 //! Writes a random-weight llama model of a given shape for the benchmarks, borrowing
 //! the tokenizer of a vocabulary-only GGUF file. The default shape is that of a 1B
-//! model (2048 wide, 16 layers, 32 query and 8 key/value heads, 8192 feed-forward),
-//! quantized to Q4_0 like the small downloads people run on a CPU.
+//! model (2048 wide, 16 layers, 32 query and 8 key/value heads, 8192 feed-forward,
+//! trained context 131,072 tokens), quantized to Q4_0 like the small downloads people
+//! run on a CPU.
 //!
 //!     cargo run --release --example bench_model -- OUT.gguf VOCAB.gguf [--type q4_0|q8_0|f16]
-//!         [--embd N] [--layers N] [--heads N] [--kv-heads N] [--ff N]
+//!         [--embd N] [--layers N] [--heads N] [--kv-heads N] [--ff N] [--context N]
 //!
 //! The file is written next to OUT first and renamed when complete.
 
@@ -58,6 +59,8 @@ struct Shape {
     n_head: u64,
     n_head_kv: u64,
     n_ff: u64,
+    /// The trained context the header states.
+    context: u32,
     kind: Kind,
 }
 
@@ -278,7 +281,7 @@ fn write_model(out_path: &Path, vocab: &Path, shape: &Shape) -> Result<(), Strin
     let numbers: [(&str, u32); 8] = [
         ("general.alignment", ALIGNMENT as u32),
         ("general.file_type", shape.kind.file_type()),
-        ("llama.context_length", 4096),
+        ("llama.context_length", shape.context),
         ("llama.embedding_length", e as u32),
         ("llama.block_count", shape.n_layer as u32),
         ("llama.feed_forward_length", shape.n_ff as u32),
@@ -354,7 +357,7 @@ fn write_model(out_path: &Path, vocab: &Path, shape: &Shape) -> Result<(), Strin
 fn usage() -> ! {
     eprintln!(
         "usage: bench_model OUT.gguf VOCAB.gguf [--type q4_0|q8_0|f16] [--embd N] [--layers N] \
-         [--heads N] [--kv-heads N] [--ff N]"
+         [--heads N] [--kv-heads N] [--ff N] [--context N]"
     );
     std::process::exit(2);
 }
@@ -367,6 +370,7 @@ fn main() {
         n_head: 32,
         n_head_kv: 8,
         n_ff: 8192,
+        context: 131_072,
         kind: Kind::Q4_0,
     };
     let mut args = std::env::args().skip(1);
@@ -398,6 +402,7 @@ fn main() {
             "--heads" => shape.n_head = number(),
             "--kv-heads" => shape.n_head_kv = number(),
             "--ff" => shape.n_ff = number(),
+            "--context" => shape.context = u32::try_from(number()).unwrap_or_else(|_| usage()),
             _ => usage(),
         }
     }

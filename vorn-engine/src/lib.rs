@@ -3,8 +3,8 @@
 
 pub mod download;
 pub mod engine;
-mod ffi;
 pub mod gguf;
+pub mod llama;
 pub mod names;
 pub mod prompt;
 pub mod security;

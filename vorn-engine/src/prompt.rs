@@ -6,6 +6,15 @@ pub fn common_prefix<T: PartialEq>(a: &[T], b: &[T]) -> usize {
     a.iter().zip(b).take_while(|(x, y)| x == y).count()
 }
 
+/// Length of the longest common suffix.
+pub fn common_suffix<T: PartialEq>(a: &[T], b: &[T]) -> usize {
+    a.iter()
+        .rev()
+        .zip(b.iter().rev())
+        .take_while(|(x, y)| x == y)
+        .count()
+}
+
 /// How many cached positions can be kept for a new prompt. At least one
 /// prompt token is always evaluated again, since sampling needs its logits.
 pub fn reusable_prefix<T: PartialEq>(cached: &[T], prompt: &[T]) -> usize {
@@ -80,6 +89,10 @@ mod tests {
         assert_eq!(common_prefix(&[1, 2, 3], &[1, 2, 4]), 2);
         assert_eq!(common_prefix::<i32>(&[], &[1]), 0);
         assert_eq!(common_prefix(&[1, 2], &[1, 2, 3]), 2);
+        assert_eq!(common_suffix(&[1, 2, 3], &[0, 2, 3]), 2);
+        assert_eq!(common_suffix(&[1, 2, 3], &[4]), 0);
+        assert_eq!(common_suffix(&[2, 3], &[1, 2, 3]), 2);
+        assert_eq!(common_suffix::<i32>(&[], &[1]), 0);
     }
 
     #[test]

@@ -20,6 +20,24 @@ pub struct RunMetrics {
     pub ttft_ms: f64,
     /// Images whose encoding was done ahead of time by /api/encode.
     pub reused_images: i64,
+    /// Images decoded into pixels for this request; one the engine still
+    /// held from an earlier request (an earlier turn, /api/encode) counts
+    /// nothing.
+    pub decoded_images: i64,
+    /// The context in use and the messages left out to fit it.
+    pub context_size: i64,
+    pub dropped_messages: i64,
+}
+
+impl RunMetrics {
+    /// Figures of a run that so far only has its context.
+    pub fn with_context(context: crate::engine::ContextUse) -> Self {
+        RunMetrics {
+            context_size: i64::from(context.size),
+            dropped_messages: context.dropped_messages as i64,
+            ..RunMetrics::default()
+        }
+    }
 }
 
 #[derive(Debug, Clone, Default)]
@@ -48,6 +66,7 @@ pub struct Download {
 pub struct HeaderInfo {
     pub projector: bool,
     pub embedding: Option<u64>,
+    pub details: gguf::ModelDetails,
 }
 
 /// Header facts of a file as it was when read: size, modification time and
@@ -73,6 +92,9 @@ pub struct LocalModel {
     pub name: String,
     pub size: i64,
     pub projector: bool,
+    /// What the header tells, when it could be read.
+    #[serde(flatten)]
+    pub details: gguf::ModelDetails,
 }
 
 impl Shared {
@@ -108,6 +130,7 @@ impl Shared {
             } else {
                 header.embedding_length()
             },
+            details: header.details(),
         });
         let cached = CachedHeader {
             size,
@@ -144,15 +167,16 @@ impl Shared {
                 Ok(_) => continue,
                 Err(_) => 0,
             };
-            let projector = size > 0
-                && self
-                    .header_info(&path)
-                    .map(|i| i.projector)
-                    .unwrap_or(false);
+            let info = if size > 0 {
+                self.header_info(&path)
+            } else {
+                None
+            };
             out.push(LocalModel {
                 name,
                 size,
-                projector,
+                projector: info.as_ref().is_some_and(|i| i.projector),
+                details: info.map(|i| i.details).unwrap_or_default(),
             });
         }
         out.sort_by(|a, b| a.name.cmp(&b.name));

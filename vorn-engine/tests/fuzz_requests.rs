@@ -27,12 +27,13 @@ const HOST: &str = "127.0.0.1:4000";
 /// nothing listens, so none leaves the machine.
 const HUB: &str = "http://127.0.0.1:1";
 
-const ROUTES: [&str; 6] = [
+const ROUTES: [&str; 7] = [
     "/api/state",
     "/api/load",
     "/api/unload",
     "/api/pull",
     "/api/encode",
+    "/api/count",
     "/v1/chat/completions",
 ];
 const OTHER_PATHS: [&str; 10] = [
@@ -359,7 +360,7 @@ fn body_for(rng: &mut Rng, path: &str) -> Value {
             "url": or_random(rng, |r| json!(*r.pick(&URLS))),
         }),
         "/api/encode" => json!({ "url": or_random(rng, |r| json!(data_url(r))) }),
-        "/v1/chat/completions" => chat_body(rng),
+        "/v1/chat/completions" | "/api/count" => chat_body(rng),
         _ => random_value(rng, 0),
     }
 }
@@ -539,7 +540,7 @@ impl Target for RequestTarget {
         ], "stream": true, "temperature": 0.7, "top_p": 0.9, "min_p": 0.05, "top_k": 40,
            "seed": 7, "max_tokens": 32, "stop": ["</s>", "\n\n"]});
         let plain: &[(&str, &str)] = &[("Host", HOST), ("Content-Type", "application/json")];
-        let bodies: [SeedRequest; 9] = [
+        let bodies: [SeedRequest; 10] = [
             ("GET", "/api/state", &h, Value::Null),
             (
                 "POST",
@@ -561,6 +562,7 @@ impl Target for RequestTarget {
                 &h,
                 json!({"url": "data:image/png;base64,aGk="}),
             ),
+            ("POST", "/api/count", &h, chat.clone()),
             ("POST", "/v1/chat/completions", plain, chat),
             (
                 "POST",
@@ -601,6 +603,7 @@ impl Target for RequestTarget {
             "POST /api/load",
             "GET /api/state",
             "POST /v1/chat/completions",
+            "POST /api/count",
             "\"messages\"",
             "\"content\"",
             "\"role\"",

@@ -58,26 +58,16 @@ fn model_with_its_own_chat_template() {
     );
 }
 
+fn image_question(url: &str, text: &str) -> Value {
+    json!({"role": "user", "content": [
+        {"type": "image_url", "image_url": {"url": url}},
+        {"type": "text", "text": text}
+    ]})
+}
+
 #[test]
 fn image_chat_with_projector() {
-    let dir = temp_dir("vision");
-    write_model(
-        &dir.join("tinygemma3.gguf"),
-        &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
-        &ModelShape {
-            arch: "gemma3",
-            n_embd: 128,
-            n_layer: 2,
-            n_head: 4,
-            n_ff: 256,
-            seed: 5,
-        },
-    );
-    std::os::unix::fs::symlink(
-        shared_models().join("mmproj/mmproj-tinygemma3.gguf"),
-        dir.join("mmproj-tinygemma3.gguf"),
-    )
-    .unwrap();
+    let dir = vision_dir("vision");
     std::os::unix::fs::symlink(
         shared_models().join("stories260K.gguf"),
         dir.join("stories260K.gguf"),
@@ -155,6 +145,8 @@ fn image_chat_with_projector() {
         last["cached_tokens"].as_i64().unwrap() > with_image - 30,
         "{last}"
     );
+    // /api/encode also decoded it.
+    assert_eq!(last["decoded_images"], 0, "{last}");
 
     // Pre-encoded, then asked in another conversation than the one it was
     // guessed for: the stored encoder output is decoded in place.
@@ -181,6 +173,7 @@ fn image_chat_with_projector() {
     ]}], "temperature": 0, "max_tokens": 2}));
     assert_eq!(r.status, 200, "{}", r.text());
     assert_eq!(e.state()["last"]["reused_images"], 0);
+    assert_eq!(e.state()["last"]["decoded_images"], 1);
 
     // The same question without the image is shorter by the image's tokens.
     let r = e.chat(
@@ -203,6 +196,7 @@ fn image_chat_with_projector() {
         last["cached_tokens"].as_i64().unwrap() >= with_image - 1,
         "{last}"
     );
+    assert_eq!(last["decoded_images"], 0, "{last}");
 
     // A JPEG-looking but broken image is a clear 400.
     let r = e.chat(&json!({"messages": [{"role": "user", "content": [
@@ -210,6 +204,115 @@ fn image_chat_with_projector() {
         {"type": "text", "text": "?"}
     ]}]}));
     assert_eq!(r.status, 400, "{}", r.text());
+}
+
+#[test]
+fn images_sent_on_every_turn_are_decoded_once() {
+    let dir = vision_dir("vision-turns");
+    let e = Engine::start(&dir);
+    assert_eq!(e.load("tinygemma3.gguf").status, 200);
+    let first = data_url(&png(48, 40, 3));
+    let second = data_url(&png(24, 24, 4));
+    let mut messages = vec![image_question(&first, "What is this?")];
+    let mut decoded = Vec::new();
+    for turn in 0..4 {
+        let r = e.chat(&json!({"messages": messages, "temperature": 0, "max_tokens": 3}));
+        assert_eq!(r.status, 200, "{}", r.text());
+        let reply = r.json()["choices"][0]["message"]["content"].clone();
+        decoded.push(e.state()["last"]["decoded_images"].as_i64().unwrap());
+        messages.push(json!({"role": "assistant", "content": reply}));
+        messages.push(if turn == 1 {
+            image_question(&second, "And this one?")
+        } else {
+            user("Tell me more.")
+        });
+    }
+    // Each image is decoded on the turn that brings it, never again.
+    assert_eq!(decoded, [1, 0, 1, 0]);
+    // Nor in a new conversation, nor after the model is loaded again.
+    let r = e.chat(&json!({"messages": [image_question(&second, "Again?")], "max_tokens": 2}));
+    assert_eq!(r.status, 200, "{}", r.text());
+    assert_eq!(e.state()["last"]["decoded_images"], 0);
+    assert_eq!(e.load("tinygemma3.gguf").status, 200);
+    let r = e.chat(&json!({"messages": messages, "max_tokens": 2}));
+    assert_eq!(r.status, 200, "{}", r.text());
+    assert_eq!(e.state()["last"]["decoded_images"], 0);
+}
+
+/// Resident memory of a process, in bytes.
+fn resident_bytes(pid: u32) -> u64 {
+    let status = std::fs::read_to_string(format!("/proc/{pid}/status")).unwrap();
+    let line = status.lines().find(|l| l.starts_with("VmRSS:")).unwrap();
+    let kb: u64 = line.split_whitespace().nth(1).unwrap().parse().unwrap();
+    kb * 1024
+}
+
+#[test]
+fn vision_models_come_and_go_with_their_images() {
+    // Contexts, projectors and encoder outputs are made and freed with every
+    // load: load, encode, ask, load another, ask, unload, several times.
+    // Trained on 32768 tokens, so that each context is large enough for a
+    // leak to show.
+    let dir = vision_dir_with(
+        "vision-cycle",
+        &["tinygemma3.gguf", "tinygemma3b.gguf"],
+        Some(32768),
+    );
+    let e = Engine::start(&dir);
+    let load = |name: &str| {
+        let r = e.api(
+            "POST",
+            "/api/load",
+            Some(&json!({"name": name, "gpu": true, "ctx": 32768}).to_string()),
+        );
+        assert_eq!(r.status, 200, "{}", r.text());
+        assert_eq!(e.state()["vision"], true);
+    };
+    let encode = |url: &str| {
+        let r = e.api(
+            "POST",
+            "/api/encode",
+            Some(&json!({"url": url}).to_string()),
+        );
+        assert_eq!(r.status, 200, "{}", r.text());
+    };
+    // Asked in another conversation than /api/encode guessed, so that the
+    // kept encoder output is what places the image.
+    let ask = |url: &str| {
+        let r = e.chat(
+            &json!({"messages": [user("Hello."), {"role": "assistant", "content": "Hi."},
+            image_question(url, "What is it?")], "temperature": 0, "max_tokens": 2}),
+        );
+        assert_eq!(r.status, 200, "{}", r.text());
+        e.state()["last"].clone()
+    };
+    let mut resident = Vec::new();
+    for round in 0..6u8 {
+        let image = data_url(&png(32, 32, 100 + round));
+        load("tinygemma3.gguf");
+        encode(&image);
+        let last = ask(&image);
+        assert_eq!(last["reused_images"], 1, "{last}");
+        assert_eq!(last["decoded_images"], 0, "{last}");
+        // Another model: the first one's context, projector and encoder
+        // outputs are gone; the decoded pixels are not.
+        load("tinygemma3b.gguf");
+        let last = ask(&image);
+        assert_eq!(last["reused_images"], 0, "{last}");
+        assert_eq!(last["decoded_images"], 0, "{last}");
+        let other = data_url(&png(16, 40, 200 + round));
+        encode(&other);
+        assert_eq!(ask(&other)["reused_images"], 1);
+        let r = e.api("POST", "/api/unload", Some("{}"));
+        assert_eq!(r.status, 200, "{}", r.text());
+        assert_eq!(e.state()["loaded"], Value::Null);
+        resident.push(resident_bytes(e.child.id()));
+    }
+    // Every round makes two 32768-token contexts, some 40 MB each: a round
+    // that kept them would add 80 MB. Memory that stays within the
+    // allocator's own slack after the first rounds means they were freed.
+    let growth = resident[5].saturating_sub(resident[1]);
+    assert!(growth < 96 << 20, "resident after each round: {resident:?}");
 }
 
 #[test]

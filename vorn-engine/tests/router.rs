@@ -4,11 +4,14 @@
 
 use axum::body::Body;
 use axum::http::{header, Request, StatusCode};
+use common::gen::HeaderValue::{Text, Uint};
 use serde_json::{json, Value};
 use std::path::{Path, PathBuf};
 use std::sync::OnceLock;
 use tower::ServiceExt;
 use vorn_engine::server;
+
+mod common;
 
 const PORT: u16 = 4000;
 const HOST: &str = "127.0.0.1:4000";
@@ -54,6 +57,20 @@ impl TestApp {
                 dir.join("mmproj.gguf"),
             )
             .unwrap();
+            // A header that states a trained context, without tensor data.
+            common::gen::write_header(
+                &dir.join("header-only.gguf"),
+                &[
+                    ("general.architecture", Text("llama")),
+                    ("general.file_type", Uint(15)),
+                    ("llama.context_length", Uint(8192)),
+                    ("llama.block_count", Uint(2)),
+                    ("llama.embedding_length", Uint(64)),
+                    ("llama.attention.head_count", Uint(4)),
+                    ("llama.attention.head_count_kv", Uint(2)),
+                ],
+                &[("token_embd.weight", &[64, 100], 12)],
+            );
             let router = server::router(server::App::new(dir.clone(), PORT));
             TestApp { router, dir }
         })
@@ -252,6 +269,12 @@ async fn api_paths_need_the_app_header() {
         // Also on paths that do not exist under /api/.
         let reply = app.get("/api/nothing", &headers).await;
         reply.assert_error(403, "Missing X-Vorn-App header.");
+        headers.push(("content-type", "application/json"));
+        let body = r#"{"messages": [{"role": "user", "content": "Hi"}]}"#;
+        let reply = app
+            .send(request("POST", "/api/count", &headers, body))
+            .await;
+        reply.assert_error(403, "Missing X-Vorn-App header.");
     }
     // The chat endpoint does not need it: the app does not send it there.
     let reply = app
@@ -280,7 +303,12 @@ async fn post_bodies_must_be_declared_json() {
         if let Some(t) = content_type {
             headers.push(("content-type", t));
         }
-        for path in ["/api/unload", "/v1/chat/completions", "/api/nothing"] {
+        for path in [
+            "/api/unload",
+            "/api/count",
+            "/v1/chat/completions",
+            "/api/nothing",
+        ] {
             let reply = app.send(request("POST", path, &headers, "{}")).await;
             reply.assert_error(415, refused);
         }
@@ -347,6 +375,43 @@ async fn bodies_above_the_limit_are_refused() {
 }
 
 #[tokio::test]
+async fn bodies_arriving_in_pieces_are_read_whole() {
+    let app = TestApp::shared();
+    // A chat with an image, streamed without a length in pieces that cut
+    // through keys, escapes and the data URL.
+    let url = format!("data:image/png;base64,{}", "aGkh".repeat(5000));
+    let send = |url: String| async move {
+        let body = json!({"messages": [{"role": "user", "content": [
+            {"type": "image_url", "image_url": {"url": url}},
+            {"type": "text", "text": "What is \"this\"?\n"}
+        ]}], "max_tokens": 3})
+        .to_string();
+        let pieces: Vec<Result<bytes::Bytes, std::io::Error>> = body
+            .as_bytes()
+            .chunks(7)
+            .map(|piece| Ok(bytes::Bytes::copy_from_slice(piece)))
+            .collect();
+        let request = Request::builder()
+            .method("POST")
+            .uri("/v1/chat/completions")
+            .header("host", HOST)
+            .header("x-vorn-app", "1")
+            .header("content-type", "application/json")
+            .body(Body::from_stream(futures_util::stream::iter(pieces)))
+            .unwrap();
+        app.send(request).await
+    };
+    // Read and checked to the end: only the missing model is left to refuse.
+    send(url.clone())
+        .await
+        .assert_error(409, "No model is loaded.");
+    // The URL was read whole: one bad character at its end is found.
+    send(format!("{url}@"))
+        .await
+        .assert_error(400, "The image data is not valid base64.");
+}
+
+#[tokio::test]
 async fn unknown_paths_and_methods() {
     let app = TestApp::shared();
     for path in ["/", "/nothing", "/v1/models", "/v1/chat/completions/"] {
@@ -388,7 +453,11 @@ async fn state_without_a_model() {
         json!([
             {"name": "dangling.gguf", "size": 0, "projector": false},
             {"name": "garbage.gguf", "size": 1200, "projector": false},
-            {"name": "mmproj.gguf", "size": 1039072, "projector": true},
+            {"name": "header-only.gguf", "size": 353, "projector": false,
+             "architecture": "llama", "context_length": 8192, "parameters": 6400,
+             "quantization": "Q4_K_M", "kv_bytes_per_token": 2 * 2 * (16 + 16) * 2},
+            {"name": "mmproj.gguf", "size": 1039072, "projector": true,
+             "architecture": "clip", "parameters": 844288, "quantization": "Q8_0"},
         ])
     );
     assert_eq!(state["last"]["completion_tokens"], 0);
@@ -406,6 +475,7 @@ async fn malformed_bodies() {
         "/api/unload",
         "/api/pull",
         "/api/encode",
+        "/api/count",
         "/v1/chat/completions",
     ] {
         app.api("POST", path, "{not json")
@@ -428,6 +498,9 @@ async fn malformed_bodies() {
         }
     }
 }
+
+/// The error of a "ctx" that is not a whole number of tokens.
+const CTX: &str = "\"ctx\" must be a whole number of tokens (0 for the model's trained context).";
 
 #[tokio::test]
 async fn load_fields() {
@@ -455,17 +528,17 @@ async fn load_fields() {
         json!(1.5),
         json!(4096.0),
         json!("4096"),
-        json!(1_048_577),
         json!(true),
+        json!(18_446_744_073_709_551_616.0),
     ] {
         app.post("/api/load", json!({"name": "a.gguf", "ctx": ctx}))
             .await
-            .assert_error(400, "\"ctx\" must be a positive integer.");
+            .assert_error(400, CTX);
     }
     // Field checks come before the name rules.
     app.post("/api/load", json!({"name": "../a.gguf", "ctx": -1}))
         .await
-        .assert_error(400, "\"ctx\" must be a positive integer.");
+        .assert_error(400, CTX);
     for bad in [
         "../a.gguf",
         ".hidden.gguf",
@@ -478,15 +551,26 @@ async fn load_fields() {
             .await
             .assert_error(400, "The model name must be a plain file name.");
     }
-    // Null and absent fields take their defaults; the ceiling is allowed.
+    // Null and absent fields take their defaults; how large a context may
+    // be depends on the model, so the name is checked first.
     for body in [
         json!({"name": "missing.gguf", "gpu": null, "ctx": null}),
         json!({"name": "missing.gguf", "gpu": true, "ctx": 0}),
-        json!({"name": "missing.gguf", "ctx": 1_048_576, "other": [1, 2]}),
+        json!({"name": "missing.gguf", "ctx": 1_048_577, "other": [1, 2]}),
+        json!({"name": "missing.gguf", "ctx": u64::MAX}),
     ] {
         app.post("/api/load", body)
             .await
             .assert_error(404, "No model named missing.gguf.");
+    }
+    // Above the trained context: refused before anything is unloaded.
+    for ctx in [8193u64, 1 << 40] {
+        app.post("/api/load", json!({"name": "header-only.gguf", "ctx": ctx}))
+            .await
+            .assert_error(
+                400,
+                &format!("A context of {ctx} tokens is more than header-only.gguf takes: at most 8192 tokens, the context it was trained with."),
+            );
     }
     app.post("/api/load", json!({"name": "folder.gguf"}))
         .await
@@ -781,4 +865,57 @@ async fn chat_messages() {
             .await
             .assert_error(409, "No model is loaded.");
     }
+}
+
+#[tokio::test]
+async fn count_fields() {
+    let app = TestApp::shared();
+    let count = |body: Value| app.post("/api/count", body);
+    for messages in [Value::Null, json!("Hi"), json!(5)] {
+        count(json!({ "messages": messages }))
+            .await
+            .assert_error(400, "\"messages\" must be an array.");
+    }
+    count(json!({}))
+        .await
+        .assert_error(400, "\"messages\" must be an array.");
+    count(json!({"messages": []}))
+        .await
+        .assert_error(400, "\"messages\" must not be empty.");
+    count(json!({"messages": [{"content": "Hi"}]}))
+        .await
+        .assert_error(400, "Every message needs a \"role\" text.");
+    count(json!({"messages": [user(json!([{"type": "audio"}]))]}))
+        .await
+        .assert_error(400, "Unknown content part type.");
+    for (url, text) in BAD_DATA_URLS {
+        let part = json!({"type": "image_url", "image_url": {"url": url}});
+        count(json!({"messages": [user(json!([part]))]}))
+            .await
+            .assert_error(400, text);
+    }
+    // The reply's limit is checked first, in both spellings.
+    for limit in ["max_tokens", "max_completion_tokens"] {
+        count(json!({"messages": 5, limit: -1}))
+            .await
+            .assert_error(400, "\"max_tokens\" must be a non-negative integer.");
+    }
+    // Well-formed conversations, images included, wait for a model; the
+    // chat request's other fields are accepted and ignored.
+    let image = data_url(b"not really a picture");
+    for body in [
+        json!({"messages": [user(json!("Hi"))]}),
+        json!({"messages": [{"role": "system", "content": "Be brief."}, user(json!("Hi"))],
+               "max_tokens": 16, "temperature": "hot", "stream": 5}),
+        json!({"messages": [user(json!([
+            {"type": "text", "text": "What is this?"},
+            {"type": "image_url", "image_url": {"url": image}},
+        ]))]}),
+    ] {
+        count(body).await.assert_error(409, "No model is loaded.");
+    }
+    // Counting is a POST.
+    app.api("GET", "/api/count", "")
+        .await
+        .assert_error(405, "Method not allowed.");
 }

@@ -51,6 +51,7 @@ fn steered_model(dir: &Path, name: &str, template: &str, then: &str) {
             chat_template: Some(template),
             added_tokens: &ADDED,
             steer: Some(("▁Hello", then)),
+            ..Extras::default()
         },
     );
 }

@@ -2,16 +2,17 @@
 //! images, the projector's), and fitting a long conversation into the context.
 
 use super::session::Session;
-use super::{ChatMessage, EngineError, Image};
+use super::{ChatMessage, ContextUse, CountRequest, Counted, EngineError, Image};
+use crate::llama::{Bitmap, Chunks};
+use crate::prompt::{common_prefix, common_suffix};
 use crate::template::reasoning::prompt_opens_reasoning;
 use crate::template::TemplateMessage;
-use llama_cpp_2::mtmd::{MtmdBitmap, MtmdInputChunks, MtmdInputText};
 use llama_cpp_2::token::LlamaToken;
 
 /// A tokenized prompt: plain tokens, or text and image chunks.
 pub(super) enum Prompt {
     Text(Vec<LlamaToken>),
-    Chunks(MtmdInputChunks),
+    Chunks(Chunks),
 }
 
 impl Prompt {
@@ -78,38 +79,33 @@ impl Session<'_> {
         if images.is_empty() {
             return Ok(Prompt::Text(self.tokenize_text(text)));
         }
-        let mut bitmaps = Vec::with_capacity(images.len());
+        let mut bitmaps: Vec<&Bitmap> = Vec::with_capacity(images.len());
         for image in images {
             bitmaps.push(self.bitmap(image)?);
         }
-        let bitmap_refs: Vec<&MtmdBitmap> = bitmaps.iter().map(|b| b.as_ref()).collect();
         let add_special = self.adds_bos(text);
         let projector = self
             .projector
             .as_ref()
             .ok_or(EngineError::ImagesNotAccepted)?;
         let chunks = projector
-            .tokenize(
-                MtmdInputText {
-                    text: text.to_string(),
-                    add_special,
-                    parse_special: true,
-                },
-                &bitmap_refs,
-            )
-            .map_err(|e| EngineError::ImagesNotPrepared(e.to_string()))?;
+            .tokenize(text, add_special, &bitmaps)
+            .map_err(|code| EngineError::ImagesNotPrepared(format!("llama.cpp code {code}")))?;
         Ok(Prompt::Chunks(chunks))
     }
 
-    /// Renders the conversation, dropping its oldest turns while it does not
-    /// fit the context together with `reserve` positions for the reply.
-    pub(super) fn fit_prompt(
+    /// Renders the conversation, leaving out its oldest messages while it
+    /// does not fit the context together with `reserve` positions for the
+    /// reply. Leading system messages always stay. Reads the cut of the last
+    /// overflow but does not move it: the caller keeps `Fitted::anchor`
+    /// when the prompt is really sent.
+    pub(super) fn fit(
         &mut self,
         messages: &[ChatMessage],
         reserve: usize,
-    ) -> Result<Prompt, EngineError> {
-        let (system, rest): (Vec<&ChatMessage>, Vec<&ChatMessage>) =
-            messages.iter().partition(|m| m.role == "system");
+    ) -> Result<Fitted, EngineError> {
+        let pinned = messages.iter().take_while(|m| m.role == "system").count();
+        let (system, rest) = messages.split_at(pinned);
         let anchor = self.cut_anchor.as_ref().and_then(|(role, content)| {
             rest.iter()
                 .position(|m| &m.role == role && &m.content == content)
@@ -121,30 +117,24 @@ impl Session<'_> {
         let target = limit * 3 / 4;
         let mut bound = limit;
         loop {
-            let kept: Vec<&ChatMessage> =
-                system.iter().chain(rest[start..].iter()).copied().collect();
+            let kept: Vec<&ChatMessage> = system.iter().chain(&rest[start..]).collect();
             let prompt = self.build_prompt(&kept)?;
             let len = prompt.len();
             let last_resort = start + 1 >= rest.len();
             if len + reserve <= bound || last_resort {
-                self.cut_anchor = if start > 0 {
-                    rest.get(start).map(|m| (m.role.clone(), m.content.clone()))
+                let prompt = if len + reserve <= limit {
+                    prompt
                 } else {
-                    None
+                    self.cut_newest(&kept, prompt, limit.saturating_sub(reserve).max(1))?
                 };
-                if len + reserve <= limit {
-                    return Ok(prompt);
-                }
-                // Even the newest message alone is too long: keep its tail.
-                return match prompt {
-                    Prompt::Text(tokens) => {
-                        let keep = limit.saturating_sub(reserve).max(1);
-                        Ok(Prompt::Text(
-                            tokens[tokens.len().saturating_sub(keep)..].to_vec(),
-                        ))
-                    }
-                    Prompt::Chunks(_) => Err(EngineError::MessageTooLong),
-                };
+                return Ok(Fitted {
+                    prompt,
+                    dropped: start,
+                    anchor: rest
+                        .get(start)
+                        .filter(|_| start > 0)
+                        .map(|m| (m.role.clone(), m.content.clone())),
+                });
             }
             // Cut where the previous overflow cut, so the cache stays useful.
             if let Some(at) = anchor.filter(|at| *at > start && at + 1 < rest.len()) {
@@ -159,4 +149,89 @@ impl Session<'_> {
             }
         }
     }
+
+    /// The prompt of `kept` when even its newest message does not fit in
+    /// `room` tokens: the start of the newest message's text gives way, while
+    /// what comes before it (system messages, turn markers) and after it
+    /// (the opening of the reply) stays.
+    fn cut_newest(
+        &mut self,
+        kept: &[&ChatMessage],
+        prompt: Prompt,
+        room: usize,
+    ) -> Result<Prompt, EngineError> {
+        let Prompt::Text(tokens) = prompt else {
+            return Err(EngineError::MessageTooLong);
+        };
+        let Some((newest, earlier)) = kept.split_last() else {
+            return Err(EngineError::MessageTooLong);
+        };
+        if newest.role == "system" {
+            return Err(EngineError::SystemMessageTooLong);
+        }
+        // The same prompt with the newest message empty is only its frame.
+        let emptied = ChatMessage {
+            role: newest.role.clone(),
+            content: String::new(),
+            images: Vec::new(),
+        };
+        let framed: Vec<&ChatMessage> = earlier.iter().copied().chain([&emptied]).collect();
+        let frame = match self.build_prompt(&framed)? {
+            Prompt::Text(frame) => frame,
+            Prompt::Chunks(_) => return Err(EngineError::MessageTooLong),
+        };
+        let head = common_prefix(&tokens, &frame);
+        let tail = common_suffix(&tokens[head..], &frame[head.min(frame.len())..]);
+        if head + tail >= room {
+            // What stays is too long already: it holds the system messages.
+            return Err(if earlier.is_empty() {
+                EngineError::MessageTooLong
+            } else {
+                EngineError::SystemMessageTooLong
+            });
+        }
+        let text = &tokens[head..tokens.len() - tail];
+        let mut kept_tokens = tokens[..head].to_vec();
+        kept_tokens.extend_from_slice(&text[text.len().saturating_sub(room - head - tail)..]);
+        kept_tokens.extend_from_slice(&tokens[tokens.len() - tail..]);
+        Ok(Prompt::Text(kept_tokens))
+    }
+
+    /// What a reply to the conversation would start from, without touching
+    /// the KV cache or the cut that replies keep.
+    pub(super) fn count(&mut self, request: &CountRequest) -> Result<Counted, EngineError> {
+        if request.messages.iter().any(|m| !m.images.is_empty()) && self.projector.is_none() {
+            return Err(EngineError::ImagesNotAccepted);
+        }
+        let reserve = reply_reserve(self.context_size, request.max_tokens);
+        // Rendering notes whether the prompt opens a reasoning block, which
+        // only the reply that follows a render reads; a count leaves it be.
+        let opens_reasoning = self.prompt_opens_reasoning;
+        let fitted = self.fit(&request.messages, reserve);
+        self.prompt_opens_reasoning = opens_reasoning;
+        let fitted = fitted?;
+        Ok(Counted {
+            tokens: fitted.prompt.len(),
+            context: ContextUse {
+                size: self.context_size,
+                dropped_messages: fitted.dropped,
+            },
+        })
+    }
+}
+
+/// A prompt fitted into the context.
+pub(super) struct Fitted {
+    pub(super) prompt: Prompt,
+    /// Messages after the leading system messages that were left out.
+    pub(super) dropped: usize,
+    /// The first message kept after a cut, for later turns to cut there too.
+    pub(super) anchor: Option<(String, String)>,
+}
+
+/// Positions kept free for the reply: what it may take, at most a quarter
+/// of the context.
+pub(super) fn reply_reserve(context_size: u32, max_tokens: Option<u32>) -> usize {
+    let max_tokens = max_tokens.map_or(usize::MAX, |m| m as usize);
+    max_tokens.min(context_size as usize / 4).max(1)
 }

@@ -43,25 +43,32 @@ pub enum EngineError {
         context: u32,
         reason: String,
     },
+    /// The KV cache of the asked context would not fit in the memory left.
+    ContextTooLarge {
+        name: String,
+        context: u32,
+        needed: u64,
+        available: u64,
+    },
 
     /// /api/encode reached a model without a projector.
     NoImageSupport,
     ImagesNotAccepted,
     ImageUndecodable,
-    ImageIdRefused,
     ImageNotPrepared(String),
     ImagesNotPrepared(String),
     ImageEncoderFailed(String),
     EncodingPanicked,
     NoProjector,
-    ImagesUnsupportedByBuild,
     /// mtmd's image evaluation returned this code.
     ImageEvaluationFailed(i32),
 
     /// The model's chat template refused or failed; the text says why.
     Template(String),
     MessageTooLong,
+    SystemMessageTooLong,
     EmptyConversation,
+    CountPanicked,
     BatchRefused(String),
     PromptEvaluationFailed(String),
     GenerationFailed(String),
@@ -109,22 +116,35 @@ impl fmt::Display for EngineError {
                 f,
                 "llama.cpp could not create a context of {context} tokens for {name} ({reason}); try a smaller context or free memory."
             ),
+            E::ContextTooLarge {
+                name,
+                context,
+                needed,
+                available,
+            } => write!(
+                f,
+                "A context of {context} tokens for {name} needs {} of memory for its KV cache, but only {} is available; choose a smaller context.",
+                gigabytes(*needed),
+                gigabytes(*available)
+            ),
             E::NoImageSupport => f.write_str("The loaded model has no image support."),
             E::ImagesNotAccepted => f.write_str("The loaded model does not accept images."),
             E::ImageUndecodable => f.write_str(
                 "The image could not be decoded (PNG, JPEG, GIF, BMP and similar formats are supported).",
             ),
-            E::ImageIdRefused => f.write_str("bad image id"),
             E::ImageNotPrepared(why) => write!(f, "The image could not be prepared: {why}"),
             E::ImagesNotPrepared(why) => write!(f, "The images could not be prepared: {why}"),
             E::ImageEncoderFailed(why) => write!(f, "The image encoder failed: {why}"),
             E::EncodingPanicked => f.write_str("The engine failed while encoding the image."),
             E::NoProjector => f.write_str("no projector"),
-            E::ImagesUnsupportedByBuild => f.write_str("This build cannot evaluate images."),
             E::ImageEvaluationFailed(code) => write!(f, "Image evaluation failed ({code})."),
             E::Template(why) => f.write_str(why),
             E::MessageTooLong => f.write_str("The message is too long for the model's context."),
+            E::SystemMessageTooLong => {
+                f.write_str("The system message is too long for the model's context.")
+            }
             E::EmptyConversation => f.write_str("The conversation is empty."),
+            E::CountPanicked => f.write_str("The engine failed while counting tokens."),
             E::BatchRefused(why) => write!(f, "batch error: {why}"),
             E::PromptEvaluationFailed(why) => write!(f, "Prompt evaluation failed: {why}"),
             E::GenerationFailed(why) => write!(f, "Generation failed: {why}"),
@@ -134,3 +154,8 @@ impl fmt::Display for EngineError {
 }
 
 impl std::error::Error for EngineError {}
+
+/// Bytes as decimal gigabytes with one decimal ("12.3 GB").
+fn gigabytes(bytes: u64) -> String {
+    format!("{:.1} GB", bytes as f64 / 1e9)
+}

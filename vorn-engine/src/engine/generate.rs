@@ -1,13 +1,14 @@
 //! One reply: fit and evaluate the prompt, then sample tokens until the
 //! model stops, a stop string or the limit is reached, or the client leaves.
 
+use super::conversation::reply_reserve;
 use super::prefill::{Key, PrefillError};
 use super::reply_text::ReplyText;
 use super::session::Session;
-use super::{ChatJob, EngineError, FinishReason, Sampling, Usage};
+use super::{ChatJob, ContextUse, EngineError, FinishReason, Sampling, Usage};
+use crate::llama::Batch;
 use crate::state::{lock, RunMetrics};
 use crate::template::reasoning::ReasoningSplitter;
-use llama_cpp_2::llama_batch::LlamaBatch;
 use llama_cpp_2::sampling::LlamaSampler;
 use std::sync::atomic::Ordering;
 use std::time::Instant;
@@ -44,19 +45,26 @@ impl Session<'_> {
     pub(super) fn chat(&mut self, job: ChatJob) {
         let t_start = Instant::now();
         self.reused_images = 0;
+        self.decoded_images = 0;
         if job.request.messages.iter().any(|m| !m.images.is_empty()) && self.projector.is_none() {
             job.events.fail(EngineError::ImagesNotAccepted);
             return;
         }
-        let context_size = self.context_size as usize;
         let max_tokens = job
             .request
             .max_tokens
             .map(|m| m as usize)
             .unwrap_or(usize::MAX);
-        let reserve = max_tokens.min(context_size / 4).max(1);
-        let prompt = match self.fit_prompt(&job.request.messages, reserve) {
-            Ok(p) => p,
+        let reserve = reply_reserve(self.context_size, job.request.max_tokens);
+        let (prompt, context) = match self.fit(&job.request.messages, reserve) {
+            Ok(fitted) => {
+                self.cut_anchor = fitted.anchor;
+                let context = ContextUse {
+                    size: self.context_size,
+                    dropped_messages: fitted.dropped,
+                };
+                (fitted.prompt, context)
+            }
             Err(e) => {
                 job.events.fail(e);
                 return;
@@ -84,7 +92,7 @@ impl Session<'_> {
                 *lock(&self.shared.last) = RunMetrics {
                     prompt_tokens,
                     ttft_ms: t_start.elapsed().as_secs_f64() * 1000.0,
-                    ..RunMetrics::default()
+                    ..RunMetrics::with_context(context)
                 };
                 return;
             }
@@ -107,6 +115,8 @@ impl Session<'_> {
             cached_tokens: prompt_tokens - evaluated,
             ttft_ms: ttft * 1000.0,
             reused_images: self.reused_images,
+            decoded_images: self.decoded_images,
+            ..RunMetrics::with_context(context)
         };
         self.history = job.request.messages;
         self.history_reply = decoded.text;
@@ -116,6 +126,7 @@ impl Session<'_> {
                 prompt_tokens,
                 completion_tokens: decoded.tokens,
             },
+            context,
         );
     }
 
@@ -137,7 +148,7 @@ impl Session<'_> {
             .marks_reasoning()
             .then(|| ReasoningSplitter::new(self.prompt_opens_reasoning));
         let mut text = ReplyText::new(stops, reasoning);
-        let mut batch = LlamaBatch::new(1, 1);
+        let mut batch = Batch::new(1);
         let mut tokens = 0i64;
         let mut finish_reason = FinishReason::Length;
         let mut piece = Vec::with_capacity(32);
@@ -152,7 +163,10 @@ impl Session<'_> {
             if position >= context_size {
                 break;
             }
-            let token = sampler.sample(&self.ctx, -1);
+            let Some(token) = self.ctx.sample(&mut sampler) else {
+                self.fail_generation(job, "no output to sample from".into());
+                return None;
+            };
             if vocab.is_eog(token) || self.turn_ends.contains(&token) {
                 finish_reason = FinishReason::Stop;
                 break;
@@ -177,14 +191,11 @@ impl Session<'_> {
                 break;
             }
             batch.clear();
-            if batch.add(token, position as i32, &[0], true).is_err() {
+            if batch.add(token, position as i32, true).is_err() {
                 break;
             }
-            if let Err(e) = self.ctx.decode(&mut batch) {
-                job.events
-                    .fail(EngineError::GenerationFailed(e.to_string()));
-                self.cached.clear();
-                self.ctx.clear_kv_cache();
+            if let Err(code) = self.ctx.decode(&batch) {
+                self.fail_generation(job, format!("llama.cpp code {code}"));
                 return None;
             }
             self.cached.push(Key::Token(token.0));
@@ -200,6 +211,13 @@ impl Session<'_> {
             tokens,
             finish_reason,
         })
+    }
+
+    /// Tells the client and forgets the cache, whose state is unknown now.
+    fn fail_generation(&mut self, job: &ChatJob, why: String) {
+        job.events.fail(EngineError::GenerationFailed(why));
+        self.cached.clear();
+        self.ctx.clear();
     }
 }
 

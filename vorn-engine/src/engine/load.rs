@@ -2,18 +2,19 @@
 //! then a session that serves it.
 
 use super::session::Session;
-use super::{probe, Command, EngineError, LoadRequest};
+use super::{memory, probe, Command, EngineError, LoadRequest};
 use crate::gguf;
+use crate::llama::Model;
 use crate::state::{lock, Loaded, Shared};
 use llama_cpp_2::llama_backend::LlamaBackend;
-use llama_cpp_2::model::params::LlamaModelParams;
-use llama_cpp_2::model::LlamaModel;
 use std::panic::{catch_unwind, AssertUnwindSafe};
 use std::sync::{mpsc, Arc};
 use tokio::sync::oneshot;
 
 /// Layers asked for when offloading: more than any model has, so all of them.
-const ALL_LAYERS: u32 = 999;
+const ALL_LAYERS: i32 = 999;
+/// The smallest context a model gets.
+const MIN_CONTEXT: u32 = 64;
 
 /// Loads the model, answers `reply`, and serves the model until it is
 /// unloaded (None) or another load arrives (returned).
@@ -26,14 +27,27 @@ pub(super) fn load_and_serve(
 ) -> Option<Command> {
     *lock(&shared.loaded) = None;
     let offload = request.gpu && backend.supports_gpu_offload();
-    let model = match load_model(backend, &request, offload) {
-        Ok(m) => m,
+    let (model, kv_bytes_per_token) = match load_model(backend, &request, offload) {
+        Ok(loaded) => loaded,
         Err(e) => {
             let _ = reply.send(Err(e));
             return None;
         }
     };
-    let (session, projector) = match Session::open(backend, &model, &request, offload, shared) {
+    let context_size = match request.context_size {
+        0 => model.n_ctx_train(),
+        asked => asked,
+    }
+    .max(MIN_CONTEXT);
+    // Offloaded caches live in GPU memory, which llama.cpp checks itself.
+    if !offload {
+        if let Err(e) = memory::check_context(&request.name, context_size, kv_bytes_per_token) {
+            let _ = reply.send(Err(e));
+            return None;
+        }
+    }
+    let opened = Session::open(backend, &model, &request, context_size, offload, shared);
+    let (session, projector) = match opened {
         Ok(opened) => opened,
         Err(e) => {
             let _ = reply.send(Err(e));
@@ -53,11 +67,12 @@ pub(super) fn load_and_serve(
     next
 }
 
+/// The model, and the KV cache bytes per token its header gives.
 fn load_model(
     backend: &LlamaBackend,
     request: &LoadRequest,
     offload: bool,
-) -> Result<LlamaModel, EngineError> {
+) -> Result<(Model, Option<u64>), EngineError> {
     let name = &request.name;
     // Our own bounds-checked reader looks at the header before llama.cpp does.
     let header = gguf::read_file(&request.path).map_err(|e| EngineError::NotGguf {
@@ -74,16 +89,15 @@ fn load_model(
         reason,
     })?;
     let layers = if offload { ALL_LAYERS } else { 0 };
-    let params = LlamaModelParams::default().with_n_gpu_layers(layers);
     let loaded = catch_unwind(AssertUnwindSafe(|| {
-        LlamaModel::load_from_file(backend, &request.path, &params)
+        Model::load(backend, &request.path, layers)
     }));
     match loaded {
-        Ok(Ok(model)) => Ok(model),
-        Ok(Err(e)) => Err(EngineError::LoadFailed {
+        Ok(Ok(model)) => Ok((model, header.kv_bytes_per_token())),
+        Ok(Err(reason)) => Err(EngineError::LoadFailed {
             name: name.clone(),
             architecture: architecture(),
-            reason: e.to_string(),
+            reason,
         }),
         Err(_) => Err(EngineError::LoadPanicked { name: name.clone() }),
     }

@@ -10,17 +10,21 @@
 //! - `generate`: sampling a reply
 //! - `reply_text`: a reply's bytes into text, stop strings, reasoning
 //! - `turn_end`: the tokens that end the model's turn
-//! - `vision`: images, the encoder output cache and early encoding
+//! - `image`: an image as sent, decoded once for all its uses
+//! - `vision`: the projector, the encoder output cache and early encoding
 //! - `probe`: the child process that tries a file before the engine loads it
 //! - `threads`: how many CPU threads a model gets
 //! - `lru`: the eviction of the image caches
+//! - `memory`: whether a context's KV cache fits in memory
 //! - `error`: every way a command can fail
 
 mod conversation;
 mod error;
 mod generate;
+mod image;
 mod load;
 mod lru;
+mod memory;
 mod prefill;
 mod probe;
 mod reply_text;
@@ -31,6 +35,7 @@ mod vision;
 mod worker;
 
 pub use error::EngineError;
+pub use image::{Image, WeakImage};
 pub use probe::{probe_main, PROBE_FLAG};
 
 use crate::state::Shared;
@@ -50,13 +55,6 @@ pub struct LoadRequest {
     pub context_size: u32,
     /// The projector paired with the model: its file name and path.
     pub projector: Option<(String, PathBuf)>,
-}
-
-/// An image as sent, identified by the SHA-256 of its bytes.
-#[derive(Clone)]
-pub struct Image {
-    pub hash: String,
-    pub bytes: Arc<Vec<u8>>,
 }
 
 #[derive(Clone)]
@@ -119,6 +117,30 @@ pub struct Usage {
     pub completion_tokens: i64,
 }
 
+/// How a conversation sat in the context.
+#[derive(Debug, Clone, Copy, PartialEq, Eq)]
+pub struct ContextUse {
+    /// The context in use, in tokens.
+    pub size: u32,
+    /// Messages after the leading system messages that were left out, from
+    /// the oldest on, so that the rest fits.
+    pub dropped_messages: usize,
+}
+
+/// A conversation to count, as a chat request would send it.
+pub struct CountRequest {
+    pub messages: Vec<ChatMessage>,
+    pub max_tokens: Option<u32>,
+}
+
+/// The prompt a reply to the conversation would start from.
+#[derive(Debug, Clone, Copy, PartialEq, Eq)]
+pub struct Counted {
+    /// Prompt tokens after fitting, the opening of the reply included.
+    pub tokens: usize,
+    pub context: ContextUse,
+}
+
 /// What a reply brings after it started: deltas, then Done or Error.
 #[derive(Debug)]
 pub enum Event {
@@ -129,6 +151,7 @@ pub enum Event {
     Done {
         finish_reason: FinishReason,
         usage: Usage,
+        context: ContextUse,
     },
     Error(EngineError),
 }
@@ -159,10 +182,11 @@ impl ReplySender {
         self.0.send(Signal::Event(event)).is_ok()
     }
 
-    fn done(&self, finish_reason: FinishReason, usage: Usage) {
+    fn done(&self, finish_reason: FinishReason, usage: Usage, context: ContextUse) {
         let _ = self.0.send(Signal::Event(Event::Done {
             finish_reason,
             usage,
+            context,
         }));
     }
 
@@ -194,6 +218,7 @@ enum Command {
     Unload(oneshot::Sender<()>),
     Chat(ChatJob),
     Encode(Image, oneshot::Sender<Result<(), EngineError>>),
+    Count(CountRequest, oneshot::Sender<Result<Counted, EngineError>>),
 }
 
 impl Command {
@@ -205,6 +230,9 @@ impl Command {
             }
             Command::Unload(reply) => {
                 let _ = reply.send(());
+            }
+            Command::Count(_, reply) => {
+                let _ = reply.send(Err(error));
             }
             Command::Chat(job) => job.events.fail(error),
         }
@@ -280,6 +308,16 @@ impl Engine {
         answer
             .await
             .map_err(|_| EngineError::StoppedWhileEncoding)?
+    }
+
+    /// Counts the prompt a reply to the conversation would start from,
+    /// without evaluating anything. It waits for a reply in progress.
+    pub async fn count(&self, request: CountRequest) -> Result<Counted, EngineError> {
+        let (reply, answer) = oneshot::channel();
+        self.send(Command::Count(request, reply))?;
+        answer
+            .await
+            .map_err(|_| EngineError::StoppedBeforeAnswering)?
     }
 
     /// Starts a reply. Errors found before generation starts (no model, a

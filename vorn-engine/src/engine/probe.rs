@@ -3,16 +3,11 @@
 //! process: `vorn-engine --probe-gguf <model> [<projector>]`.
 
 use super::{threads, vision};
+use crate::llama::{Batch, Bitmap, ChunkKind, Context, ContextSettings, Model, Projector};
 use crate::state::lock;
 use crate::template::MEDIA_MARKER;
-use llama_cpp_2::context::params::LlamaContextParams;
 use llama_cpp_2::llama_backend::LlamaBackend;
-use llama_cpp_2::llama_batch::LlamaBatch;
-use llama_cpp_2::model::params::LlamaModelParams;
-use llama_cpp_2::model::LlamaModel;
-use llama_cpp_2::mtmd::{MtmdBitmap, MtmdContext, MtmdInputChunkType, MtmdInputText};
 use llama_cpp_2::token::LlamaToken;
-use std::num::NonZeroU32;
 use std::path::{Path, PathBuf};
 use std::process::{Command, Stdio};
 use std::sync::Mutex;
@@ -41,38 +36,34 @@ pub fn probe_main(path: &Path, projector: Option<&Path>) -> i32 {
 fn try_file(path: &Path, projector: Option<&Path>) -> Result<(), i32> {
     let mut backend = LlamaBackend::init().map_err(|_| NO_BACKEND)?;
     backend.void_logs();
-    let params = LlamaModelParams::default().with_n_gpu_layers(0);
-    let model = LlamaModel::load_from_file(&backend, path, &params).map_err(|_| REFUSED)?;
-    let _ = model.chat_template(None);
+    let model = Model::load(&backend, path, 0).map_err(|_| REFUSED)?;
+    let _ = model.chat_template();
     walk_vocabulary(&model);
-    let ctx_params = LlamaContextParams::default()
-        .with_n_ctx(NonZeroU32::new(64))
-        .with_n_batch(64)
-        .with_n_ubatch(64)
-        .with_n_threads(threads::cores())
-        .with_n_threads_batch(threads::cores());
-    let mut ctx = model
-        .new_context(&backend, ctx_params)
-        .map_err(|_| REFUSED)?;
+    let settings = ContextSettings {
+        context_size: 64,
+        batch_size: 64,
+        threads: threads::cores(),
+    };
+    let mut ctx = Context::new(&backend, &model, settings).map_err(|_| REFUSED)?;
     let vocab = model.vocab();
     let first = if vocab.bos().0 >= 0 && vocab.bos().0 < vocab.n_tokens() {
         vocab.bos()
     } else {
         LlamaToken(0)
     };
-    let mut batch = LlamaBatch::new(1, 1);
-    if batch.add(first, 0, &[0], true).is_err() || ctx.decode(&mut batch).is_err() {
+    let mut batch = Batch::new(1);
+    if batch.add(first, 0, true).is_err() || ctx.decode(&batch).is_err() {
         return Err(REFUSED);
     }
     if let Some(projector) = projector {
-        encode_small_image(&model, projector)?;
+        encode_small_image(&backend, &model, projector)?;
     }
     Ok(())
 }
 
 /// Everything the engine later asks of the vocabulary, once per token: a
 /// corrupt table makes llama.cpp throw, which would abort the engine.
-fn walk_vocabulary(model: &LlamaModel) {
+fn walk_vocabulary(model: &Model) {
     let vocab = model.vocab();
     let sample = "<|im_start|>user\nHello, world! 123 é 🌍<|im_end|>\n<|im_start|>assistant\n";
     let _ = vocab.tokenize(sample.as_bytes(), true, true);
@@ -89,28 +80,19 @@ fn walk_vocabulary(model: &LlamaModel) {
 }
 
 /// The projector must load with this model and encode a small image.
-fn encode_small_image(model: &LlamaModel, projector: &Path) -> Result<(), i32> {
-    let params = vision::projector_params(false);
-    let mut mtmd = MtmdContext::init_from_file(&projector.to_string_lossy(), model, &params)
-        .map_err(|_| REFUSED)?;
-    if !mtmd.support_vision() {
+fn encode_small_image(backend: &LlamaBackend, model: &Model, projector: &Path) -> Result<(), i32> {
+    let settings = vision::projector_settings(false);
+    let mut projector = Projector::new(backend, projector, model, settings).map_err(|_| REFUSED)?;
+    if !projector.supports_vision() {
         return Err(REFUSED);
     }
     let pixels: Vec<u8> = (0..16 * 16 * 3).map(|i| (i * 37 % 251) as u8).collect();
-    let bitmap = MtmdBitmap::from_image_data(16, 16, &pixels).map_err(|_| REFUSED)?;
-    let text = MtmdInputText {
-        text: MEDIA_MARKER.to_string(),
-        add_special: false,
-        parse_special: true,
-    };
-    let chunks = mtmd.tokenize(text, &[&bitmap]).map_err(|_| REFUSED)?;
-    for i in 0..chunks.len() {
-        if let Some(chunk) = chunks.get(i) {
-            if chunk.chunk_type() != MtmdInputChunkType::Text && mtmd.encode_chunk(&chunk).is_err()
-            {
-                return Err(REFUSED);
-            }
-        }
+    let bitmap = Bitmap::from_rgb(16, 16, &pixels).ok_or(REFUSED)?;
+    let chunks = projector
+        .tokenize(MEDIA_MARKER, false, &[&bitmap])
+        .map_err(|_| REFUSED)?;
+    for chunk in chunks.iter().filter(|c| c.kind() != ChunkKind::Text) {
+        projector.encode(&chunk).map_err(|_| REFUSED)?;
     }
     Ok(())
 }

@@ -4,29 +4,23 @@
 use super::lru::LruCache;
 use super::prefill::Key;
 use super::{threads, turn_end, vision, ChatMessage, Command, EngineError, LoadRequest};
+use crate::llama::{Context, ContextSettings, Model, Projector};
 use crate::state::{lock, Shared};
 use crate::template::ChatTemplate;
-use llama_cpp_2::context::params::LlamaContextParams;
-use llama_cpp_2::context::LlamaContext;
 use llama_cpp_2::llama_backend::LlamaBackend;
-use llama_cpp_2::model::LlamaModel;
-use llama_cpp_2::mtmd::{MtmdBitmap, MtmdContext};
 use llama_cpp_2::token::LlamaToken;
-use std::num::NonZeroU32;
 use std::panic::{catch_unwind, AssertUnwindSafe};
 use std::sync::{mpsc, Arc};
 
-/// Decoded images kept by hash.
-const DECODED_IMAGES: usize = 16;
 /// Image encoder outputs kept by hash (each is tokens × embedding width floats).
 const ENCODED_IMAGES: usize = 8;
 
 pub(super) struct Session<'m> {
     pub(super) shared: Arc<Shared>,
-    pub(super) model: &'m LlamaModel,
-    // Dropped before the model, which the caller owns.
-    pub(super) projector: Option<MtmdContext>,
-    pub(super) ctx: LlamaContext<'m>,
+    pub(super) model: &'m Model,
+    // Both borrow the model, which the caller owns and frees after them.
+    pub(super) projector: Option<Projector<'m>>,
+    pub(super) ctx: Context<'m>,
     pub(super) context_size: u32,
     pub(super) batch_size: u32,
     pub(super) template: ChatTemplate,
@@ -39,12 +33,13 @@ pub(super) struct Session<'m> {
     /// First message kept when the conversation last overflowed the context,
     /// so later turns cut at the same place and keep the cache useful.
     pub(super) cut_anchor: Option<(String, String)>,
-    pub(super) bitmaps: LruCache<Arc<MtmdBitmap>>,
     pub(super) embeddings: LruCache<Arc<Vec<f32>>>,
     /// M-RoPE models place images at fewer positions than they have tokens.
     pub(super) mrope: bool,
     /// Images of the current request whose encoder output came from /api/encode.
     pub(super) reused_images: i64,
+    /// Images of the current request decoded into pixels for it.
+    pub(super) decoded_images: i64,
     /// The last conversation and its reply, to guess where an image that
     /// arrives through /api/encode will be placed.
     pub(super) history: Vec<ChatMessage>,
@@ -52,42 +47,35 @@ pub(super) struct Session<'m> {
 }
 
 impl<'m> Session<'m> {
-    /// Creates the context, the projector (when one is paired and works) and
+    /// Creates the context of `context_size` tokens, the projector (when one is paired and works) and
     /// the chat template for a loaded model. Also returns the projector's name.
     pub(super) fn open(
         backend: &LlamaBackend,
-        model: &'m LlamaModel,
+        model: &'m Model,
         request: &LoadRequest,
+        context_size: u32,
         offload: bool,
         shared: &Arc<Shared>,
     ) -> Result<(Session<'m>, Option<String>), EngineError> {
-        let context_size = if request.context_size == 0 {
-            model.n_ctx_train().max(512)
-        } else {
-            request.context_size.clamp(64, 1 << 20)
-        };
         let batch_size = 512u32.min(context_size);
-        let params = LlamaContextParams::default()
-            .with_n_ctx(NonZeroU32::new(context_size))
-            .with_n_batch(batch_size)
-            .with_n_ubatch(batch_size)
-            .with_n_threads(threads::for_model(model))
-            .with_n_threads_batch(threads::for_model(model));
-        let ctx = model
-            .new_context(backend, params)
-            .map_err(|e| EngineError::ContextFailed {
+        let settings = ContextSettings {
+            context_size,
+            batch_size,
+            threads: threads::for_model(model),
+        };
+        let ctx = Context::new(backend, model, settings).map_err(|reason| {
+            EngineError::ContextFailed {
                 name: request.name.clone(),
                 context: context_size,
-                reason: e.to_string(),
-            })?;
-        let (projector, projector_name) = match vision::open_projector(model, request, offload) {
+                reason,
+            }
+        })?;
+        let opened = vision::open_projector(backend, model, request, offload);
+        let (projector, projector_name) = match opened {
             Some((projector, name)) => (Some(projector), Some(name)),
             None => (None, None),
         };
-        let mrope = projector
-            .as_ref()
-            .map(|p| p.decode_use_mrope())
-            .unwrap_or(false);
+        let mrope = projector.as_ref().map(|p| p.uses_mrope()).unwrap_or(false);
         let template = chat_template(model);
         let turn_ends = turn_end::tokens(model, &template);
         let session = Session {
@@ -102,10 +90,10 @@ impl<'m> Session<'m> {
             prompt_opens_reasoning: false,
             cached: Vec::new(),
             cut_anchor: None,
-            bitmaps: LruCache::new(DECODED_IMAGES),
             embeddings: LruCache::new(ENCODED_IMAGES),
             mrope,
             reused_images: 0,
+            decoded_images: 0,
             history: Vec::new(),
             history_reply: String::new(),
         };
@@ -130,7 +118,7 @@ impl<'m> Session<'m> {
                     let result = catch_unwind(AssertUnwindSafe(|| self.chat(job)));
                     if result.is_err() {
                         self.cached.clear();
-                        self.ctx.clear_kv_cache();
+                        self.ctx.clear();
                         events.fail(EngineError::GenerationPanicked);
                     }
                 }
@@ -139,17 +127,19 @@ impl<'m> Session<'m> {
                         .unwrap_or(Err(EngineError::EncodingPanicked));
                     let _ = reply.send(result);
                 }
+                Command::Count(request, reply) => {
+                    let result = catch_unwind(AssertUnwindSafe(|| self.count(&request)))
+                        .unwrap_or(Err(EngineError::CountPanicked));
+                    let _ = reply.send(result);
+                }
             }
         }
     }
 }
 
 /// The model's own chat template, with its BOS and EOS texts.
-fn chat_template(model: &LlamaModel) -> ChatTemplate {
-    let source = model
-        .chat_template(None)
-        .ok()
-        .and_then(|t| t.to_string().ok());
+fn chat_template(model: &Model) -> ChatTemplate {
+    let source = model.chat_template();
     let vocab = model.vocab();
     let piece = |token: LlamaToken| {
         String::from_utf8_lossy(&vocab.token_to_piece(token, true, None)).into_owned()

@@ -1,6 +1,6 @@
 //! How many CPU threads llama.cpp gets.
 
-use llama_cpp_2::model::LlamaModel;
+use crate::llama::Model;
 
 /// Physical cores where the system says (hyper-threads share the units that
 /// matrix products need), otherwise every logical CPU.
@@ -36,7 +36,7 @@ pub(super) fn cores() -> i32 {
 /// Threads for a model. Tiny models finish each matrix product faster than
 /// threads can synchronise, and on a busy machine spinning threads make it
 /// far worse, so they get roughly one thread per 25M parameters.
-pub(super) fn for_model(model: &LlamaModel) -> i32 {
+pub(super) fn for_model(model: &Model) -> i32 {
     if let Some(n) = std::env::var("VORN_ENGINE_THREADS")
         .ok()
         .and_then(|v| v.parse::<i32>().ok())

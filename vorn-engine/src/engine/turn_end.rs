@@ -3,11 +3,11 @@
 //! chat template closes an assistant's turn with, where the vocabulary has
 //! it as a single control token.
 
+use crate::llama::Model;
 use crate::template::ChatTemplate;
-use llama_cpp_2::model::LlamaModel;
 use llama_cpp_2::token::LlamaToken;
 
-pub(super) fn tokens(model: &LlamaModel, template: &ChatTemplate) -> Vec<LlamaToken> {
+pub(super) fn tokens(model: &Model, template: &ChatTemplate) -> Vec<LlamaToken> {
     let vocab = model.vocab();
     let mut found = Vec::new();
     for text in template.turn_end_texts() {

@@ -4,45 +4,39 @@
 use super::conversation::Prompt;
 use super::session::Session;
 use super::{probe, threads, ChatMessage, EngineError, Image, LoadRequest};
-use crate::ffi;
+use crate::llama::{Bitmap, ChunkKind, Model, Projector, ProjectorSettings};
 use crate::template::{TemplateMessage, MEDIA_MARKER};
-use llama_cpp_2::model::LlamaModel;
-use llama_cpp_2::mtmd::{
-    MtmdBitmap, MtmdContext, MtmdContextParams, MtmdInputChunkType, MtmdInputText,
-};
-use std::ffi::CString;
+use llama_cpp_2::llama_backend::LlamaBackend;
 use std::panic::{catch_unwind, AssertUnwindSafe};
 use std::sync::Arc;
 
-pub(super) fn projector_params(use_gpu: bool) -> MtmdContextParams {
-    MtmdContextParams {
+pub(super) fn projector_settings(use_gpu: bool) -> ProjectorSettings<'static> {
+    ProjectorSettings {
         use_gpu,
-        print_timings: false,
-        n_threads: threads::cores(),
-        media_marker: CString::new(MEDIA_MARKER).expect("marker has no NUL"),
-        image_min_tokens: -1,
-        image_max_tokens: -1,
+        threads: threads::cores(),
+        media_marker: MEDIA_MARKER,
     }
 }
 
 /// The projector paired with the model, when it passes the probe together
 /// with the model and supports images; its name comes with it.
-pub(super) fn open_projector(
-    model: &LlamaModel,
+pub(super) fn open_projector<'m>(
+    backend: &LlamaBackend,
+    model: &'m Model,
     request: &LoadRequest,
     offload: bool,
-) -> Option<(MtmdContext, String)> {
+) -> Option<(Projector<'m>, String)> {
     let (name, path) = request.projector.as_ref()?;
     if let Err(why) = probe::check(&request.path, Some(path)) {
         eprintln!("vorn-engine: projector {name} left out: {why}");
         return None;
     }
-    let params = projector_params(offload);
+    let settings = projector_settings(offload);
     let made = catch_unwind(AssertUnwindSafe(|| {
-        MtmdContext::init_from_file(&path.to_string_lossy(), model, &params)
+        Projector::new(backend, path, model, settings)
     }));
     match made {
-        Ok(Ok(projector)) if projector.support_vision() => Some((projector, name.clone())),
+        Ok(Ok(projector)) if projector.supports_vision() => Some((projector, name.clone())),
         _ => {
             eprintln!(
                 "vorn-engine: projector {name} could not be used with {}",
@@ -54,21 +48,18 @@ pub(super) fn open_projector(
 }
 
 impl Session<'_> {
-    pub(super) fn bitmap(&mut self, image: &Image) -> Result<Arc<MtmdBitmap>, EngineError> {
-        if let Some(bitmap) = self.bitmaps.get(&image.hash) {
-            return Ok(bitmap);
-        }
+    /// The image's pixels, decoded now unless an earlier use did.
+    pub(super) fn bitmap<'i>(&mut self, image: &'i Image) -> Result<&'i Bitmap, EngineError> {
         let projector = self
             .projector
             .as_ref()
             .ok_or(EngineError::ImagesNotAccepted)?;
-        let mut bitmap = MtmdBitmap::from_buffer(projector, &image.bytes, false)
-            .map_err(|_| EngineError::ImageUndecodable)?;
-        bitmap
-            .set_id(&image.hash)
-            .map_err(|_| EngineError::ImageIdRefused)?;
-        let bitmap = Arc::new(bitmap);
-        self.bitmaps.put(image.hash.clone(), bitmap.clone());
+        let (bitmap, decoded) = image
+            .pixels(|file| projector.decode_image(file, &image.hash))
+            .ok_or(EngineError::ImageUndecodable)?;
+        if decoded {
+            self.decoded_images += 1;
+        }
         Ok(bitmap)
     }
 
@@ -88,43 +79,12 @@ impl Session<'_> {
         let bitmap = self.bitmap(image)?;
         let projector = self.projector.as_mut().expect("checked by the caller");
         let chunks = projector
-            .tokenize(
-                MtmdInputText {
-                    text: MEDIA_MARKER.to_string(),
-                    add_special: false,
-                    parse_special: true,
-                },
-                &[&bitmap],
-            )
-            .map_err(|e| EngineError::ImageNotPrepared(e.to_string()))?;
-        for i in 0..chunks.len() {
-            let Some(chunk) = chunks.get(i) else { continue };
-            if chunk.chunk_type() != MtmdInputChunkType::Image {
-                continue;
-            }
-            projector
-                .encode_chunk(&chunk)
-                .map_err(|e| EngineError::ImageEncoderFailed(e.to_string()))?;
-            // SAFETY: the pointer comes from the live model this session
-            // borrows; the call only reads a field of it. It is the width
-            // mtmd's own helper uses when decoding embeddings.
-            let width =
-                unsafe { llama_cpp_sys_2::llama_model_n_embd_inp(ffi::model_ptr(self.model)) };
-            let len = chunk.n_tokens() * width.max(0) as usize;
-            let Some(raw) = ffi::mtmd_ptr(projector) else {
-                return Ok(());
-            };
-            // SAFETY: `raw` is the projector's own context, alive for this
-            // call; the call only returns the pointer to its output buffer.
-            let output = unsafe { llama_cpp_sys_2::mtmd_get_output_embd(raw) };
-            if output.is_null() {
-                return Ok(());
-            }
-            // SAFETY: after a successful encode of this chunk the output
-            // buffer holds n_tokens rows of the text model's input embedding
-            // width, `len` floats in all, and nothing writes to it until the
-            // next encode; the floats are copied out before that.
-            let embedding = unsafe { std::slice::from_raw_parts(output, len) }.to_vec();
+            .tokenize(MEDIA_MARKER, false, &[bitmap])
+            .map_err(|code| EngineError::ImageNotPrepared(format!("llama.cpp code {code}")))?;
+        for chunk in chunks.iter().filter(|c| c.kind() == ChunkKind::Image) {
+            let embedding = projector.encode(&chunk).map_err(|code| {
+                EngineError::ImageEncoderFailed(format!("llama.cpp code {code}"))
+            })?;
             self.embeddings.put(image.hash.clone(), Arc::new(embedding));
         }
         Ok(())

@@ -39,13 +39,20 @@ pub enum Value {
 pub struct TensorInfo {
     pub name: String,
     pub dims: Vec<u64>,
+    /// ggml's number for the element type (see `types`).
+    pub ggml_type: u32,
 }
 
 #[derive(Debug, Clone, Default)]
 pub struct Header {
     pub version: u32,
     pub kv: BTreeMap<String, Value>,
+    /// The tensors, as far as the memory budget keeps them.
     pub tensors: Vec<TensorInfo>,
+    /// Elements of every tensor, kept or not; None when the sum overflows.
+    pub elements: Option<u64>,
+    /// Bytes of every tensor by element type, for the types ggml knows.
+    pub type_bytes: BTreeMap<u32, u64>,
 }
 
 #[derive(Debug, Clone, PartialEq)]
@@ -229,6 +236,7 @@ pub fn parse<R: Read + Seek>(inner: R, len: u64) -> Result<Header, GgufError> {
 
     let mut header = Header {
         version,
+        elements: Some(0),
         ..Default::default()
     };
     debug_assert!(header.version >= 2);
@@ -261,12 +269,26 @@ pub fn parse<R: Read + Seek>(inner: R, len: u64) -> Result<Header, GgufError> {
         for _ in 0..n_dims {
             dims.push(reader.u64()?);
         }
-        let _tensor_type = reader.u32()?;
+        let ggml_type = reader.u32()?;
         let _offset = reader.u64()?;
+        // Totals take no memory per tensor, so they cover every tensor.
+        let elements = dims.iter().try_fold(1u64, |n, d| n.checked_mul(*d));
+        header.elements = header
+            .elements
+            .zip(elements)
+            .and_then(|(a, b)| a.checked_add(b));
+        if let (Some(elements), Some(kind)) = (elements, types::tensor_type(ggml_type)) {
+            let bytes = header.type_bytes.entry(kind.id).or_insert(0);
+            *bytes = bytes.saturating_add(kind.bytes(elements));
+        }
         let cost = ENTRY_COST + name.len() + 8 * dims.len();
         if cost <= budget {
             budget -= cost;
-            header.tensors.push(TensorInfo { name, dims });
+            header.tensors.push(TensorInfo {
+                name,
+                dims,
+                ggml_type,
+            });
         }
     }
     Ok(header)
@@ -333,6 +355,11 @@ impl Header {
         None
     }
 }
+
+mod details;
+pub mod types;
+
+pub use details::ModelDetails;
 
 #[cfg(test)]
 mod tests;

@@ -1,12 +1,13 @@
 //! /v1/chat/completions: OpenAI-style chat, streamed or in one reply.
 
 use super::error::ApiError;
-use super::json::{Field, JsonBody, TextOr};
-use super::messages::{conversation, MessagesField};
+use super::json::{parse, Field, JsonBytes, TextOr};
+use super::messages::{for_loaded_model, MessagesField};
 use super::stream;
 use super::App;
-use crate::engine::{ChatRequest, EngineError, Event, FinishReason, Reply, Sampling, Usage};
-use crate::state::lock;
+use crate::engine::{
+    ChatRequest, ContextUse, EngineError, Event, FinishReason, Reply, Sampling, Usage,
+};
 use axum::extract::State;
 use axum::response::{IntoResponse, Response};
 use axum::Json;
@@ -14,8 +15,9 @@ use serde::{Deserialize, Serialize};
 
 #[derive(Deserialize, Default)]
 #[serde(default)]
-pub(super) struct ChatBody {
-    messages: MessagesField,
+pub(super) struct ChatBody<'a> {
+    #[serde(borrow)]
+    messages: MessagesField<'a>,
     stream: Field<bool>,
     temperature: Field<f64>,
     top_p: Field<f64>,
@@ -25,7 +27,8 @@ pub(super) struct ChatBody {
     max_tokens: Field<u64>,
     max_completion_tokens: Field<u64>,
     /// One stop text or several.
-    stop: Field<TextOr<Vec<String>>>,
+    #[serde(borrow)]
+    stop: Field<TextOr<'a, Vec<String>>>,
 }
 
 /// A sampling number: any JSON number, or `default` when absent or null.
@@ -45,10 +48,9 @@ struct Settings {
     stop: Vec<String>,
 }
 
-impl ChatBody {
-    /// Checks the settings in a fixed order. The messages are left for
-    /// later, off the async threads, since they carry the images.
-    fn check(self) -> Result<(Settings, MessagesField), ApiError> {
+impl<'a> ChatBody<'a> {
+    /// Checks the settings in a fixed order; the messages come after them.
+    fn check(self) -> Result<(Settings, MessagesField<'a>), ApiError> {
         let ChatBody {
             messages,
             stream,
@@ -71,17 +73,10 @@ impl ChatBody {
             Some(seed) => seed as u32,
             None => random_seed(),
         };
-        // A max_tokens that is given, even as null, hides the other spelling.
-        let max_tokens = match max_tokens {
-            Field::Absent => max_completion_tokens,
-            given => given,
-        };
-        let max_tokens = max_tokens
-            .optional(ApiError::NotCount("max_tokens"))?
-            .map(|m| m.min(u32::MAX as u64) as u32);
+        let max_tokens = reply_limit(max_tokens, max_completion_tokens)?;
         let stop = match stop.optional(ApiError::BadStop)? {
             None => Vec::new(),
-            Some(TextOr::Text(text)) => vec![text],
+            Some(TextOr::Text(text)) => vec![text.into_owned()],
             Some(TextOr::Other(texts)) => texts,
         };
         let settings = Settings {
@@ -100,20 +95,30 @@ impl ChatBody {
     }
 }
 
+/// The reply's token limit from either spelling: a `max_tokens` that is
+/// given, even as null, hides `max_completion_tokens`.
+pub(super) fn reply_limit(
+    max_tokens: Field<u64>,
+    max_completion_tokens: Field<u64>,
+) -> Result<Option<u32>, ApiError> {
+    let max_tokens = match max_tokens {
+        Field::Absent => max_completion_tokens,
+        given => given,
+    };
+    Ok(max_tokens
+        .optional(ApiError::NotCount("max_tokens"))?
+        .map(|m| m.min(u32::MAX as u64) as u32))
+}
+
+fn read_chat(body: &[u8]) -> Result<(Settings, MessagesField<'_>), ApiError> {
+    parse::<ChatBody>(body)?.check()
+}
+
 pub(super) async fn chat(
     State(app): State<App>,
-    JsonBody(body): JsonBody<ChatBody>,
+    JsonBytes(body): JsonBytes,
 ) -> Result<Response, ApiError> {
-    let (settings, messages) = body.check()?;
-    let messages = tokio::task::spawn_blocking(move || conversation(messages))
-        .await
-        .map_err(|_| ApiError::Internal("parse failed"))??;
-    let Some(loaded) = lock(&app.shared.loaded).clone() else {
-        return Err(EngineError::NoModelLoaded.into());
-    };
-    if !loaded.vision && messages.iter().any(|m| !m.images.is_empty()) {
-        return Err(EngineError::ImagesNotAccepted.into());
-    }
+    let (settings, messages, loaded) = for_loaded_model(&app, body, read_chat).await?;
     let reply = app
         .engine
         .chat(ChatRequest {
@@ -159,6 +164,22 @@ impl From<Usage> for UsageBody {
     }
 }
 
+/// How the conversation sat in the context.
+#[derive(Serialize)]
+pub(super) struct ContextBody {
+    size: u32,
+    dropped_messages: usize,
+}
+
+impl From<ContextUse> for ContextBody {
+    fn from(context: ContextUse) -> Self {
+        ContextBody {
+            size: context.size,
+            dropped_messages: context.dropped_messages,
+        }
+    }
+}
+
 #[derive(Serialize)]
 struct Completion {
     id: String,
@@ -167,6 +188,7 @@ struct Completion {
     model: String,
     choices: [CompletionChoice; 1],
     usage: UsageBody,
+    context: ContextBody,
 }
 
 #[derive(Serialize)]
@@ -196,6 +218,7 @@ async fn whole_reply(mut reply: Reply, head: ReplyHead) -> Result<Completion, Ap
             Some(Event::Done {
                 finish_reason,
                 usage,
+                context,
             }) => {
                 return Ok(Completion {
                     id: head.id,
@@ -212,6 +235,7 @@ async fn whole_reply(mut reply: Reply, head: ReplyHead) -> Result<Completion, Ap
                         finish_reason,
                     }],
                     usage: usage.into(),
+                    context: context.into(),
                 })
             }
             Some(Event::Error(e)) => return Err(e.into()),

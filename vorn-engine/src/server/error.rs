@@ -29,6 +29,13 @@ pub enum ApiError {
     NotNumber(&'static str),
     NotCount(&'static str),
     BadContextSize,
+    /// A context above what the model takes.
+    ContextAboveLimit {
+        name: String,
+        requested: u64,
+        limit: u64,
+        trained: Option<u64>,
+    },
     BadStop,
     MessagesNotArray,
     NoMessages,
@@ -77,6 +84,7 @@ impl ApiError {
             | A::NotNumber(_)
             | A::NotCount(_)
             | A::BadContextSize
+            | A::ContextAboveLimit { .. }
             | A::BadStop
             | A::MessagesNotArray
             | A::NoMessages
@@ -99,11 +107,11 @@ impl ApiError {
                 E::NoModelLoaded | E::NoImageSupport => S::CONFLICT,
                 E::ImagesNotAccepted
                 | E::ImageUndecodable
-                | E::ImageIdRefused
                 | E::ImageNotPrepared(_)
                 | E::ImagesNotPrepared(_)
                 | E::NoProjector
                 | E::MessageTooLong
+                | E::SystemMessageTooLong
                 | E::EmptyConversation => S::BAD_REQUEST,
                 E::BackendFailed(_)
                 | E::ThreadStopped
@@ -117,15 +125,16 @@ impl ApiError {
                 | E::LoadFailed { .. }
                 | E::LoadPanicked { .. }
                 | E::ContextFailed { .. }
+                | E::ContextTooLarge { .. }
                 | E::ImageEncoderFailed(_)
                 | E::EncodingPanicked
-                | E::ImagesUnsupportedByBuild
                 | E::ImageEvaluationFailed(_)
                 | E::Template(_)
                 | E::BatchRefused(_)
                 | E::PromptEvaluationFailed(_)
                 | E::GenerationFailed(_)
-                | E::GenerationPanicked => S::INTERNAL_SERVER_ERROR,
+                | E::GenerationPanicked
+                | E::CountPanicked => S::INTERNAL_SERVER_ERROR,
             },
             A::Download(error) => match error {
                 D::BadName | D::InvalidLink | D::NotHubLink => S::BAD_REQUEST,
@@ -156,7 +165,27 @@ impl fmt::Display for ApiError {
             A::NotTrueOrFalse(field) => write!(f, "\"{field}\" must be true or false."),
             A::NotNumber(field) => write!(f, "\"{field}\" must be a number."),
             A::NotCount(field) => write!(f, "\"{field}\" must be a non-negative integer."),
-            A::BadContextSize => f.write_str("\"ctx\" must be a positive integer."),
+            A::BadContextSize => f.write_str(
+                "\"ctx\" must be a whole number of tokens (0 for the model's trained context).",
+            ),
+            A::ContextAboveLimit {
+                name,
+                requested,
+                limit,
+                trained,
+            } => {
+                write!(
+                    f,
+                    "A context of {requested} tokens is more than {name} takes: at most {limit} tokens"
+                )?;
+                match trained {
+                    Some(trained) if trained == limit => {
+                        f.write_str(", the context it was trained with.")
+                    }
+                    Some(trained) => write!(f, " (it was trained with {trained})."),
+                    None => f.write_str("."),
+                }
+            }
             A::BadStop => f.write_str("\"stop\" must be a text or an array of texts."),
             A::MessagesNotArray => f.write_str("\"messages\" must be an array."),
             A::NoMessages => f.write_str("\"messages\" must not be empty."),

@@ -2,7 +2,7 @@
 //! before the question that carries the image arrives.
 
 use super::error::ApiError;
-use super::json::{Field, JsonBody};
+use super::json::{parse, Field, JsonBytes, Text};
 use super::{ok_reply, App, OkReply};
 use crate::engine::Image;
 use crate::state::lock;
@@ -11,7 +11,6 @@ use axum::Json;
 use base64::Engine as _;
 use serde::Deserialize;
 use sha2::{Digest, Sha256};
-use std::sync::Arc;
 
 /// Decodes a `data:` URL into its bytes.
 pub(super) fn decode_data_url(url: &str) -> Result<Vec<u8>, ApiError> {
@@ -20,10 +19,15 @@ pub(super) fn decode_data_url(url: &str) -> Result<Vec<u8>, ApiError> {
     if !meta.to_ascii_lowercase().ends_with(";base64") {
         return Err(ApiError::NotBase64DataUrl);
     }
-    let clean: Vec<u8> = data.bytes().filter(|b| !b.is_ascii_whitespace()).collect();
-    let bytes = base64::engine::general_purpose::STANDARD
-        .decode(&clean)
-        .map_err(|_| ApiError::InvalidBase64)?;
+    let base64 = base64::engine::general_purpose::STANDARD;
+    // Line breaks are allowed; only then is the text copied without them.
+    let decoded = if data.bytes().any(|b| b.is_ascii_whitespace()) {
+        let clean: Vec<u8> = data.bytes().filter(|b| !b.is_ascii_whitespace()).collect();
+        base64.decode(&clean)
+    } else {
+        base64.decode(data)
+    };
+    let bytes = decoded.map_err(|_| ApiError::InvalidBase64)?;
     if bytes.is_empty() {
         return Err(ApiError::EmptyImage);
     }
@@ -34,27 +38,30 @@ pub(super) fn decode_data_url(url: &str) -> Result<Vec<u8>, ApiError> {
 pub(super) fn image_from_url(url: &str) -> Result<Image, ApiError> {
     let bytes = decode_data_url(url)?;
     let hash = hex::encode(Sha256::digest(&bytes));
-    Ok(Image {
-        hash,
-        bytes: Arc::new(bytes),
-    })
+    Ok(Image::new(hash, bytes))
 }
 
 #[derive(Deserialize, Default)]
 #[serde(default)]
-pub(super) struct EncodeBody {
-    url: Field<String>,
+pub(super) struct EncodeBody<'a> {
+    #[serde(borrow)]
+    url: Field<Text<'a>>,
 }
 
 pub(super) async fn encode(
     State(app): State<App>,
-    JsonBody(body): JsonBody<EncodeBody>,
+    JsonBytes(body): JsonBytes,
 ) -> Result<Json<OkReply>, ApiError> {
-    let url = body.url.required(ApiError::NotText("url"))?;
-    // Decoding and hashing tens of megabytes: not on the async threads.
-    let image = tokio::task::spawn_blocking(move || image_from_url(&url))
-        .await
-        .map_err(|_| ApiError::Internal("decode failed"))??;
+    // Reading, decoding and hashing tens of megabytes: not on the async
+    // threads. The image stays in the cache for the question that follows.
+    let images = app.images.clone();
+    let image = tokio::task::spawn_blocking(move || {
+        let body = parse::<EncodeBody>(&body)?;
+        let url = body.url.required(ApiError::NotText("url"))?;
+        images.image(&url.0)
+    })
+    .await
+    .map_err(|_| ApiError::Internal("decode failed"))??;
     let vision = lock(&app.shared.loaded)
         .as_ref()
         .map(|l| l.vision)

@@ -6,12 +6,16 @@
 //! - `models`: /api/state, /api/load, /api/unload
 //! - `pull`: /api/pull
 //! - `image`: data URLs and /api/encode
+//! - `image_cache`: images by the data URL they came in
 //! - `messages`, `chat`, `stream`: /v1/chat/completions
+//! - `count`: /api/count
 
 mod chat;
+mod count;
 mod error;
 mod guard;
 mod image;
+mod image_cache;
 mod json;
 mod messages;
 mod models;
@@ -28,6 +32,7 @@ use axum::extract::DefaultBodyLimit;
 use axum::middleware;
 use axum::routing::{get, post};
 use axum::Router;
+use image_cache::ImageCache;
 use std::path::PathBuf;
 use std::sync::atomic::Ordering;
 use std::sync::Arc;
@@ -38,6 +43,7 @@ pub struct App {
     shared: Arc<Shared>,
     engine: Engine,
     downloads: Downloader,
+    images: Arc<ImageCache>,
 }
 
 impl App {
@@ -47,6 +53,7 @@ impl App {
         App {
             engine: Engine::spawn(shared.clone()),
             downloads: Downloader::new(shared.clone()),
+            images: Arc::default(),
             shared,
         }
     }
@@ -65,6 +72,7 @@ pub fn router(app: App) -> Router {
         .route("/api/unload", post(models::unload))
         .route("/api/pull", post(pull::pull))
         .route("/api/encode", post(image::encode))
+        .route("/api/count", post(count::count))
         .route("/v1/chat/completions", post(chat::chat))
         .fallback(not_found)
         .method_not_allowed_fallback(method_not_allowed)

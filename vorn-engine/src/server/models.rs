@@ -11,10 +11,11 @@ use axum::Json;
 use serde::{Deserialize, Serialize};
 use std::path::PathBuf;
 
-/// The context a model gets when the request names none.
-const DEFAULT_CONTEXT: u32 = 4096;
-/// The largest context a request may ask for.
-const MAX_CONTEXT: u64 = 1 << 20;
+/// The context a model gets when the request names none, and the largest
+/// one any model takes whatever it was trained with (as it always could).
+const DEFAULT_CONTEXT: u64 = 4096;
+/// llama.cpp counts context positions in 32 bits.
+const MAX_CONTEXT: u64 = u32::MAX as u64;
 
 #[derive(Serialize)]
 pub(super) struct StateReply {
@@ -68,20 +69,24 @@ pub(super) async fn load(
 ) -> Result<Json<OkReply>, ApiError> {
     let name = body.name.required(ApiError::NotText("name"))?;
     let gpu = body.gpu.or(false, ApiError::NotTrueOrFalse("gpu"))?;
-    let context_size = match body.ctx.optional(ApiError::BadContextSize)? {
-        None => DEFAULT_CONTEXT,
-        Some(c) if c <= MAX_CONTEXT => c as u32,
-        Some(_) => return Err(ApiError::BadContextSize),
-    };
+    let requested = body.ctx.optional(ApiError::BadContextSize)?;
     let path = model_path(&app, &name)?;
-    let projector = {
+    // Reading headers: not on the async threads.
+    let (trained, projector) = {
         let app = app.clone();
         let name = name.clone();
-        tokio::task::spawn_blocking(move || pick_projector(&app, &name))
-            .await
-            .ok()
-            .flatten()
+        tokio::task::spawn_blocking(move || {
+            let trained = app
+                .shared
+                .header_info(&app.shared.dir.join(&name))
+                .and_then(|info| info.details.context_length)
+                .map(|n| n as u64);
+            (trained, pick_projector(&app, &name))
+        })
+        .await
+        .unwrap_or((None, None))
     };
+    let context_size = context_size(&name, requested, trained)?;
     app.engine
         .load(LoadRequest {
             name,
@@ -92,6 +97,30 @@ pub(super) async fn load(
         })
         .await?;
     Ok(ok_reply())
+}
+
+/// The context to load with: the default when none is asked, the trained
+/// one for 0, and never more than the model takes.
+fn context_size(name: &str, requested: Option<u64>, trained: Option<u64>) -> Result<u32, ApiError> {
+    let size = match requested {
+        None => DEFAULT_CONTEXT,
+        Some(0) => trained.unwrap_or(DEFAULT_CONTEXT).min(MAX_CONTEXT),
+        Some(requested) => {
+            let limit = trained
+                .unwrap_or(MAX_CONTEXT)
+                .clamp(DEFAULT_CONTEXT, MAX_CONTEXT);
+            if requested > limit {
+                return Err(ApiError::ContextAboveLimit {
+                    name: name.to_string(),
+                    requested,
+                    limit,
+                    trained,
+                });
+            }
+            requested
+        }
+    };
+    Ok(size as u32)
 }
 
 /// The path of a model file named in a request: a plain name of a file in
@@ -150,4 +179,47 @@ pub(super) async fn unload(
 ) -> Result<Json<OkReply>, ApiError> {
     app.engine.unload().await?;
     Ok(ok_reply())
+}
+
+#[cfg(test)]
+mod tests {
+    use super::*;
+
+    #[test]
+    fn context_sizes() {
+        let size = |requested, trained| context_size("m.gguf", requested, trained);
+        // Absent: the default, whatever the model.
+        assert_eq!(size(None, None), Ok(4096));
+        assert_eq!(size(None, Some(131_072)), Ok(4096));
+        // 0: the trained context, or the default when the header has none.
+        assert_eq!(size(Some(0), Some(2048)), Ok(2048));
+        assert_eq!(size(Some(0), None), Ok(4096));
+        assert_eq!(size(Some(0), Some(1 << 40)), Ok(u32::MAX));
+        // Up to the trained context, and up to the default on any model.
+        assert_eq!(size(Some(131_072), Some(131_072)), Ok(131_072));
+        assert_eq!(size(Some(4096), Some(2048)), Ok(4096));
+        assert_eq!(size(Some(100_000), None), Ok(100_000));
+        let above = |requested, limit, trained| {
+            Err(ApiError::ContextAboveLimit {
+                name: "m.gguf".into(),
+                requested,
+                limit,
+                trained,
+            })
+        };
+        assert_eq!(
+            size(Some(131_073), Some(131_072)),
+            above(131_073, 131_072, Some(131_072))
+        );
+        assert_eq!(size(Some(4097), Some(2048)), above(4097, 4096, Some(2048)));
+        assert_eq!(size(Some(1 << 32), None), above(1 << 32, MAX_CONTEXT, None));
+        assert_eq!(
+            size(Some(4097), Some(2048)).unwrap_err().to_string(),
+            "A context of 4097 tokens is more than m.gguf takes: at most 4096 tokens (it was trained with 2048)."
+        );
+        assert_eq!(
+            size(Some(1 << 32), None).unwrap_err().to_string(),
+            "A context of 4294967296 tokens is more than m.gguf takes: at most 4294967295 tokens."
+        );
+    }
 }

@@ -1,10 +1,10 @@
 //! A streamed reply as server-sent events: a first chunk with the role,
 //! one chunk per delta (`content`, or `reasoning_content` for the reasoning
-//! of models that write one), a last chunk with the finish reason and
-//! usage, then `data: [DONE]`. The reply lives inside the stream, so a
-//! client that goes away drops it and stops the generation.
+//! of models that write one), a last chunk with the finish reason, usage
+//! and context, then `data: [DONE]`. The reply lives inside the stream, so
+//! a client that goes away drops it and stops the generation.
 
-use super::chat::{ReplyHead, UsageBody};
+use super::chat::{ContextBody, ReplyHead, UsageBody};
 use crate::engine::{EngineError, Event, FinishReason, Reply};
 use axum::response::sse::{self, Sse};
 use futures_util::stream::{self, Stream, StreamExt};
@@ -20,6 +20,8 @@ struct Chunk<'a> {
     choices: [ChunkChoice; 1],
     #[serde(skip_serializing_if = "Option::is_none")]
     usage: Option<UsageBody>,
+    #[serde(skip_serializing_if = "Option::is_none")]
+    context: Option<ContextBody>,
 }
 
 #[derive(Serialize)]
@@ -56,12 +58,18 @@ fn data(value: &impl Serialize) -> sse::Event {
 }
 
 impl ReplyHead {
-    fn chunk(
+    fn chunk(&self, delta: Delta, finish_reason: Option<FinishReason>) -> sse::Event {
+        self.last_chunk(delta, finish_reason, None)
+    }
+
+    /// A chunk, with the reply's figures when it is the last.
+    fn last_chunk(
         &self,
         delta: Delta,
         finish_reason: Option<FinishReason>,
-        usage: Option<UsageBody>,
+        figures: Option<(UsageBody, ContextBody)>,
     ) -> sse::Event {
+        let (usage, context) = figures.unzip();
         data(&Chunk {
             id: &self.id,
             object: "chat.completion.chunk",
@@ -73,6 +81,7 @@ impl ReplyHead {
                 finish_reason,
             }],
             usage,
+            context,
         })
     }
 }
@@ -103,7 +112,6 @@ pub(super) fn events(
             reasoning_content: None,
         },
         None,
-        None,
     );
     let rest = stream::unfold(
         (Phase::Streaming(reply), head),
@@ -115,21 +123,23 @@ pub(super) fn events(
                             content: Some(text),
                             ..Delta::default()
                         };
-                        (head.chunk(delta, None, None), Phase::Streaming(reply))
+                        (head.chunk(delta, None), Phase::Streaming(reply))
                     }
                     Event::Reasoning(text) => {
                         let delta = Delta {
                             reasoning_content: Some(text),
                             ..Delta::default()
                         };
-                        (head.chunk(delta, None, None), Phase::Streaming(reply))
+                        (head.chunk(delta, None), Phase::Streaming(reply))
                     }
                     Event::Done {
                         finish_reason,
                         usage,
+                        context,
                     } => {
+                        let figures = (usage.into(), context.into());
                         let last =
-                            head.chunk(Delta::default(), Some(finish_reason), Some(usage.into()));
+                            head.last_chunk(Delta::default(), Some(finish_reason), Some(figures));
                         (last, Phase::Finishing)
                     }
                     Event::Error(error) => (error_event(&error), Phase::Over),

@@ -80,6 +80,8 @@ pub struct Extras<'a> {
     /// writes `first` after any other token and `then` after `first`
     /// (llama-shaped models only).
     pub steer: Option<(&'a str, &'a str)>,
+    /// The trained context the header states; 4096 when not given.
+    pub context_length: Option<u32>,
 }
 
 /// Writes a llama- or gemma3-shaped model with random F32 weights.
@@ -137,7 +139,11 @@ pub fn write_model_with(out_path: &Path, vocab: &Path, shape: &ModelShape, extra
     kv_str(&mut kv, "general.architecture", a);
     kv_str(&mut kv, "general.name", "vorn test model");
     kv_u32(&mut kv, "general.alignment", 32);
-    kv_u32(&mut kv, &format!("{a}.context_length"), 4096);
+    kv_u32(
+        &mut kv,
+        &format!("{a}.context_length"),
+        extras.context_length.unwrap_or(4096),
+    );
     kv_u32(&mut kv, &format!("{a}.embedding_length"), e as u32);
     kv_u32(&mut kv, &format!("{a}.block_count"), shape.n_layer as u32);
     kv_u32(
@@ -226,6 +232,45 @@ pub fn write_model_with(out_path: &Path, vocab: &Path, shape: &ModelShape, extra
         written += n * 4;
     }
     f.flush().unwrap();
+}
+
+/// A value in a header written by `write_header`.
+#[derive(Clone, Copy)]
+pub enum HeaderValue<'a> {
+    Text(&'a str),
+    Uint(u32),
+}
+
+/// Writes a GGUF file that is only a header: these keys and tensor entries
+/// (name, dimensions, ggml type number), without tensor data. Enough for
+/// the models listing, not for loading.
+pub fn write_header(
+    out_path: &Path,
+    keys: &[(&str, HeaderValue)],
+    tensors: &[(&str, &[u64], u32)],
+) {
+    let mut out = b"GGUF".to_vec();
+    out.extend_from_slice(&3u32.to_le_bytes());
+    out.extend_from_slice(&(tensors.len() as u64).to_le_bytes());
+    out.extend_from_slice(&(keys.len() as u64).to_le_bytes());
+    for (key, value) in keys {
+        match value {
+            HeaderValue::Text(text) => kv_str(&mut out, key, text),
+            HeaderValue::Uint(n) => kv_u32(&mut out, key, *n),
+        }
+    }
+    let mut offset = 0u64;
+    for (name, dims, kind) in tensors {
+        put_str(&mut out, name);
+        out.extend_from_slice(&(dims.len() as u32).to_le_bytes());
+        for d in *dims {
+            out.extend_from_slice(&d.to_le_bytes());
+        }
+        out.extend_from_slice(&kind.to_le_bytes());
+        out.extend_from_slice(&offset.to_le_bytes());
+        offset += 1024;
+    }
+    std::fs::write(out_path, out).unwrap();
 }
 
 /// What steering adds to the weight of `token`'s row at `dim`. Every

@@ -285,6 +285,43 @@ pub fn stories_dir(tag: &str) -> PathBuf {
     dir
 }
 
+/// A models folder holding a generated gemma3 model, `tinygemma3.gguf`, and
+/// a link to the tiny test projector that fits it.
+pub fn vision_dir(tag: &str) -> PathBuf {
+    vision_dir_with(tag, &["tinygemma3.gguf"], None)
+}
+
+/// A models folder holding generated gemma3 models of these names (each of
+/// its own weights, trained on `context_length` tokens, 4096 when None), all
+/// of which pair with the tiny test projector.
+pub fn vision_dir_with(tag: &str, models: &[&str], context_length: Option<u32>) -> PathBuf {
+    let dir = temp_dir(tag);
+    for (i, name) in models.iter().enumerate() {
+        gen::write_model_with(
+            &dir.join(name),
+            &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
+            &gen::ModelShape {
+                arch: "gemma3",
+                n_embd: 128,
+                n_layer: 2,
+                n_head: 4,
+                n_ff: 256,
+                seed: 5 + i as u64,
+            },
+            &gen::Extras {
+                context_length,
+                ..gen::Extras::default()
+            },
+        );
+    }
+    std::os::unix::fs::symlink(
+        shared_models().join("mmproj/mmproj-tinygemma3.gguf"),
+        dir.join("mmproj-tinygemma3.gguf"),
+    )
+    .unwrap();
+    dir
+}
+
 pub fn user(text: &str) -> serde_json::Value {
     serde_json::json!({"role": "user", "content": text})
 }
