@@ -6,5 +6,5 @@
 class DialogFileChooser : public FileChooser {
 public:
     QStringList chooseFilesToOpen(Kind kind, bool multiple) override;
-    std::optional<QString> chooseFileToSave(const QString &proposedName) override;
+    std::optional<SaveTarget> chooseFileToSave(const QString &proposedName, const QList<TextFormat> &formats) override;
 };

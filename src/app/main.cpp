@@ -1,8 +1,11 @@
 #include "AppDelegate.h"
 #include "AppIconArt.h"
+#include "ApplicationIdentity.h"
 #include "QuitSignals.h"
+#include "SingleInstance.h"
 #include "ViewSetup.h"
 #include "engine/EngineStore.h"
+#include "model/HistoryFile.h"
 
 #ifdef VORN_HAVE_DIALOGS
 #include "DialogFileChooser.h"
@@ -49,14 +52,34 @@ void reportStartup(AppDelegate &delegate)
     });
 }
 
+// With VORN_STARTUP_REPORT set, a later start that brought the window forward is
+// reported too, with the activation token it handed on.
+void reportActivation(const QByteArray &activationToken)
+{
+    if (qEnvironmentVariableIsEmpty("VORN_STARTUP_REPORT"))
+        return;
+    std::fprintf(stderr, "window_shown_for_later_start: %s\n",
+                 activationToken.isEmpty() ? "yes" : activationToken.constData());
+    std::fflush(stderr);
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
 {
+    // The desktop's permission to raise a window, given to this start; read before Qt
+    // may use it up.
+    const QByteArray activationToken = qgetenv("XDG_ACTIVATION_TOKEN");
     QApplication application(argc, argv);
-    QCoreApplication::setOrganizationName(QStringLiteral("Vorn"));
-    QCoreApplication::setApplicationName(QStringLiteral("Vorn"));
-    QCoreApplication::setApplicationVersion(QStringLiteral(VORN_VERSION));
+    ApplicationIdentity::apply();
+    // A second start over the same history shows the running window and ends.
+    SingleInstance instance(HistoryFile::defaultFolder());
+    if (!instance.claim()) {
+        if (instance.activateRunning(activationToken))
+            return 0;
+        std::fprintf(stderr, "Vorn is already running, but its window could not be shown.\n");
+        return 1;
+    }
     QIcon icon;
     for (const int size : {16, 32, 48, 64, 128, 256})
         icon.addPixmap(QPixmap::fromImage(AppIconArt::applicationImage(size)));
@@ -64,6 +87,16 @@ int main(int argc, char *argv[])
     ViewSetup::prepareApplication();
 
     AppDelegate delegate;
+    QObject::connect(&instance, &SingleInstance::activationRequested, &delegate, [&delegate](const QByteArray &token) {
+        // Raising the window on Wayland takes the later start's token; Qt's Wayland
+        // support (where its version does) reads it from here when the window asks.
+        if (!token.isEmpty())
+            qputenv("XDG_ACTIVATION_TOKEN", token);
+        if (QQuickWindow *window = delegate.window(); window && window->windowStates().testFlag(Qt::WindowMinimized))
+            window->setWindowStates(window->windowStates() & ~Qt::WindowMinimized);
+        delegate.openWindow();
+        reportActivation(token);
+    });
 #ifdef VORN_HAVE_DIALOGS
     delegate.store().setFileChooser(std::make_shared<DialogFileChooser>());
 #endif

@@ -31,6 +31,9 @@ ContextMeter::ContextMeter(EngineConnection &engine, Conversations &conversation
     connect(&m_chat, &ChatSession::attachmentChanged, this, &ContextMeter::scheduleCount);
     // The reply limit decides the room kept for the reply, so what fits.
     connect(&m_chat, &ChatSession::tokenLimitChanged, this, &ContextMeter::scheduleCount);
+    // The system prompt is sent first, so it takes its share too.
+    connect(&m_chat, &ChatSession::defaultSystemPromptChanged, this, &ContextMeter::scheduleCount);
+    connect(&m_conversations, &Conversations::systemChanged, this, &ContextMeter::scheduleCount);
     connect(&m_chat, &ChatSession::generatingChanged, this, [this] {
         if (m_chat.generating()) {
             m_replyReported = false;
@@ -134,7 +137,7 @@ void ContextMeter::sendCount()
         return;
     }
     const QJsonObject body{
-        {QStringLiteral("messages"), ChatSession::requestMessages(messages)},
+        {QStringLiteral("messages"), m_chat.sentMessages(messages)},
         {QStringLiteral("max_tokens"), m_chat.tokenLimit()},
     };
     const quint64 number = m_countNumber;

@@ -23,6 +23,8 @@ QVariant ConversationListModel::data(const QModelIndex &index, int role) const
         return conversation.title;
     case SelectedRole:
         return m_selectedID == conversation.id;
+    case PinnedRole:
+        return conversation.pinned;
     default:
         return {};
     }
@@ -30,7 +32,24 @@ QVariant ConversationListModel::data(const QModelIndex &index, int role) const
 
 QHash<int, QByteArray> ConversationListModel::roleNames() const
 {
-    return {{IdRole, "conversationId"}, {TitleRole, "title"}, {SelectedRole, "selected"}};
+    return {{IdRole, "conversationId"}, {TitleRole, "title"}, {SelectedRole, "selected"}, {PinnedRole, "pinned"}};
+}
+
+int ConversationListModel::indexOf(const QUuid &id) const
+{
+    for (int index = 0; index < count(); ++index) {
+        if (m_conversations.at(index).id == id)
+            return index;
+    }
+    return -1;
+}
+
+int ConversationListModel::pinnedCount() const
+{
+    int pinned = 0;
+    while (pinned < count() && m_conversations.at(pinned).pinned)
+        ++pinned;
+    return pinned;
 }
 
 void ConversationListModel::findSelectedIndex()
@@ -63,6 +82,26 @@ void ConversationListModel::insert(int index, const Conversation &conversation)
     emit countChanged();
 }
 
+void ConversationListModel::remove(int index)
+{
+    beginRemoveRows({}, index, index);
+    m_conversations.removeAt(index);
+    findSelectedIndex();
+    endRemoveRows();
+    emit countChanged();
+}
+
+void ConversationListModel::move(int from, int to)
+{
+    if (from == to)
+        return;
+    // Qt counts the destination in the rows before the move.
+    beginMoveRows({}, from, from, {}, to > from ? to + 1 : to);
+    m_conversations.move(from, to);
+    findSelectedIndex();
+    endMoveRows();
+}
+
 void ConversationListModel::select(const std::optional<QUuid> &id)
 {
     if (m_selectedID == id)
@@ -82,6 +121,18 @@ void ConversationListModel::setTitle(int index, const QString &title)
 {
     m_conversations[index].title = title;
     conversationChanged(index, {TitleRole, Qt::DisplayRole});
+}
+
+void ConversationListModel::setPinned(int index, bool pinned)
+{
+    m_conversations[index].pinned = pinned;
+    conversationChanged(index, {PinnedRole});
+}
+
+void ConversationListModel::setSystem(int index, const std::optional<QString> &system)
+{
+    m_conversations[index].system = system;
+    conversationChanged(index);
 }
 
 void ConversationListModel::appendMessage(int index, const ChatMessage &message)
@@ -110,4 +161,23 @@ void ConversationListModel::setMessageThinkingSeconds(int index, int messageInde
 {
     m_conversations[index].messages[messageIndex].thinkingSeconds = seconds;
     emit messageThinkingSecondsChanged(index, messageIndex);
+}
+
+void ConversationListModel::removeMessagesFrom(int index, int messageIndex)
+{
+    const int last = static_cast<int>(m_conversations.at(index).messages.size()) - 1;
+    if (messageIndex > last)
+        return;
+    emit messagesAboutToBeRemoved(index, messageIndex, last);
+    m_conversations[index].messages.resize(messageIndex);
+    emit messagesRemoved(index);
+    conversationChanged(index);
+}
+
+void ConversationListModel::replaceMessages(int index, const QList<ChatMessage> &messages)
+{
+    emit messagesAboutToBeReplaced(index);
+    m_conversations[index].messages = messages;
+    emit messagesReplaced(index);
+    conversationChanged(index);
 }

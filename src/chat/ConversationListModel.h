@@ -15,7 +15,7 @@ class ConversationListModel : public QAbstractListModel {
     Q_OBJECT
     Q_PROPERTY(int count READ count NOTIFY countChanged)
 public:
-    enum Role { IdRole = Qt::UserRole + 1, TitleRole, SelectedRole };
+    enum Role { IdRole = Qt::UserRole + 1, TitleRole, SelectedRole, PinnedRole };
 
     explicit ConversationListModel(QList<Conversation> conversations, QObject *parent = nullptr);
 
@@ -29,13 +29,27 @@ public:
     // The selected conversation's row, or -1 when the selection names none.
     int selectedIndex() const { return m_selectedIndex; }
 
+    // The row of that conversation, or -1.
+    int indexOf(const QUuid &id) const;
+    // How many conversations are pinned: they are the first ones of the list.
+    int pinnedCount() const;
+
     void insert(int index, const Conversation &conversation);
+    void remove(int index);
+    // Moves a conversation so that it ends up at row to.
+    void move(int from, int to);
     void select(const std::optional<QUuid> &id);
     void setTitle(int index, const QString &title);
+    void setPinned(int index, bool pinned);
+    void setSystem(int index, const std::optional<QString> &system);
     void appendMessage(int index, const ChatMessage &message);
     void setMessageText(int index, int messageIndex, const QString &text);
     void appendMessageText(int index, int messageIndex, const QString &piece);
     void setMessageThinkingSeconds(int index, int messageIndex, qint64 seconds);
+    // Removes a conversation's messages from messageIndex to its end.
+    void removeMessagesFrom(int index, int messageIndex);
+    // Gives a conversation other messages altogether.
+    void replaceMessages(int index, const QList<ChatMessage> &messages);
 
 signals:
     void countChanged();
@@ -47,6 +61,12 @@ signals:
     void messageAppended(int index);
     void messageTextChanged(int index, int messageIndex);
     void messageThinkingSecondsChanged(int index, int messageIndex);
+    // Around the removal of a conversation's messages first to last.
+    void messagesAboutToBeRemoved(int index, int first, int last);
+    void messagesRemoved(int index);
+    // Around a conversation's messages replaced as a whole.
+    void messagesAboutToBeReplaced(int index);
+    void messagesReplaced(int index);
 
 private:
     void conversationChanged(int index, const QList<int> &roles = {});

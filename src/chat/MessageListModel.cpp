@@ -13,15 +13,42 @@ MessageListModel::MessageListModel(const ConversationListModel *conversations, Q
         emit lastTextChanged();
     });
     connect(conversations, &ConversationListModel::messageAboutToBeAppended, this, [this](int index, int messageIndex) {
-        m_inserting = index == m_conversations->selectedIndex();
-        if (m_inserting)
+        m_changing = index == m_conversations->selectedIndex();
+        if (m_changing)
             beginInsertRows({}, messageIndex, messageIndex);
     });
     connect(conversations, &ConversationListModel::messageAppended, this, [this] {
-        if (!m_inserting)
+        if (!m_changing)
             return;
-        m_inserting = false;
+        m_changing = false;
         endInsertRows();
+        emit countChanged();
+        emit lastTextChanged();
+    });
+    connect(conversations, &ConversationListModel::messagesAboutToBeRemoved, this,
+            [this](int index, int first, int last) {
+                m_changing = index == m_conversations->selectedIndex();
+                if (m_changing)
+                    beginRemoveRows({}, first, last);
+            });
+    connect(conversations, &ConversationListModel::messagesRemoved, this, [this] {
+        if (!m_changing)
+            return;
+        m_changing = false;
+        endRemoveRows();
+        emit countChanged();
+        emit lastTextChanged();
+    });
+    connect(conversations, &ConversationListModel::messagesAboutToBeReplaced, this, [this](int index) {
+        m_changing = index == m_conversations->selectedIndex();
+        if (m_changing)
+            beginResetModel();
+    });
+    connect(conversations, &ConversationListModel::messagesReplaced, this, [this] {
+        if (!m_changing)
+            return;
+        m_changing = false;
+        endResetModel();
         emit countChanged();
         emit lastTextChanged();
     });

@@ -56,7 +56,8 @@ private:
     const QList<ChatMessage> *shownMessages() const;
 
     const ConversationListModel *m_conversations;
-    // Set between a message's announcement and its arrival in the shown conversation.
-    bool m_inserting = false;
+    // Set between the announcement of a change to the shown conversation's messages
+    // and the change itself.
+    bool m_changing = false;
     QSet<QUuid> m_reasoningShown;
 };

@@ -112,14 +112,24 @@ QString EngineConnection::engineLocation()
 {
     if (!engineLocationOverride().isEmpty())
         return engineLocationOverride();
-    const QString applicationFolder = QCoreApplication::applicationDirPath();
+    return engineLocationFor(QCoreApplication::applicationDirPath());
+}
+
+QString EngineConnection::engineLocationFor(const QString &applicationFolder)
+{
     if (applicationFolder.isEmpty())
         return {};
 #if defined(Q_OS_WIN)
-    return QDir(applicationFolder).filePath(QStringLiteral("vorn-engine.exe"));
+    const QString name = QStringLiteral("vorn-engine.exe");
 #else
-    return QDir(applicationFolder).filePath(QStringLiteral("vorn-engine"));
+    const QString name = QStringLiteral("vorn-engine");
 #endif
+    const QString beside = QDir(applicationFolder).filePath(name);
+    if (QFileInfo::exists(beside))
+        return beside;
+    const QString installed = QDir::cleanPath(
+        QDir(applicationFolder).filePath(QStringLiteral(VORN_INSTALLED_ENGINE_FOLDER "/") + name));
+    return QFileInfo::exists(installed) ? installed : beside;
 }
 
 void EngineConnection::start()

@@ -52,9 +52,13 @@ public:
     // Fetches and applies the engine status; done gets whether it was applied.
     QNetworkReply *refresh(std::function<void(bool)> done = {});
 
-    // Tests point the app at a stand-in engine; the app always uses the one beside it.
+    // Tests point the app at a stand-in engine; the app always uses its own.
     static void setEngineLocationForTesting(const QString &path);
     static QString engineLocation();
+    // The engine of an app whose executable lives in applicationFolder: beside it (the
+    // build folder), else in the installed layout's engine folder (libexec/vorn beside
+    // bin). When neither holds one, the path beside the app.
+    static QString engineLocationFor(const QString &applicationFolder);
 
 signals:
     void stateChanged();

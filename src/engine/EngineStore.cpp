@@ -1,22 +1,13 @@
 #include "EngineStore.h"
 
 #include "chat/ConversationExport.h"
+#include "chat/ConversationUndo.h"
 #include "library/ContextChoiceListModel.h"
 #include "model/HistoryFile.h"
 
 #include <QDir>
-#include <QStandardPaths>
 
 namespace {
-
-// "Vorn" in the application data folder.
-QString dataFolderPath()
-{
-    const QString folder = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
-    if (folder.isEmpty())
-        qFatal("No application data folder is available");
-    return QDir(folder).filePath(QStringLiteral("Vorn"));
-}
 
 // The history file in the data folder, which is created (0700) if need be.
 QString historyFilePath(const QString &dataFolder)
@@ -29,7 +20,7 @@ QString historyFilePath(const QString &dataFolder)
 
 EngineStore::EngineStore(QObject *parent)
     : QObject(parent),
-      m_dataFolder(dataFolderPath()),
+      m_dataFolder(HistoryFile::defaultFolder()),
       m_engine(new EngineConnection(QDir(QDir::homePath()).filePath(QStringLiteral(".vorn/models")), this)),
       m_conversations(new Conversations(historyFilePath(m_dataFolder), this)),
       m_library(new ModelLibrary(*m_engine, this)),
@@ -66,6 +57,13 @@ void EngineStore::connectCollaborators()
     connect(m_chat, &ChatSession::temperatureChanged, this, &EngineStore::temperatureChanged);
     connect(m_chat, &ChatSession::tokenLimitChanged, this, &EngineStore::tokenLimitChanged);
     connect(m_chat, &ChatSession::canSendChanged, this, &EngineStore::canSendChanged);
+    connect(m_chat, &ChatSession::canRegenerateChanged, this, &EngineStore::canRegenerateChanged);
+    connect(m_chat, &ChatSession::editingChanged, this, &EngineStore::editingChanged);
+    connect(m_chat, &ChatSession::defaultSystemPromptChanged, this, &EngineStore::defaultSystemPromptChanged);
+    connect(&m_conversations->undoRecord(), &ConversationUndo::changed, this, &EngineStore::undoChanged);
+    for (const auto changed : {&EngineStore::defaultSystemPromptChanged, &EngineStore::selectedIDChanged})
+        connect(this, changed, this, &EngineStore::systemPromptChanged);
+    connect(m_conversations, &Conversations::systemChanged, this, &EngineStore::systemPromptChanged);
     connect(m_library, &ModelLibrary::contextChoiceChanged, this, &EngineStore::contextChoiceChanged);
     connect(m_contextMeter, &ContextMeter::changed, this, &EngineStore::contextMeterChanged);
     // The meter shows only with a model, and the notice only with a draft.
@@ -194,11 +192,110 @@ void EngineStore::exportChat()
 {
     if (!m_fileChooser)
         return;
-    if (const auto failure = ConversationExport::save(*m_fileChooser, messages()))
+    if (const auto failure = ConversationExport::save(*m_fileChooser, exported()))
         setError(*failure);
+}
+
+ConversationExport::Content EngineStore::exported() const
+{
+    const Conversation *conversation = m_conversations->selected();
+    if (!conversation)
+        return {};
+    return {conversation->title, m_chat->systemPromptFor(*conversation), conversation->messages};
 }
 
 QString EngineStore::exportText() const
 {
-    return ConversationExport::text(messages());
+    return ConversationExport::plainText(exported());
+}
+
+QString EngineStore::exportMarkdown() const
+{
+    return ConversationExport::markdown(exported());
+}
+
+QString EngineStore::lastReplyText() const
+{
+    const QList<ChatMessage> shown = messages();
+    for (auto message = shown.crbegin(); message != shown.crend(); ++message) {
+        if (message->role == QLatin1String("assistant"))
+            return message->text;
+    }
+    return {};
+}
+
+// --- managing conversations ----------------------------------------------------------------
+
+void EngineStore::renameConversation(const QString &id, const QString &title)
+{
+    if (const auto parsed = uuidFromText(id))
+        m_conversations->rename(*parsed, title);
+}
+
+void EngineStore::deleteConversation(const QString &id)
+{
+    if (const auto parsed = uuidFromText(id))
+        m_chat->deleteConversation(*parsed);
+}
+
+void EngineStore::setPinned(const QString &id, bool pinned)
+{
+    if (const auto parsed = uuidFromText(id))
+        m_conversations->setPinned(*parsed, pinned);
+}
+
+void EngineStore::setSystemOverride(const QString &text)
+{
+    if (selectedID())
+        m_conversations->setSystem(*selectedID(), text);
+}
+
+void EngineStore::clearSystemOverride()
+{
+    if (selectedID())
+        m_conversations->setSystem(*selectedID(), std::nullopt);
+}
+
+QString EngineStore::systemPrompt() const
+{
+    const Conversation *conversation = m_conversations->selected();
+    return conversation ? m_chat->systemPromptFor(*conversation) : defaultSystemPrompt();
+}
+
+bool EngineStore::hasSystemOverride() const
+{
+    const Conversation *conversation = m_conversations->selected();
+    return conversation && conversation->system.has_value();
+}
+
+QString EngineStore::replyingIDText() const
+{
+    const auto &replying = m_chat->replyingConversation();
+    return replying ? uuidText(*replying) : QString();
+}
+
+bool EngineStore::canUndo() const
+{
+    return m_conversations->undoRecord().available();
+}
+
+QString EngineStore::undoText() const
+{
+    return m_conversations->undoRecord().text();
+}
+
+void EngineStore::dismissUndo()
+{
+    m_conversations->undoRecord().drop();
+}
+
+void EngineStore::setUndoTimeout(int milliseconds)
+{
+    m_conversations->undoRecord().setTimeout(milliseconds);
+}
+
+void EngineStore::beginEdit(const QString &messageId)
+{
+    if (const auto parsed = uuidFromText(messageId))
+        m_chat->beginEdit(*parsed);
 }

@@ -5,6 +5,7 @@
 #include "FileChooser.h"
 #include "chat/ChatSession.h"
 #include "chat/ContextMeter.h"
+#include "chat/ConversationExport.h"
 #include "chat/Conversations.h"
 #include "library/ModelLibrary.h"
 #include "model/Conversation.h"
@@ -54,6 +55,8 @@ class EngineStore : public QObject {
     Q_PROPERTY(bool showLibrary READ showLibrary WRITE setShowLibrary NOTIFY showLibraryChanged)
     Q_PROPERTY(double temperature READ temperature WRITE setTemperature NOTIFY temperatureChanged)
     Q_PROPERTY(int tokenLimit READ tokenLimit WRITE setTokenLimit NOTIFY tokenLimitChanged)
+    Q_PROPERTY(QString defaultSystemPrompt READ defaultSystemPrompt WRITE setDefaultSystemPrompt NOTIFY
+                   defaultSystemPromptChanged)
     // The context models load with, in tokens; 0 for each model's maximum.
     Q_PROPERTY(int contextChoice READ contextChoice WRITE setContextChoice NOTIFY contextChoiceChanged)
 
@@ -72,6 +75,18 @@ class EngineStore : public QObject {
     Q_PROPERTY(bool canSend READ canSend NOTIFY canSendChanged)
     Q_PROPERTY(bool canChangeModel READ canChangeModel NOTIFY canChangeModelChanged)
     Q_PROPERTY(QString dataFolder READ dataFolder CONSTANT)
+    // The selected conversation's system prompt as it is sent, and whether it is the
+    // conversation's own rather than the default.
+    Q_PROPERTY(QString systemPrompt READ systemPrompt NOTIFY systemPromptChanged)
+    Q_PROPERTY(bool hasSystemOverride READ hasSystemOverride NOTIFY systemPromptChanged)
+    // The conversation a reply is being written into; empty when none is.
+    Q_PROPERTY(QString replyingID READ replyingIDText NOTIFY generatingChanged)
+    Q_PROPERTY(bool canRegenerate READ canRegenerate NOTIFY canRegenerateChanged)
+    // The composer holds a question being edited.
+    Q_PROPERTY(bool editing READ editing NOTIFY editingChanged)
+    // The deletion or edit that can still be taken back, and what the undo bar says.
+    Q_PROPERTY(bool canUndo READ canUndo NOTIFY undoChanged)
+    Q_PROPERTY(QString undoText READ undoText NOTIFY undoChanged)
     // The context picker's row for contextChoice.
     Q_PROPERTY(int contextChoiceIndex READ contextChoiceIndex NOTIFY contextChoiceChanged)
     // The footer's meter of the selected conversation's use of the context: shown with
@@ -124,6 +139,7 @@ public:
     bool showLibrary() const { return m_showLibrary; }
     double temperature() const { return m_chat->temperature(); }
     int tokenLimit() const { return m_chat->tokenLimit(); }
+    QString defaultSystemPrompt() const { return m_chat->defaultSystemPrompt(); }
     int contextChoice() const { return m_library->contextChoice(); }
 
     // What the views and the shell may set.
@@ -139,6 +155,7 @@ public:
     void setShowLibrary(bool show);
     void setTemperature(double temperature) { m_chat->setTemperature(temperature); }
     void setTokenLimit(int tokenLimit) { m_chat->setTokenLimit(tokenLimit); }
+    void setDefaultSystemPrompt(const QString &text) { m_chat->setDefaultSystemPrompt(text); }
     void setContextChoice(int tokens) { m_library->setContextChoice(tokens); }
     // A pick in the context picker, by row.
     Q_INVOKABLE void chooseContext(int row);
@@ -154,6 +171,13 @@ public:
     QList<ChatMessage> messages() const { return m_conversations->messages(); }
     bool canSend() const { return m_chat->canSend(); }
     bool canChangeModel() const { return m_library->canChangeModel(); }
+    bool canRegenerate() const { return m_chat->canRegenerate(); }
+    bool editing() const { return m_chat->editing(); }
+    QString systemPrompt() const;
+    bool hasSystemOverride() const;
+    QString replyingIDText() const;
+    bool canUndo() const;
+    QString undoText() const;
     int contextChoiceIndex() const;
     bool contextMeterShown() const { return m_contextMeter->shown(); }
     QString contextMeterText() const { return m_contextMeter->text(); }
@@ -204,8 +228,32 @@ public:
     Q_INVOKABLE void save() { m_conversations->save(); }
     Q_INVOKABLE void attachImage() { m_chat->attachImage(m_fileChooser.get()); }
     Q_INVOKABLE void exportChat();
-    // The export text of the selected conversation.
+    // The export text of the selected conversation, plain and as Markdown.
     QString exportText() const;
+    QString exportMarkdown() const;
+    // The text of the selected conversation's last reply, for copying; empty when it
+    // has none.
+    Q_INVOKABLE QString lastReplyText() const;
+    Q_INVOKABLE void regenerate() { m_chat->regenerate(); }
+
+    // --- managing conversations ---------------------------------------------------------
+    // Each takes a conversation's id as the views know it (uuidText) and saves at once.
+    Q_INVOKABLE void renameConversation(const QString &id, const QString &title);
+    // Not while its reply is being written; the deletion can be taken back for a while.
+    Q_INVOKABLE void deleteConversation(const QString &id);
+    Q_INVOKABLE void setPinned(const QString &id, bool pinned);
+    // The selected conversation's own system prompt, and back to the default.
+    Q_INVOKABLE void setSystemOverride(const QString &text);
+    Q_INVOKABLE void clearSystemOverride();
+    Q_INVOKABLE void undo() { m_chat->undo(); }
+    Q_INVOKABLE void dismissUndo();
+    // How long a deletion or an edit can be taken back.
+    void setUndoTimeout(int milliseconds);
+
+    // --- editing a question -------------------------------------------------------------
+    Q_INVOKABLE void beginEdit(const QString &messageId);
+    Q_INVOKABLE void editLastQuestion() { m_chat->editLastQuestion(); }
+    Q_INVOKABLE void cancelEdit() { m_chat->cancelEdit(); }
 
     // --- model library -----------------------------------------------------------------
     Q_INVOKABLE void load(const QString &name) { m_library->load(name); }
@@ -227,6 +275,11 @@ signals:
     void showLibraryChanged();
     void temperatureChanged();
     void tokenLimitChanged();
+    void defaultSystemPromptChanged();
+    void systemPromptChanged();
+    void canRegenerateChanged();
+    void editingChanged();
+    void undoChanged();
     void contextChoiceChanged();
     void contextMeterChanged();
     void canSendChanged();
@@ -234,6 +287,8 @@ signals:
 
 private:
     void connectCollaborators();
+    // The selected conversation as the export writes it.
+    ConversationExport::Content exported() const;
 
     std::optional<QString> m_error;
     bool m_showLibrary = false;

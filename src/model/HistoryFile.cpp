@@ -8,8 +8,17 @@
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QSaveFile>
+#include <QStandardPaths>
 
 namespace HistoryFile {
+
+QString defaultFolder()
+{
+    const QString folder = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
+    if (folder.isEmpty())
+        qFatal("No application data folder is available");
+    return QDir(folder).filePath(QStringLiteral("Vorn"));
+}
 
 void prepareFolder(const QString &folder)
 {
@@ -134,7 +143,15 @@ QByteArray encode(const QList<Conversation> &conversations)
                 out.append(",\"thinkingSeconds\":").append(QByteArray::number(*message.thinkingSeconds));
             out.append('}');
         }
-        out.append("]}");
+        out.append(']');
+        // Written only when set, so a history without them reads as it always has.
+        if (conversation.pinned)
+            out.append(",\"pinned\":true");
+        if (conversation.system) {
+            out.append(",\"system\":");
+            appendJsonString(out, *conversation.system);
+        }
+        out.append('}');
     }
     out.append(']');
     return out;

@@ -10,6 +10,10 @@
 // best-effort and silent; a write replaces the file atomically and leaves it 0600.
 namespace HistoryFile {
 
+// "Vorn" in the application data folder, where the history lives; it stops the
+// process when there is no data folder at all.
+QString defaultFolder();
+
 // Creates the history folder (0700) if needed; failures are ignored.
 void prepareFolder(const QString &folder);
 

@@ -61,4 +61,14 @@ std::optional<std::optional<QString>> optionalText(const QJsonObject &object, co
     return std::optional<QString>(value.toString());
 }
 
+std::optional<std::optional<bool>> optionalBoolean(const QJsonObject &object, const QString &key)
+{
+    const QJsonValue value = object.value(key);
+    if (value.isUndefined() || value.isNull())
+        return std::optional<bool>();
+    if (!value.isBool())
+        return std::nullopt;
+    return std::optional<bool>(value.toBool());
+}
+
 } // namespace StrictJson

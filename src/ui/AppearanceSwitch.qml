@@ -30,6 +30,9 @@ Rectangle {
                 readonly property bool chosen: AppearanceSetting.appearance === modelData.tag
 
                 objectName: "appearance" + modelData.label
+                Accessible.name: modelData.label
+                Accessible.checkable: true
+                Accessible.checked: chosen
                 Layout.fillWidth: true
                 Layout.fillHeight: true
                 checkable: false
@@ -38,8 +41,9 @@ Rectangle {
                 background: Rectangle {
                     radius: 6
                     color: segment.chosen ? (Theme.dark ? Qt.rgba(1, 1, 1, 0.13) : "#ffffff") : "transparent"
-                    border.color: segment.chosen && !Theme.dark ? Qt.rgba(0, 0, 0, 0.08) : "transparent"
-                    border.width: 1
+                    border.color: segment.visualFocus ? Theme.focusBorder
+                                                      : (segment.chosen && !Theme.dark ? Qt.rgba(0, 0, 0, 0.08) : "transparent")
+                    border.width: segment.visualFocus ? 2 : 1
                 }
                 contentItem: Item {
                     Row {

@@ -10,6 +10,8 @@ Rectangle {
     required property string language
     required property string code
     required property int indent
+    // Whether Tab stops at the copy button.
+    property bool buttonsOnTab: false
 
     objectName: "codeBlock"
     implicitHeight: header.height + codeScroll.height
@@ -38,6 +40,8 @@ Rectangle {
         IconButton {
             id: copyCode
             objectName: "copyCodeButton"
+            focusPolicy: codeBlock.buttonsOnTab || activeFocus ? Qt.TabFocus : Qt.NoFocus
+            activeFocusOnTab: codeBlock.buttonsOnTab || activeFocus
             anchors.right: parent.right
             anchors.rightMargin: 6
             anchors.verticalCenter: parent.verticalCenter

@@ -4,14 +4,29 @@ import QtQuick.Controls
 import QtQuick.Layouts
 
 // The input card: a notice when the draft would push earlier messages out of the
-// model's context, the attachment chip, the attach button, the growing prompt field and
-// the send/stop button. Return sends, Shift+Return starts a new line, Ctrl+Return sends
-// or stops.
+// model's context, the editing and attachment chips, the attach button, the growing
+// prompt field and the send/stop button. Return sends, Shift+Return starts a new line,
+// Ctrl+Return sends or stops; Up in an empty field edits the last question and Escape
+// leaves an edit.
 Item {
     id: composer
     objectName: "composer"
 
     implicitHeight: card.implicitHeight + 12
+
+    function focusPrompt() {
+        promptField.forceActiveFocus()
+        promptField.cursorPosition = promptField.length
+    }
+
+    // A question put back for editing is ready to type in.
+    Connections {
+        target: Store
+        function onEditingChanged() {
+            if (Store.editing)
+                composer.focusPrompt()
+        }
+    }
 
     Shortcut {
         sequences: ["Ctrl+Return", "Ctrl+Enter"]
@@ -53,6 +68,43 @@ Item {
             }
 
             RowLayout {
+                objectName: "editingChip"
+                visible: Store.editing
+                Layout.fillWidth: true
+                spacing: 6
+
+                Icon {
+                    name: "pencil"
+                    size: 14
+                    color: Theme.accent
+                }
+                Label {
+                    text: "Editing your message"
+                    font.pixelSize: 11
+                    font.weight: Font.Medium
+                    color: Theme.primary
+                }
+                Label {
+                    Layout.leftMargin: 4
+                    text: "Sending replaces it and the replies after it"
+                    font.pixelSize: 11
+                    color: Theme.secondary
+                    elide: Text.ElideRight
+                    Layout.fillWidth: true
+                }
+                IconButton {
+                    objectName: "cancelEditButton"
+                    symbol: "xmark.circle.fill"
+                    symbolSize: 15
+                    symbolColor: Theme.secondary
+                    implicitWidth: 22
+                    implicitHeight: 22
+                    help: "Stop editing"
+                    onClicked: Store.cancelEdit()
+                }
+            }
+
+            RowLayout {
                 objectName: "attachmentChip"
                 visible: Store.hasAttachment
                 Layout.fillWidth: true
@@ -81,6 +133,7 @@ Item {
                 }
                 IconButton {
                     objectName: "removeAttachmentButton"
+                    accessibleName: "Remove attached image"
                     symbol: "xmark.circle.fill"
                     symbolSize: 15
                     symbolColor: Theme.secondary
@@ -119,6 +172,7 @@ Item {
                     TextArea {
                         id: promptField
                         objectName: "promptField"
+                        Accessible.name: "Ask Vorn"
                         placeholderText: "Ask Vorn…"
                         wrapMode: TextArea.Wrap
                         font.pixelSize: 15
@@ -136,6 +190,19 @@ Item {
                         Keys.onPressed: (event) => {
                             if (event.matches(StandardKey.Redo)) {
                                 event.accepted = true
+                            } else if (event.key === Qt.Key_Tab || event.key === Qt.Key_Backtab) {
+                                // Tab moves on, as it does everywhere else, rather than
+                                // typing a tab into the prompt.
+                                event.accepted = true
+                                const forward = event.key === Qt.Key_Tab && !(event.modifiers & Qt.ShiftModifier)
+                                nextItemInFocusChain(forward).forceActiveFocus(forward ? Qt.TabFocusReason : Qt.BacktabFocusReason)
+                            } else if (event.key === Qt.Key_Up && event.modifiers === Qt.NoModifier
+                                       && length === 0 && !Store.editing) {
+                                event.accepted = true
+                                Store.editLastQuestion()
+                            } else if (event.key === Qt.Key_Escape && Store.editing) {
+                                event.accepted = true
+                                Store.cancelEdit()
                             } else if (event.key === Qt.Key_Return || event.key === Qt.Key_Enter) {
                                 if (event.modifiers & Qt.ShiftModifier)
                                     return
@@ -167,7 +234,9 @@ Item {
                     implicitHeight: 34
                     enabled: Store.canSend
                     hoverEnabled: true
-                    focusPolicy: Qt.NoFocus
+                    focusPolicy: Qt.TabFocus
+                    Accessible.name: Store.generating ? "Stop" : "Send"
+                    Accessible.description: help
                     // Disabled, the arrow fades with its square.
                     opacity: enabled ? 1 : Theme.disabledSymbolOpacity
                     onClicked: Store.sendOrStop()
@@ -179,6 +248,8 @@ Item {
                     background: Rectangle {
                         radius: 10
                         color: sendButton.pressed ? Theme.accentPressed : Theme.accent
+                        border.width: sendButton.visualFocus ? 2 : 0
+                        border.color: Theme.focusBorder
                     }
                     contentItem: Icon {
                         objectName: "sendSymbol"

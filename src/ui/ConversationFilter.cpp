@@ -106,6 +106,20 @@ void ConversationFilter::prepare()
         cachedFoldedText(conversation);
 }
 
+int ConversationFilter::rowOf(const QString &conversationId) const
+{
+    for (int row = 0; row < rowCount(); ++row) {
+        if (idAt(row) == conversationId)
+            return row;
+    }
+    return -1;
+}
+
+QString ConversationFilter::idAt(int row) const
+{
+    return row < 0 || row >= rowCount() ? QString() : index(row, 0).data(ConversationListModel::IdRole).toString();
+}
+
 const QByteArray &ConversationFilter::cachedFoldedText(const Conversation &conversation) const
 {
     auto found = m_folded.find(conversation.id);

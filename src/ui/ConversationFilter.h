@@ -37,6 +37,9 @@ public:
     // Folds every conversation's text now, ahead of a search (the search field has the
     // focus), so that no keystroke pays for it.
     Q_INVOKABLE void prepare();
+    // The row that lists a conversation (-1 when none does), and a row's conversation.
+    Q_INVOKABLE int rowOf(const QString &conversationId) const;
+    Q_INVOKABLE QString idAt(int row) const;
 
     static bool matches(const Conversation &conversation, const QString &search);
     // Title and messages, case-folded, as UTF-8, each followed by a zero byte.

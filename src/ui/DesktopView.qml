@@ -3,10 +3,15 @@ import Vorn
 import QtQuick.Controls
 import QtQuick.Layouts
 
-// The window's content: sidebar, main column, the library sheet and the error alert.
+// The window's content: sidebar, main column, the undo bar, the library and shortcuts
+// sheets, the window's shortcuts and the error alert.
 Item {
     id: view
     objectName: "desktopView"
+
+    function showShortcuts() {
+        shortcutsSheet.open()
+    }
 
     RowLayout {
         anchors.fill: parent
@@ -25,6 +30,7 @@ Item {
         }
 
         Rectangle {
+            id: mainColumn
             objectName: "mainColumn"
             Layout.fillWidth: true
             Layout.fillHeight: true
@@ -44,10 +50,12 @@ Item {
                     color: Theme.divider
                 }
                 Transcript {
+                    id: transcript
                     Layout.fillWidth: true
                     Layout.fillHeight: true
                 }
                 Composer {
+                    id: composer
                     Layout.fillWidth: true
                 }
                 Footer {
@@ -55,7 +63,22 @@ Item {
                     Layout.preferredHeight: 40
                 }
             }
+
+            // Over the foot of the transcript, just above the composer.
+            UndoBar {
+                anchors.horizontalCenter: parent.horizontalCenter
+                y: transcript.y + transcript.height - height - 12
+            }
         }
+    }
+
+    WindowShortcuts {
+        sidebar: sidebar
+        composer: composer
+    }
+
+    ShortcutsSheet {
+        id: shortcutsSheet
     }
 
     Popup {
@@ -67,6 +90,8 @@ Item {
         dim: true
         // Only Done or Ctrl+Escape close the sheet; plain Escape and outside clicks do not.
         closePolicy: Popup.NoAutoClose
+        // The keyboard moves into the sheet while it is open.
+        focus: true
         visible: Store.showLibrary
         onClosed: Store.showLibrary = false
         x: Math.round((parent.width - width) / 2)

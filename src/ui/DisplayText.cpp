@@ -2,6 +2,7 @@
 
 #include "model/PlatformWords.h"
 
+#include <QKeySequence>
 #include <QVariantMap>
 
 QString DisplayText::modelsStayLocal() const
@@ -54,4 +55,11 @@ QString DisplayText::backendBadge(const QString &backend) const
     if (backend == QLatin1String("gpu"))
         return gpuBadge();
     return QStringLiteral("CPU");
+}
+
+QString DisplayText::shortcutText(const QString &sequence) const
+{
+    // The key that deletes backwards is the one Mac keyboards label delete.
+    const QString keys = mac() && sequence == QLatin1String("Del") ? QStringLiteral("Backspace") : sequence;
+    return QKeySequence::fromString(keys, QKeySequence::PortableText).toString(QKeySequence::NativeText);
 }

@@ -34,4 +34,7 @@ public:
     Q_INVOKABLE static QString tokenCount(double tokens);
     // "METAL"/"GPU" for the engine backend "gpu" exactly, "CPU" for anything else.
     Q_INVOKABLE QString backendBadge(const QString &backend) const;
+    // A key sequence written the Qt way ("Ctrl+N") as this platform writes it ("⌘N" on
+    // the Mac); "Del" is the Mac's delete key there.
+    Q_INVOKABLE QString shortcutText(const QString &sequence) const;
 };

@@ -11,6 +11,7 @@ Popup {
     modal: true
     dim: true
     closePolicy: Popup.NoAutoClose
+    focus: true
     visible: Store.hasError
     onClosed: if (Store.hasError) Store.clearError()
     z: 10
@@ -57,6 +58,8 @@ Popup {
         }
         PushButton {
             objectName: "alertOK"
+            // Space answers the alert at once.
+            focus: true
             Layout.fillWidth: true
             Layout.topMargin: 8
             text: "OK"

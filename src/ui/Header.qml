@@ -66,6 +66,23 @@ Item {
         }
 
         IconButton {
+            id: systemPromptButton
+            objectName: "systemPromptButton"
+            symbol: "list.bullet.clipboard"
+            symbolSize: 18
+            // Tinted while the conversation has a prompt of its own.
+            symbolColor: Store.hasSystemOverride ? Theme.accent : Theme.primary
+            help: "System prompt"
+            onClicked: systemPromptEditor.open()
+
+            SystemPromptEditor {
+                id: systemPromptEditor
+                x: systemPromptButton.width - width
+                y: systemPromptButton.height + 6
+            }
+        }
+
+        IconButton {
             objectName: "exportButton"
             symbol: "square.and.arrow.up"
             symbolSize: 18

@@ -2,7 +2,9 @@ import QtQuick
 import Vorn
 import QtQuick.Controls
 
-// A borderless symbol button with a help tooltip.
+// A borderless symbol button with a help tooltip. A screen reader speaks the help
+// text, or accessibleName where there is none. Tab reaches it; a click leaves the
+// keyboard where it was.
 AbstractButton {
     id: button
 
@@ -10,11 +12,13 @@ AbstractButton {
     property real symbolSize: 16
     property color symbolColor: Theme.primary
     property string help
+    property string accessibleName: help
 
     implicitWidth: 30
     implicitHeight: 30
     hoverEnabled: true
-    focusPolicy: Qt.NoFocus
+    focusPolicy: Qt.TabFocus
+    Accessible.name: accessibleName
     opacity: enabled ? 1 : Theme.disabledSymbolOpacity
 
     ToolTip.visible: hovered && help.length > 0
@@ -24,6 +28,8 @@ AbstractButton {
     background: Rectangle {
         radius: 7
         color: button.pressed ? Theme.raisedFill : (button.hovered && button.enabled ? Theme.quietFill : "transparent")
+        border.width: button.visualFocus ? 2 : 0
+        border.color: Theme.focusBorder
     }
     contentItem: Icon {
         name: button.symbol

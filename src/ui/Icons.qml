@@ -24,7 +24,13 @@ QtObject {
         "arrow.up": "\ue5d8",             // arrow_upward
         "stop.fill": "\ue047",            // stop
         "lock.shield": "\ue32a",          // security
-        "chevron.up.chevron.down": "\ue5d7"  // unfold_more
+        "chevron.up.chevron.down": "\ue5d7", // unfold_more
+        "pin.fill": "\uf10d",             // push_pin
+        "pencil": "\ue3c9",               // edit
+        "arrow.clockwise": "\ue5d5",      // refresh
+        "list.bullet.clipboard": "\ue85d", // assignment
+        "xmark": "\ue5cd",                // close
+        "keyboard": "\ue312"              // keyboard
     })
 
     function glyph(name) {

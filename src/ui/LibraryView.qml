@@ -145,6 +145,7 @@ Item {
             RoundedField {
                 id: linkField
                 objectName: "downloadLinkField"
+                Accessible.name: "Download link"
                 Layout.fillWidth: true
                 placeholderText: "https://huggingface.co/…/model.gguf"
             }
@@ -156,97 +157,138 @@ Item {
             }
         }
 
-        RowLayout {
-            objectName: "settingsRow"
+        // The generation settings and, under them, the default system prompt.
+        ColumnLayout {
             Layout.fillWidth: true
-            enabled: !Store.generating
+            Layout.fillHeight: true
             spacing: 10
 
-            Label {
-                objectName: "temperatureLabel"
-                text: "Temperature"
-                font.pixelSize: 12
-                color: Theme.primary
-                opacity: enabled ? 1 : Theme.disabledOpacity
-            }
-            Slider {
-                id: temperatureSlider
-                objectName: "temperatureSlider"
-                Layout.preferredWidth: 120
-                from: 0
-                to: 1.3
-                stepSize: 0.1
-                snapMode: Slider.SnapAlways
-                opacity: enabled ? 1 : Theme.disabledOpacity
-                value: Store.temperature
-                onMoved: Store.temperature = Math.round(value * 10) / 10
-            }
-            Label {
-                objectName: "temperatureValue"
-                text: DisplayText.oneDecimal(Store.temperature)
-                font.pixelSize: 12
-                color: Theme.primary
-                opacity: enabled ? 1 : Theme.disabledOpacity
-            }
-            Item {
-                Layout.fillWidth: true
-            }
             RowLayout {
-                Layout.fillWidth: false
-                spacing: 8
+                objectName: "settingsRow"
+                Layout.fillWidth: true
+                enabled: !Store.generating
+                spacing: 10
+
                 Label {
-                    objectName: "contextLabel"
-                    text: "Context"
+                    objectName: "temperatureLabel"
+                    text: "Temperature"
                     font.pixelSize: 12
                     color: Theme.primary
                     opacity: enabled ? 1 : Theme.disabledOpacity
                 }
-                ChoicePicker {
-                    id: contextPicker
-                    objectName: "contextPicker"
-                    Layout.preferredWidth: 136
+                Slider {
+                    id: temperatureSlider
+                    objectName: "temperatureSlider"
+                    Accessible.name: "Temperature"
+                    Layout.preferredWidth: 120
+                    from: 0
+                    to: 1.3
+                    stepSize: 0.1
+                    snapMode: Slider.SnapAlways
+                    opacity: enabled ? 1 : Theme.disabledOpacity
+                    value: Store.temperature
+                    onMoved: Store.temperature = Math.round(value * 10) / 10
+                }
+                Label {
+                    objectName: "temperatureValue"
+                    text: DisplayText.oneDecimal(Store.temperature)
                     font.pixelSize: 12
-                    // A new context reloads the loaded model, so not during a load.
-                    enabled: Store.canChangeModel
-                    model: Store.contextChoices
-                    textRole: "label"
-                    valueRole: "tokens"
-                    currentIndex: Store.contextChoiceIndex
-                    onActivated: (index) => Store.chooseContext(index)
-                    delegate: ItemDelegate {
-                        required property int index
-                        required property string label
-                        required property bool available
-                        objectName: "contextChoice"
-                        width: ListView.view ? ListView.view.width : implicitWidth
-                        text: label
+                    color: Theme.primary
+                    opacity: enabled ? 1 : Theme.disabledOpacity
+                }
+                Item {
+                    Layout.fillWidth: true
+                }
+                RowLayout {
+                    Layout.fillWidth: false
+                    spacing: 8
+                    Label {
+                        objectName: "contextLabel"
+                        text: "Context"
                         font.pixelSize: 12
-                        enabled: available
-                        // The pop-up's list follows the highlighted choice.
-                        highlighted: ListView.isCurrentItem
+                        color: Theme.primary
+                        opacity: enabled ? 1 : Theme.disabledOpacity
+                    }
+                    ChoicePicker {
+                        id: contextPicker
+                        objectName: "contextPicker"
+                        Accessible.name: "Context"
+                        Layout.preferredWidth: 136
+                        font.pixelSize: 12
+                        // A new context reloads the loaded model, so not during a load.
+                        enabled: Store.canChangeModel
+                        model: Store.contextChoices
+                        textRole: "label"
+                        valueRole: "tokens"
+                        currentIndex: Store.contextChoiceIndex
+                        onActivated: (index) => Store.chooseContext(index)
+                        delegate: ItemDelegate {
+                            required property int index
+                            required property string label
+                            required property bool available
+                            objectName: "contextChoice"
+                            width: ListView.view ? ListView.view.width : implicitWidth
+                            text: label
+                            font.pixelSize: 12
+                            enabled: available
+                            // The pop-up's list follows the highlighted choice.
+                            highlighted: ListView.isCurrentItem
+                        }
+                    }
+                }
+                RowLayout {
+                    Layout.preferredWidth: 190
+                    Layout.fillWidth: false
+                    spacing: 8
+                    Label {
+                        objectName: "replyLimitLabel"
+                        text: "Reply limit"
+                        font.pixelSize: 12
+                        color: Theme.primary
+                        opacity: enabled ? 1 : Theme.disabledOpacity
+                    }
+                    ChoicePicker {
+                        id: limitPicker
+                        objectName: "replyLimitPicker"
+                        Accessible.name: "Reply limit"
+                        Layout.fillWidth: true
+                        font.pixelSize: 12
+                        model: [256, 512, 1024, 2048]
+                        displayText: String(currentValue)
+                        currentIndex: Math.max(-1, model.indexOf(Store.tokenLimit))
+                        onActivated: (index) => Store.tokenLimit = model[index]
                     }
                 }
             }
+
+            // The default system prompt, kept in the settings as it is typed. It shows
+            // up to three lines and gives way first when the window is short.
             RowLayout {
-                Layout.preferredWidth: 190
-                Layout.fillWidth: false
-                spacing: 8
+                objectName: "systemPromptRow"
+                Layout.fillWidth: true
+                Layout.fillHeight: true
+                spacing: 10
+
                 Label {
-                    objectName: "replyLimitLabel"
-                    text: "Reply limit"
+                    Layout.alignment: Qt.AlignTop
+                    Layout.topMargin: 7
+                    text: "System prompt"
                     font.pixelSize: 12
                     color: Theme.primary
-                    opacity: enabled ? 1 : Theme.disabledOpacity
                 }
-                ChoicePicker {
-                    id: limitPicker
-                    objectName: "replyLimitPicker"
+                RoundedTextArea {
+                    id: defaultPrompt
                     Layout.fillWidth: true
-                    font.pixelSize: 12
-                    model: [256, 512, 1024, 2048]
-                    displayText: String(currentValue)
-                    currentIndex: Math.max(-1, model.indexOf(Store.tokenLimit))
-                    onActivated: (index) => Store.tokenLimit = model[index]
+                    Layout.fillHeight: true
+                    Layout.minimumHeight: 32
+                    Layout.preferredHeight: Math.min(defaultPrompt.fittingHeight, 76)
+                    Layout.maximumHeight: Layout.preferredHeight
+                    fieldName: "defaultSystemPromptField"
+                    accessibleName: "System prompt"
+                    fontSize: 12
+                    placeholderText: "Told to the model first in every conversation without a prompt of its own"
+                    text: Store.defaultSystemPrompt
+                    onTextChanged: if (text !== Store.defaultSystemPrompt) Store.defaultSystemPrompt = text
                 }
             }
         }

@@ -12,12 +12,19 @@ MenuBar {
     // A TextField or a TextArea: no type they share has the edit functions.
     property var editor: null
 
+    signal shortcutsRequested()
+
     Menu {
         title: "Vorn"
         MenuItem {
             objectName: "aboutItem"
             text: "About Vorn"
             onTriggered: Shell.about()
+        }
+        MenuItem {
+            objectName: "shortcutsItem"
+            text: "Keyboard shortcuts"
+            onTriggered: bar.shortcutsRequested()
         }
         MenuSeparator {}
         Action {

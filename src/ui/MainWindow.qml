@@ -46,9 +46,11 @@ ApplicationWindow {
 
     menuBar: MainMenu {
         editor: window.lastEditor
+        onShortcutsRequested: desktopView.showShortcuts()
     }
 
     DesktopView {
+        id: desktopView
         anchors.fill: parent
     }
 }

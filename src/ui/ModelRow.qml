@@ -87,6 +87,7 @@ Rectangle {
         }
         PushButton {
             objectName: "modelActionButton"
+            Accessible.name: text + " " + row.name
             visible: !row.projector
             text: row.loaded ? "Unload" : "Load"
             enabled: row.actionEnabled

@@ -11,6 +11,7 @@ Button {
     property string symbol
     property bool prominent: false
 
+    Accessible.name: text
     font.pixelSize: 13
     hoverEnabled: true
     leftPadding: 12
@@ -25,8 +26,8 @@ Button {
         color: button.prominent
                ? (button.pressed ? Theme.accentPressed : Theme.accent)
                : Theme.controlFill(button.pressed, button.hovered)
-        border.width: button.prominent ? 0 : 1
-        border.color: Theme.controlBorder
+        border.width: button.visualFocus ? 2 : (button.prominent ? 0 : 1)
+        border.color: button.visualFocus ? Theme.focusBorder : Theme.controlBorder
     }
 
     contentItem: RowLayout {

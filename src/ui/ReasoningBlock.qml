@@ -11,6 +11,20 @@ Column {
     required property bool open
     required property bool shown
     required property int seconds
+    // Whether Tab stops at the toggle; Space then folds or unfolds the reasoning.
+    property bool buttonsOnTab: false
+
+    // How long the model thought, or that it still is.
+    readonly property string summary: {
+        if (reasoning.open)
+            return "Thinking\u2026"
+        if (reasoning.seconds < 0)
+            return "Thought"
+        if (reasoning.seconds === 0)
+            return "Thought for less than a second"
+        return reasoning.seconds === 1 ? "Thought for 1 second"
+                                       : "Thought for " + reasoning.seconds + " seconds"
+    }
 
     objectName: "reasoningBlock"
     spacing: 6
@@ -21,8 +35,17 @@ Column {
         width: Math.min(reasoning.width, implicitWidth)
         height: 22
         hoverEnabled: true
-        focusPolicy: Qt.NoFocus
+        focusPolicy: reasoning.buttonsOnTab || activeFocus ? Qt.TabFocus : Qt.NoFocus
+        activeFocusOnTab: reasoning.buttonsOnTab || activeFocus
+        Accessible.name: reasoning.summary
         onClicked: Store.messageList.setReasoningShown(reasoning.row, !reasoning.shown)
+
+        background: Rectangle {
+            radius: 6
+            color: "transparent"
+            border.width: toggle.visualFocus ? 2 : 0
+            border.color: Theme.focusBorder
+        }
 
         contentItem: Row {
             spacing: 4
@@ -35,16 +58,7 @@ Column {
             Label {
                 objectName: "reasoningLabel"
                 anchors.verticalCenter: parent.verticalCenter
-                text: {
-                    if (reasoning.open)
-                        return "Thinking\u2026"
-                    if (reasoning.seconds < 0)
-                        return "Thought"
-                    if (reasoning.seconds === 0)
-                        return "Thought for less than a second"
-                    return reasoning.seconds === 1 ? "Thought for 1 second"
-                                                   : "Thought for " + reasoning.seconds + " seconds"
-                }
+                text: reasoning.summary
                 font.pixelSize: 13
                 font.weight: Font.DemiBold
                 color: toggle.hovered ? Theme.primary : Theme.secondary

@@ -13,6 +13,8 @@ Column {
     property int thinkingSeconds: -1
     // The reply is still being written.
     property bool streaming: false
+    // Whether Tab stops at its buttons (the reasoning toggle, each code block's copy).
+    property bool buttonsOnTab: false
     // The answer the view shows now, as written (Markdown); read on demand only.
     readonly property alias text: segments.shownText
 
@@ -27,6 +29,7 @@ Column {
         open: reply.reasoningOpen && reply.streaming
         shown: reply.reasoningShown
         seconds: reply.thinkingSeconds
+        buttonsOnTab: reply.buttonsOnTab
     }
 
     Repeater {
@@ -65,6 +68,7 @@ Column {
                     language: segment.language
                     code: segment.code
                     indent: segment.indent
+                    buttonsOnTab: reply.buttonsOnTab
                 }
             }
 

@@ -13,6 +13,12 @@ Rectangle {
 
     color: Theme.sidebarBackground
 
+    // Ctrl+F: the search field, its text selected.
+    function focusSearch() {
+        searchField.forceActiveFocus()
+        searchField.selectAll()
+    }
+
     ColumnLayout {
         anchors.fill: parent
         anchors.margins: 20
@@ -47,6 +53,7 @@ Rectangle {
         AbstractButton {
             id: newConversation
             objectName: "newConversationButton"
+            Accessible.name: "New conversation"
             Layout.fillWidth: true
             Layout.topMargin: 6
             enabled: !Store.generating
@@ -58,6 +65,8 @@ Rectangle {
             background: Rectangle {
                 radius: 9
                 color: Theme.raisedFill
+                border.width: newConversation.visualFocus ? 2 : 0
+                border.color: Theme.focusBorder
                 Rectangle {
                     anchors.fill: parent
                     radius: 9
@@ -84,6 +93,7 @@ Rectangle {
         RoundedField {
             id: searchField
             objectName: "searchField"
+            Accessible.name: placeholderText
             Layout.fillWidth: true
             placeholderText: "Search conversations"
             // Typing is likely next: the texts are folded for searching now, not on the
@@ -115,10 +125,68 @@ Rectangle {
                 conversations: Store.conversationList
                 search: searchField.text
             }
+            // The conversation whose title is being edited in its row.
+            property string renamingId: ""
+
+            // The selected conversation's row takes the keyboard, in view.
+            function focusSelected() {
+                const row = conversationFilter.rowOf(Store.selectedID)
+                if (row < 0) {
+                    forceActiveFocus()
+                    return
+                }
+                positionViewAtIndex(row, ListView.Contain)
+                const item = itemAtIndex(row)
+                if (item)
+                    item.forceActiveFocus()
+                else
+                    forceActiveFocus()
+            }
+
+            function openMenuForSelected() {
+                const item = itemAtIndex(conversationFilter.rowOf(Store.selectedID))
+                if (item)
+                    conversationMenu.openFor(item as ConversationRow, 12, item.height - 4)
+            }
+
+            // With the list in hand: Delete (the Mac's delete key too) removes the
+            // selected conversation, the menu key or Shift+F10 opens its menu, F2
+            // renames it, and the arrows move the selection.
+            Keys.onPressed: (event) => {
+                if (renamingId !== "")
+                    return
+                const plain = event.modifiers === Qt.NoModifier || event.modifiers === Qt.KeypadModifier
+                if (plain && (event.key === Qt.Key_Delete || (DisplayText.mac && event.key === Qt.Key_Backspace))) {
+                    event.accepted = true
+                    Store.deleteConversation(Store.selectedID)
+                    Qt.callLater(focusSelected) // qmllint disable type
+                } else if (event.key === Qt.Key_Menu
+                           || (event.key === Qt.Key_F10 && event.modifiers === Qt.ShiftModifier)) {
+                    event.accepted = true
+                    openMenuForSelected()
+                } else if (plain && event.key === Qt.Key_F2) {
+                    event.accepted = true
+                    renamingId = Store.selectedID
+                } else if (plain && (event.key === Qt.Key_Up || event.key === Qt.Key_Down)) {
+                    event.accepted = true
+                    const next = conversationFilter.idAt(conversationFilter.rowOf(Store.selectedID)
+                                                         + (event.key === Qt.Key_Up ? -1 : 1))
+                    if (next !== "")
+                        Store.selectConversation(next)
+                    focusSelected()
+                }
+            }
+
             // Rows span the sidebar like the field and buttons above them; the scroll
-            // bar shows over their end only while the list is being scrolled.
+            // bar shows over their end only while the list is being scrolled. The
+            // delegate reads ids of this file, as it may; qmllint of Qt 6.4 cannot tell.
             delegate: ConversationRow {
-                width: ListView.view.width
+                id: row
+                width: conversations.width // qmllint disable unqualified
+                renaming: conversations.renamingId === conversationId // qmllint disable unqualified
+                onMenuRequested: (position) => conversationMenu.openFor(row, position.x, position.y) // qmllint disable unqualified
+                onRenameRequested: conversations.renamingId = conversationId // qmllint disable unqualified
+                onRenameFinished: conversations.renamingId = "" // qmllint disable unqualified
             }
             ScrollBar.vertical: ScrollBar {
                 policy: ScrollBar.AsNeeded
@@ -128,6 +196,7 @@ Rectangle {
         AbstractButton {
             id: libraryButton
             objectName: "sidebarLibraryButton"
+            Accessible.name: "Model library"
             Layout.fillWidth: true
             hoverEnabled: true
             padding: 12
@@ -136,6 +205,8 @@ Rectangle {
             background: Rectangle {
                 radius: 10
                 color: libraryButton.hovered ? Theme.raisedFill : Theme.quietFill
+                border.width: libraryButton.visualFocus ? 2 : 0
+                border.color: Theme.focusBorder
             }
             contentItem: RowLayout {
                 spacing: 8
@@ -179,5 +250,10 @@ Rectangle {
         AppearanceSwitch {
             Layout.fillWidth: true
         }
+    }
+
+    ConversationMenu {
+        id: conversationMenu
+        onRenameChosen: (conversationId) => conversations.renamingId = conversationId
     }
 }

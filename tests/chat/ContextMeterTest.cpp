@@ -96,6 +96,22 @@ private slots:
         QCOMPARE(engine().requestsTo("/api/count").last().json().value("max_tokens").toInt(), 1024);
     }
 
+    // The system prompt goes first in a count as in a reply, and a new one is counted.
+    void theSystemPromptIsCounted()
+    {
+        countAs(40, 8192, 0);
+        store().setDefaultSystemPrompt(QStringLiteral("Be brief."));
+        store().setPrompt(QStringLiteral("Hello"));
+        QTRY_COMPARE(engine().countOf("/api/count"), 1);
+        QCOMPARE(engine().requestsTo("/api/count").last().json().value("messages").toArray(),
+                 (QJsonArray{QJsonObject{{"role", "system"}, {"content", "Be brief."}},
+                             QJsonObject{{"role", "user"}, {"content", "Hello"}}}));
+        store().setSystemOverride(QStringLiteral("Be very brief."));
+        QTRY_COMPARE(engine().countOf("/api/count"), 2);
+        QCOMPARE(engine().requestsTo("/api/count").last().json().value("messages").toArray().first().toObject(),
+                 (QJsonObject{{"role", "system"}, {"content", "Be very brief."}}));
+    }
+
     void theConversationAndAnImageAreCountedWithTheDraft()
     {
         startWith({conversation(QStringLiteral("A"), 2)});

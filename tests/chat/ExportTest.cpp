@@ -39,11 +39,12 @@ private:
         std::unique_ptr<EngineStore> store;
         std::shared_ptr<ScriptedFileChooser> chooser = std::make_shared<ScriptedFileChooser>();
 
-        explicit Setup(const QList<ChatMessage> &messages)
+        explicit Setup(const QList<ChatMessage> &messages, const std::optional<QString> &system = std::nullopt)
         {
             Conversation conversation;
             conversation.title = QStringLiteral("Exported");
             conversation.messages = messages;
+            conversation.system = system;
             HistoryFile::prepareFolder(home.dataFolder());
             HistoryFile::save(home.historyFile(), {conversation});
             store = std::make_unique<EngineStore>();
@@ -53,9 +54,9 @@ private:
         QString path(const QString &name) const { return QDir(home.path()).filePath(name); }
 
         // Exports through the chooser to target and returns what landed there.
-        QByteArray exportTo(const QString &target)
+        QByteArray exportTo(const QString &target, FileChooser::TextFormat format = FileChooser::TextFormat::Plain)
         {
-            chooser->saveAnswers.append(target);
+            chooser->saveAnswers.append(FileChooser::SaveTarget(target, format));
             store->exportChat();
             return contents(target);
         }
@@ -70,6 +71,62 @@ private slots:
         QCOMPARE(setup.exportTo(target), QByteArray("USER\nHi\n\nASSISTANT\nHello"));
         QCOMPARE(setup.chooser->proposedSaveNames, QStringList{QStringLiteral("Vorn conversation.txt")});
         QVERIFY(!setup.store->error());
+    }
+
+    // Plain text first, as proposed, then Markdown.
+    void theDialogOffersPlainTextAndMarkdown()
+    {
+        Setup setup({message("user", "Hi")});
+        setup.exportTo(setup.path("chat.txt"));
+        using Format = FileChooser::TextFormat;
+        QCOMPARE(setup.chooser->offeredFormats, (QList<QList<Format>>{{Format::Plain, Format::Markdown}}));
+        QCOMPARE(FileChooser::extension(Format::Plain), QStringLiteral("txt"));
+        QCOMPARE(FileChooser::extension(Format::Markdown), QStringLiteral("md"));
+    }
+
+    // A heading per speaker under the title; replies as they are; an image as a note.
+    void markdownHasAHeadingPerSpeaker()
+    {
+        const QString reply = QStringLiteral("Here:\n\n```cpp\nint x = 1;\n```\n\n* one\n* **two**");
+        Setup setup({message("user", "What is this?", QStringLiteral("data:image/png;base64,iVBORw0KGgo=")),
+                     message("assistant", reply), message("user", "Thanks")});
+        const QByteArray expected = "# Exported\n\n"
+                                    "## You\n\n*An image was attached here; it is not part of this export.*\n\n"
+                                    "What is this?\n\n"
+                                    "## Vorn\n\n"
+            + reply.toUtf8()
+            + "\n\n"
+              "## You\n\nThanks\n";
+        QCOMPARE(setup.store->exportMarkdown().toUtf8(), expected);
+        QCOMPARE(setup.exportTo(setup.path("chat.md"), FileChooser::TextFormat::Markdown), expected);
+        QVERIFY(!setup.store->error());
+    }
+
+    // A name typed without an extension takes the chosen format's.
+    void markdownNameWithoutExtensionGetsMd()
+    {
+        Setup setup({message("user", "Hi")});
+        setup.chooser->saveAnswers.append(
+            FileChooser::SaveTarget(setup.path("notes"), FileChooser::TextFormat::Markdown));
+        setup.store->exportChat();
+        QCOMPARE(contents(setup.path("notes.md")), QByteArray("# Exported\n\n## You\n\nHi\n"));
+        QVERIFY(!QFileInfo::exists(setup.path("notes.txt")));
+    }
+
+    // The system prompt the conversation is sent with comes first, in both formats;
+    // an empty one writes nothing.
+    void aSystemPromptIsWrittenFirst()
+    {
+        Setup setup({message("user", "Hi"), message("assistant", "Ahoy")},
+                    QStringLiteral("Answer like a pirate.\nBe brief."));
+        QCOMPARE(setup.exportTo(setup.path("system.txt")),
+                 QByteArray("SYSTEM\nAnswer like a pirate.\nBe brief.\n\nUSER\nHi\n\nASSISTANT\nAhoy"));
+        QCOMPARE(setup.exportTo(setup.path("system.md"), FileChooser::TextFormat::Markdown),
+                 QByteArray("# Exported\n\n## System prompt\n\nAnswer like a pirate.\nBe brief.\n\n"
+                            "## You\n\nHi\n\n## Vorn\n\nAhoy\n"));
+
+        Setup none({message("user", "Hi")}, QString());
+        QCOMPARE(none.exportTo(none.path("none.txt")), QByteArray("USER\nHi"));
     }
 
     // A name typed without an extension is saved as a text file; one with its own

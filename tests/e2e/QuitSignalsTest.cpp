@@ -2,6 +2,7 @@
 // send: each one stops the engine, saves the history and ends the app normally, as
 // "Quit Vorn" does.
 #include "BuiltEngine.h"
+#include "RunningApp.h"
 #include "TestHome.h"
 #include "model/HistoryFile.h"
 
@@ -24,44 +25,6 @@ const QByteArray seededHistory = R"([
    "messages": [{"id": "7c9e6679-7425-40de-944b-e07fc1f90ae7", "role": "user", "text": "Hello"}]}
 ]
 )";
-
-// The children of a process, from /proc: pid, state letter and parent.
-QList<qint64> childrenOf(qint64 parent)
-{
-    QList<qint64> children;
-    const QStringList entries = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
-    for (const QString &entry : entries) {
-        bool numeric = false;
-        const qint64 pid = entry.toLongLong(&numeric);
-        if (!numeric)
-            continue;
-        QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-        if (!stat.open(QIODevice::ReadOnly))
-            continue;
-        const QByteArray line = stat.readAll();
-        // "pid (name) state ppid ..."; the name may hold anything, so read after its end.
-        const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
-        if (fields.size() > 1 && fields.at(1).toLongLong() == parent)
-            children.append(pid);
-    }
-    return children;
-}
-
-// Gone: no such process, or one that has ended and waits to be reaped.
-bool processGone(qint64 pid)
-{
-    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-    if (!stat.open(QIODevice::ReadOnly))
-        return true;
-    const QByteArray line = stat.readAll();
-    const QByteArray state = line.mid(line.lastIndexOf(')') + 2, 1);
-    return state == "Z" || state == "X";
-}
-
-QString executableOf(qint64 pid)
-{
-    return QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget();
-}
 
 } // namespace
 
@@ -94,33 +57,17 @@ private slots:
             history.write(seededHistory);
         }
 
-        QProcess app;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("VORN_STARTUP_REPORT"), QStringLiteral("1"));
-        environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-        environment.insert(QStringLiteral("QT_QUICK_BACKEND"), QStringLiteral("software"));
-        app.setProcessEnvironment(environment);
-        app.setStandardOutputFile(QProcess::nullDevice());
-        QByteArray report;
-        connect(&app, &QProcess::readyReadStandardError, this, [&] { report += app.readAllStandardError(); });
-        app.start(qEnvironmentVariable("VORN_APP_PATH"), {});
-        QVERIFY(app.waitForStarted());
+        RunningApp app(qEnvironmentVariable("VORN_APP_PATH"));
+        QVERIFY(app.process().waitForStarted());
 
         // The engine is up and answering.
-        QTRY_VERIFY_WITH_TIMEOUT(report.contains("activity: Ready on this"), engineStartMs);
-        qint64 engine = 0;
-        for (const qint64 child : childrenOf(app.processId())) {
-            if (QFileInfo(executableOf(child)).fileName() == QStringLiteral("vorn-engine"))
-                engine = child;
-        }
-        QVERIFY2(engine > 0, report.constData());
-        QCOMPARE(app.state(), QProcess::Running);
+        QTRY_VERIFY_WITH_TIMEOUT(app.engineReady(), engineStartMs);
+        const QList<qint64> engines = app.engines();
+        QVERIFY2(engines.size() == 1, app.report().constData());
+        QCOMPARE(app.process().state(), QProcess::Running);
 
-        QCOMPARE(::kill(static_cast<pid_t>(app.processId()), signalNumber), 0);
-        QVERIFY(app.waitForFinished(quitMs));
-        QCOMPARE(app.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(app.exitCode(), 0);
-        QTRY_VERIFY_WITH_TIMEOUT(processGone(engine), 5000);
+        QVERIFY(app.quitWith(signalNumber, quitMs));
+        QTRY_VERIFY_WITH_TIMEOUT(ProcessTree::gone(engines.first()), 5000);
 
         // Saved on the way out, in the app's own form.
         QFile saved(home.historyFile());

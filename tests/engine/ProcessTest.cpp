@@ -138,6 +138,29 @@ private slots:
         QCOMPARE(*store().error(), QStringLiteral("The bundled Vorn engine is missing. Please reinstall the app."));
     }
 
+    void theEngineBesideTheAppComesFirstThenTheInstalledOne()
+    {
+        const QDir root(home().path());
+        QVERIFY(root.mkpath(QStringLiteral("prefix/bin")));
+        QVERIFY(root.mkpath(QStringLiteral("prefix/libexec/vorn")));
+        const QString bin = root.filePath(QStringLiteral("prefix/bin"));
+        const QString beside = QDir(bin).filePath(QStringLiteral("vorn-engine"));
+        const QString installed = root.filePath(QStringLiteral("prefix/libexec/vorn/vorn-engine"));
+
+        // Neither: the path beside the app, which start() reports as missing.
+        QCOMPARE(EngineConnection::engineLocationFor(bin), beside);
+
+        // The installed layout: the engine in libexec/vorn next to bin.
+        writeEngine(root.filePath(QStringLiteral("prefix/libexec/vorn")), "exit 0\n");
+        QCOMPARE(EngineConnection::engineLocationFor(bin), installed);
+
+        // The build folder's layout, the engine beside the app, wins.
+        writeEngine(bin, "exit 0\n");
+        QCOMPARE(EngineConnection::engineLocationFor(bin), beside);
+
+        QCOMPARE(EngineConnection::engineLocationFor(QString()), QString());
+    }
+
     void unlaunchableEngineReportsTheFailure()
     {
         const QString path = QDir(home().path()).filePath(QStringLiteral("vorn-engine"));

@@ -10,6 +10,9 @@
 class HistoryTest : public QObject {
     Q_OBJECT
 
+    // JSON written with single quotes, which stand for double ones.
+    static QByteArray quoted(QByteArray json) { return json.replace('\'', '"'); }
+
 private slots:
     void uuidsAreUpperCaseText()
     {
@@ -185,6 +188,81 @@ private slots:
         QVERIFY(!HistoryFile::save(file, {Conversation()}));
         QVERIFY(QFileInfo(file).isDir());
         QCOMPARE(QDir(home.path()).entryList(QDir::Files | QDir::Hidden).size(), 0);
+    }
+
+    // A history from before pinning and system prompts reads and writes back byte for
+    // byte; one that uses them keeps them.
+    void aHistoryWithoutTheNewKeysIsWrittenAsBefore()
+    {
+        const QByteArray old = quoted(
+            "[{'id':'6F9619FF-8B86-D011-B42D-00C04FC964FF','title':'Trip','messages':["
+            "{'id':'0E984725-C51C-4BF4-9960-E1C80E27ABA0','role':'user','text':'Hi \\'there\\'\\n'},"
+            "{'id':'1E984725-C51C-4BF4-9960-E1C80E27ABA0','role':'assistant','text':'Hello'}]},"
+            "{'id':'7F9619FF-8B86-D011-B42D-00C04FC964FF','title':'New conversation','messages':[]}]");
+        const auto decoded = HistoryFile::decode(old);
+        QVERIFY(decoded);
+        QCOMPARE(decoded->size(), 2);
+        QCOMPARE(decoded->at(0).messages.first().text, QStringLiteral("Hi \"there\"\n"));
+        QVERIFY(!decoded->at(0).pinned);
+        QVERIFY(!decoded->at(0).system);
+        QCOMPARE(HistoryFile::encode(*decoded), old);
+    }
+
+    void pinnedAndSystemRoundTrip()
+    {
+        Conversation pinned;
+        pinned.pinned = true;
+        Conversation withSystem;
+        withSystem.system = QStringLiteral("Answer in \"French\".\nBriefly.");
+        Conversation silenced;
+        silenced.system = QString();
+        const QByteArray encoded = HistoryFile::encode({pinned, withSystem, silenced});
+        const QByteArray pinnedId = uuidText(pinned.id).toLatin1();
+        QVERIFY(encoded.contains(
+            quoted("{'id':'" + pinnedId + "','title':'New conversation','messages':[],'pinned':true}")));
+        QVERIFY(encoded.contains(quoted("'messages':[],'system':'Answer in \\'French\\'.\\nBriefly.'}")));
+        QVERIFY(encoded.contains(quoted("'messages':[],'system':''}")));
+        QCOMPARE(encoded.count("pinned"), 1);
+
+        const auto decoded = HistoryFile::decode(encoded);
+        QVERIFY(decoded);
+        QCOMPARE(decoded->size(), 3);
+        QVERIFY(decoded->at(0).pinned);
+        QVERIFY(!decoded->at(0).system);
+        QVERIFY(!decoded->at(1).pinned);
+        QCOMPARE(*decoded->at(1).system, *withSystem.system);
+        QCOMPARE(*decoded->at(2).system, QString());
+        QCOMPARE(HistoryFile::encode(*decoded), encoded);
+    }
+
+    // Keys this version does not know are passed over; false and null mean unset.
+    void unknownKeysAreIgnored()
+    {
+        const auto decoded = HistoryFile::decode(
+            quoted("[{'id':'6F9619FF-8B86-D011-B42D-00C04FC964FF','title':'t','messages':[],"
+                   "'folder':'Work','pinned':false,'system':null,'color':{'r':1}}]"));
+        QVERIFY(decoded);
+        QCOMPARE(decoded->size(), 1);
+        QVERIFY(!decoded->at(0).pinned);
+        QVERIFY(!decoded->at(0).system);
+        QCOMPARE(HistoryFile::encode(*decoded),
+                 quoted("[{'id':'6F9619FF-8B86-D011-B42D-00C04FC964FF','title':'t','messages':[]}]"));
+    }
+
+    void aCorruptNewKeyFailsTheFile_data()
+    {
+        QTest::addColumn<QByteArray>("extra");
+        QTest::newRow("pinned text") << quoted("'pinned':'yes'");
+        QTest::newRow("pinned number") << quoted("'pinned':1");
+        QTest::newRow("system number") << quoted("'system':3");
+        QTest::newRow("system list") << quoted("'system':['a']");
+    }
+
+    void aCorruptNewKeyFailsTheFile()
+    {
+        QFETCH(QByteArray, extra);
+        QVERIFY(!HistoryFile::decode(quoted("[{'id':'6F9619FF-8B86-D011-B42D-00C04FC964FF','title':'t','messages':[],")
+                                     + extra + "}]"));
     }
 
     void decodeRejectsObjectsAndBadElements()

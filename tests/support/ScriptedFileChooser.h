@@ -12,10 +12,12 @@ public:
         bool multiple;
     };
 
-    QList<QStringList> openAnswers;            // one entry per dialog; empty list = cancel
-    QList<std::optional<QString>> saveAnswers; // one entry per dialog; nullopt = cancel
+    QList<QStringList> openAnswers; // one entry per dialog; empty list = cancel
+    // One entry per dialog; nullopt = cancel. A path alone is a plain-text file.
+    QList<std::optional<SaveTarget>> saveAnswers;
     QList<OpenRequest> openRequests;
     QStringList proposedSaveNames;
+    QList<QList<TextFormat>> offeredFormats;
 
     QStringList chooseFilesToOpen(Kind kind, bool multiple) override
     {
@@ -23,9 +25,10 @@ public:
         return openAnswers.isEmpty() ? QStringList() : openAnswers.takeFirst();
     }
 
-    std::optional<QString> chooseFileToSave(const QString &proposedName) override
+    std::optional<SaveTarget> chooseFileToSave(const QString &proposedName, const QList<TextFormat> &formats) override
     {
         proposedSaveNames.append(proposedName);
+        offeredFormats.append(formats);
         return saveAnswers.isEmpty() ? std::nullopt : saveAnswers.takeFirst();
     }
 };

@@ -4,17 +4,14 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QSettings>
-#include <QTemporaryDir>
 #include <QTest>
 #include <optional>
 
 StoreFixture::StoreFixture(const QByteArray &state, Engine engine) : m_connect(engine == Engine::StandIn)
 {
     // Settings are located once per process, so they get one folder for the whole run,
-    // emptied for each fixture as on a fresh install.
-    static QTemporaryDir settingsFolder;
-    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, settingsFolder.path());
-    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, settingsFolder.path());
+    // emptied for each fixture as on a fresh install; a restart keeps what was set.
+    TestHome::isolateSettings();
     QSettings().clear();
     if (m_connect) {
         if (!this->engine.listen())

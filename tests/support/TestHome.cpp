@@ -2,7 +2,9 @@
 
 #include <QDir>
 #include <QFile>
+#include <QSettings>
 #include <QStandardPaths>
+#include <QTemporaryDir>
 
 #include <sys/stat.h>
 
@@ -45,6 +47,13 @@ QString TestHome::modelsFolder() const
 QString TestHome::historyFile() const
 {
     return QDir(dataFolder()).filePath(QStringLiteral("conversations.json"));
+}
+
+void TestHome::isolateSettings()
+{
+    static QTemporaryDir settingsFolder;
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, settingsFolder.path());
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, settingsFolder.path());
 }
 
 int TestHome::posixMode(const QString &path)

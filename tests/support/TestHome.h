@@ -17,6 +17,10 @@ public:
     QString modelsFolder() const; // ~/.vorn/models
     QString historyFile() const;
 
+    // Points the settings (QSettings) of this process at a throw-away folder of its own;
+    // it stays the same for the whole process, so settings outlive one home.
+    static void isolateSettings();
+
     // The permission bits of a file or folder, as chmod shows them (0700, 0600).
     static int posixMode(const QString &path);
 

@@ -1,5 +1,7 @@
 #include "ViewHarness.h"
 
+#include "chat/ConversationListModel.h"
+
 #include "ViewSetup.h"
 
 #include "model/HistoryFile.h"
@@ -11,7 +13,6 @@
 #include <QJsonObject>
 #include <QKeyEvent>
 #include <QSettings>
-#include <QTemporaryDir>
 #include <QtTest>
 
 void ViewHarness::prepareProcess()
@@ -21,9 +22,7 @@ void ViewHarness::prepareProcess()
     QCoreApplication::setOrganizationName(QStringLiteral("Vorn"));
     QCoreApplication::setApplicationName(QStringLiteral("Vorn"));
     // Settings are located once per process, so they get one folder for the whole run.
-    static QTemporaryDir settingsFolder;
-    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, settingsFolder.path());
-    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, settingsFolder.path());
+    TestHome::isolateSettings();
     ViewSetup::prepareApplication();
 }
 
@@ -71,6 +70,22 @@ Conversation ViewHarness::conversation(const QString &title, const QStringList &
         conversation.messages.append(message);
     }
     return conversation;
+}
+
+QList<Conversation> ViewHarness::threeConversations()
+{
+    return {conversation("Trip to Lisbon", {"Where should we eat?", "Try the bakery."}),
+            conversation("Garden plans", {"Tomatoes need sun", "Plant them in May."}),
+            conversation("Taxes", {"Deadline?", "April."})};
+}
+
+QStringList ViewHarness::listedTitles() const
+{
+    auto *model = qobject_cast<QAbstractItemModel *>(object(QStringLiteral("conversationFilter")));
+    QStringList titles;
+    for (int row = 0; model && row < model->rowCount(); ++row)
+        titles.append(model->index(row, 0).data(ConversationListModel::TitleRole).toString());
+    return titles;
 }
 
 ViewHarness::ViewHarness(const QByteArray &stateJson, const QList<Conversation> &history)

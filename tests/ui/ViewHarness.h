@@ -40,6 +40,12 @@ public:
     static QByteArray modelJson(const QString &name, qint64 size, bool projector = false);
     static QByteArray downloadJson(const QString &name, qint64 bytes, qint64 total);
     static Conversation conversation(const QString &title, const QStringList &texts);
+    // Three conversations of a question and its answer each: "Trip to Lisbon", "Garden
+    // plans" and "Taxes".
+    static QList<Conversation> threeConversations();
+
+    // The titles the sidebar lists, in its order.
+    QStringList listedTitles() const;
 
     TestHome &home() { return m_home; }
     FakeEngine &fake() { return m_fake; }

@@ -15,58 +15,41 @@
 class WindowTest : public QObject {
     Q_OBJECT
 
-private:
-    static QStringList listedTitles(ViewHarness &view)
-    {
-        auto *model = qobject_cast<QAbstractItemModel *>(view.object("conversationFilter"));
-        QStringList titles;
-        for (int row = 0; model && row < model->rowCount(); ++row)
-            titles.append(model->index(row, 0).data(ConversationListModel::TitleRole).toString());
-        return titles;
-    }
-
-    static QList<Conversation> searchHistory()
-    {
-        return {ViewHarness::conversation("Trip to Lisbon", {"Where should we eat?", "Try the bakery."}),
-                ViewHarness::conversation("Garden plans", {"Tomatoes need sun", "Plant them in May."}),
-                ViewHarness::conversation("Taxes", {"Deadline?", "April."})};
-    }
-
 private slots:
     void init() { ViewHarness::resetSettings(); }
 
     void emptySearchListsEveryConversationAndAFreshStoreHasOne()
     {
         ViewHarness view;
-        QCOMPARE(listedTitles(view), QStringList{"New conversation"});
+        QCOMPARE(view.listedTitles(), QStringList{"New conversation"});
         view.typeInto(view.item("searchField"), QStringLiteral("zebra"));
-        QVERIFY(listedTitles(view).isEmpty());
+        QVERIFY(view.listedTitles().isEmpty());
         QCOMPARE(view.visibleItems("conversationRow").size(), 0);
         view.item("searchField")->setProperty("text", QString());
         view.settle();
-        QCOMPARE(listedTitles(view), QStringList{"New conversation"});
+        QCOMPARE(view.listedTitles(), QStringList{"New conversation"});
     }
 
     void searchIgnoresCaseLooksIntoMessagesAndKeepsOrder()
     {
-        ViewHarness view(FakeEngine::stateJson(), searchHistory());
-        QCOMPARE(listedTitles(view), (QStringList{"Trip to Lisbon", "Garden plans", "Taxes"}));
+        ViewHarness view(FakeEngine::stateJson(), ViewHarness::threeConversations());
+        QCOMPARE(view.listedTitles(), (QStringList{"Trip to Lisbon", "Garden plans", "Taxes"}));
 
         view.typeInto(view.item("searchField"), QStringLiteral("LISBON"));
-        QCOMPARE(listedTitles(view), QStringList{"Trip to Lisbon"});
+        QCOMPARE(view.listedTitles(), QStringList{"Trip to Lisbon"});
 
         view.item("searchField")->setProperty("text", QString());
         view.typeInto(view.item("searchField"), QStringLiteral("TOMATOES"));
-        QCOMPARE(listedTitles(view), QStringList{"Garden plans"});
+        QCOMPARE(view.listedTitles(), QStringList{"Garden plans"});
 
         view.item("searchField")->setProperty("text", QString());
         view.typeInto(view.item("searchField"), QStringLiteral("A"));
         // "a" is in every title; order stays as stored.
-        QCOMPARE(listedTitles(view), (QStringList{"Trip to Lisbon", "Garden plans", "Taxes"}));
+        QCOMPARE(view.listedTitles(), (QStringList{"Trip to Lisbon", "Garden plans", "Taxes"}));
 
         view.item("searchField")->setProperty("text", QString());
         view.settle();
-        QCOMPARE(listedTitles(view), (QStringList{"Trip to Lisbon", "Garden plans", "Taxes"}));
+        QCOMPARE(view.listedTitles(), (QStringList{"Trip to Lisbon", "Garden plans", "Taxes"}));
         QCOMPARE(view.visibleItems("conversationRow").size(), 3);
     }
 
@@ -77,12 +60,12 @@ private slots:
                           ViewHarness::conversation("Two words", {"x"}),
                           ViewHarness::conversation("Plain", {"has a space", "y"})});
         view.typeInto(view.item("searchField"), QStringLiteral(" "));
-        QCOMPARE(listedTitles(view), (QStringList{"Two words", "Plain"}));
+        QCOMPARE(view.listedTitles(), (QStringList{"Two words", "Plain"}));
     }
 
     void whileGeneratingRowClicksAndNewConversationAreIgnored()
     {
-        ViewHarness view(FakeEngine::stateJson("m.gguf"), searchHistory());
+        ViewHarness view(FakeEngine::stateJson("m.gguf"), ViewHarness::threeConversations());
         QVERIFY(view.refresh());
         QVERIFY(view.startEndlessReply());
         const QString selected = view.store().selectedIDText();
@@ -104,10 +87,10 @@ private slots:
 
     void newConversationButtonAddsOneOnTop()
     {
-        ViewHarness view(FakeEngine::stateJson(), searchHistory());
+        ViewHarness view(FakeEngine::stateJson(), ViewHarness::threeConversations());
         view.click(view.item("newConversationButton"));
         QCOMPARE(view.store().conversations().size(), 4);
-        QCOMPARE(listedTitles(view).first(), QStringLiteral("New conversation"));
+        QCOMPARE(view.listedTitles().first(), QStringLiteral("New conversation"));
         QCOMPARE(view.store().selectedIDText(), uuidText(view.store().conversations().first().id));
     }
 
@@ -218,7 +201,7 @@ private slots:
 
     void exportButtonWritesTheConversation()
     {
-        ViewHarness view(FakeEngine::stateJson(), searchHistory());
+        ViewHarness view(FakeEngine::stateJson(), ViewHarness::threeConversations());
         auto chooser = std::make_shared<ScriptedFileChooser>();
         const QString target = view.home().path() + QStringLiteral("/export.txt");
         chooser->saveAnswers.append(target);
@@ -310,7 +293,7 @@ private slots:
     // The conversation rows line up with the search field and the buttons above them.
     void conversationRowsSpanTheSidebar()
     {
-        ViewHarness view(FakeEngine::stateJson(), searchHistory());
+        ViewHarness view(FakeEngine::stateJson(), ViewHarness::threeConversations());
         const QRectF search = ViewHarness::sceneRect(view.item("searchField"));
         const QRectF newConversation = ViewHarness::sceneRect(view.item("newConversationButton"));
         QCOMPARE(newConversation.right(), search.right());
