@@ -9,6 +9,10 @@
 - app_tiny_model_rss_mb, engine_tiny_model_rss_mb: the same after the engine loaded the
   tiny test model and the app showed "Model ready".
 
+With --conversation, instead: the first frame and the app's memory with a conversation
+of 400 messages selected (Markdown replies: headings, lists, a table, code) against one
+of 2 messages (conversation_first_frame_ms_<count>, conversation_rss_mb_<count>).
+
 Prints "figure: value" lines. Standard library only.
 """
 
@@ -25,6 +29,7 @@ import tempfile
 import threading
 import time
 import urllib.request
+import uuid
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.dirname(HERE))
@@ -137,6 +142,63 @@ def first_frame(binary, runs):
     return times
 
 
+MARKDOWN_REPLY = """## Answer %d
+
+Here is what **matters**, with `inline code` and a [link](https://example.com):
+
+1. The first point, *emphasised*.
+2. The second point.
+   - a nested detail
+3. The third point.
+
+| name | value | note |
+|------|------:|------|
+| alpha | 1 | first |
+| beta | 22 | second |
+
+```python
+def answer(number):
+    return number * %d
+```
+
+> A closing remark in a quote."""
+
+
+def write_conversation(home, count):
+    """A history whose one conversation holds count messages, half of them Markdown replies."""
+    messages = []
+    for index in range(count):
+        user = index % 2 == 0
+        messages.append({
+            "id": str(uuid.UUID(int=index + 1)).upper(),
+            "role": "user" if user else "assistant",
+            "text": "Question %d: how does this work?" % index if user else MARKDOWN_REPLY % (index, index),
+        })
+    history = [{"id": str(uuid.UUID(int=10 ** 6)).upper(), "title": "Long conversation", "messages": messages}]
+    folder = os.path.join(home, ".local", "share", "Vorn")
+    os.makedirs(folder, mode=0o700)
+    with open(os.path.join(folder, "conversations.json"), "w") as f:
+        json.dump(history, f, separators=(",", ":"))
+
+
+def conversation_first_frame(binary, runs, count, settle):
+    """First-frame times and the app's memory a moment later, count messages selected."""
+    times = []
+    memory = []
+    for _ in range(runs):
+        app = App(binary, "1", lambda home: write_conversation(home, count))
+        try:
+            clock = app.wait_for("first_frame_clock_ns:", 60)
+            if clock is None:
+                raise SystemExit("the app showed no frame within 60 s")
+            times.append((int(clock) - app.spawned_ns) / 1e6)
+            time.sleep(settle)
+            memory.append(rss_mb(app.process.pid))
+        finally:
+            app.finish()
+    return times, memory
+
+
 def idle_memory(binary, settle):
     def link_tiny_model(home):
         models = os.path.join(home, ".vorn", "models")
@@ -176,9 +238,25 @@ def main():
     parser.add_argument("--app", default=os.path.join(REPO, "build", "bin", "vorn"), help="the vorn binary")
     parser.add_argument("--runs", type=int, default=7, help="starts to take the median of")
     parser.add_argument("--settle", type=float, default=3.0, help="seconds to wait before reading memory")
+    parser.add_argument("--conversation", action="store_true",
+                        help="compare a 400-message conversation with a 2-message one instead")
     args = parser.parse_args()
     if not os.path.exists(args.app):
         raise SystemExit("vorn not found at %s; build it or pass --app" % args.app)
+
+    if args.conversation:
+        # Interleaved, so both sizes see the same load on a shared machine.
+        results = {2: ([], []), 400: ([], [])}
+        for _ in range(args.runs):
+            for count in (2, 400):
+                times, memory = conversation_first_frame(args.app, 1, count, 1.0)
+                results[count][0].extend(times)
+                results[count][1].extend(memory)
+        for count, (times, memory) in results.items():
+            print("conversation_first_frame_ms_%d: %.0f" % (count, statistics.median(times)))
+            print("conversation_first_frame_ms_%d_runs: %s" % (count, " ".join("%.0f" % t for t in times)))
+            print("conversation_rss_mb_%d: %.1f" % (count, statistics.median(memory)))
+        return
 
     times = first_frame(args.app, args.runs)
     print("app_first_frame_ms: %.0f" % statistics.median(times))

@@ -1,10 +1,13 @@
 // Streams a reply at about 1,000 tokens a second from the fake engine into the real
 // window (offscreen) and reports frame intervals, how late a 10 ms timer ran (how well
 // the window keeps answering), and whether any text was lost on the way to the screen.
+// With "markdown" as the fifth argument the reply is Markdown-heavy: headings, lists,
+// tables and code blocks, cut into word-sized tokens.
 #include "ViewHarness.h"
 
 #include <QApplication>
 #include <QElapsedTimer>
+#include <QRegularExpression>
 #include <QTimer>
 #include <algorithm>
 #include <cstdio>
@@ -29,6 +32,27 @@ Figures summarize(QList<double> values)
     return figures;
 }
 
+// Markdown-heavy text of at least that many word-sized tokens, as the tokens.
+QStringList markdownTokens(int tokens)
+{
+    QStringList pieces;
+    static const QRegularExpression token(QStringLiteral("\\S+\\s*|\\s+"));
+    for (int section = 0; pieces.size() < tokens; ++section) {
+        const QString text =
+            QStringLiteral("## Part %1\n\nThe **main** idea, with `code` and *emphasis*, comes first.\n\n"
+                           "1. Step one of part %1.\n2. Step two, with a [link](https://example.com).\n"
+                           "   - a detail\n   - another detail\n\n| key | value | note |\n|-----|------:|------|\n"
+                           "| a%1 | %1 | first |\n| b%1 | %2 | second |\n\n```cpp\nint part%1(int value)\n{\n"
+                           "    return value * %1;\n}\n```\n\n> Quoted remark %1.\n\n")
+                .arg(section)
+                .arg(section * 7);
+        auto matches = token.globalMatch(text);
+        while (matches.hasNext())
+            pieces.append(matches.next().captured());
+    }
+    return pieces;
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -45,6 +69,8 @@ int main(int argc, char *argv[])
     // second. The rate actually reached is printed.
     const int burstMs = argc > 3 ? QByteArray(argv[3]).toInt() : 10;
     const int tokensPerBurst = argc > 4 ? QByteArray(argv[4]).toInt() : 14;
+    const bool markdown = argc > 5 && QByteArray(argv[5]) == "markdown";
+    const QStringList markdownText = markdown ? markdownTokens(tokens) : QStringList();
 
     ViewHarness view(FakeEngine::stateJson(QStringLiteral("bench.gguf")));
     if (!view.refresh()) {
@@ -58,8 +84,9 @@ int main(int argc, char *argv[])
     QList<QByteArray> lines;
     QString expected;
     for (int index = 0; index < tokens; ++index) {
-        const QString token = (index % 17 == 16) ? QStringLiteral("word%1.\n").arg(index)
-                                                 : QStringLiteral("word%1 ").arg(index);
+        const QString token = markdown ? markdownText.at(index)
+            : (index % 17 == 16)       ? QStringLiteral("word%1.\n").arg(index)
+                                       : QStringLiteral("word%1 ").arg(index);
         expected += token;
         if (index % tokensPerBurst == 0)
             lines.append(QByteArray());

@@ -2,12 +2,14 @@
 
 #include "engine/EngineClient.h"
 #include "engine/EngineRequest.h"
+#include "model/ReplyText.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonParseError>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <algorithm>
 
 namespace {
 
@@ -137,13 +139,65 @@ ChatExchange::Outcome ChatExchange::handleLine(const QString &line)
     const QJsonValue delta = choices.toArray().first().toObject().value(QStringLiteral("delta"));
     if (!delta.isObject())
         return Outcome::Continue;
+    const QJsonValue reasoning = delta.toObject().value(QStringLiteral("reasoning_content"));
+    if (reasoning.isString() && !reasoning.toString().isEmpty())
+        addReasoning(reasoning.toString());
     const QJsonValue content = delta.toObject().value(QStringLiteral("content"));
-    if (!content.isString())
-        return Outcome::Continue;
-    const QString piece = content.toString();
+    if (content.isString())
+        addContent(content.toString());
+    return Outcome::Continue;
+}
+
+void ChatExchange::grow(const QString &piece)
+{
     m_reply += piece;
     emit replyGrew(piece, m_reply);
-    return Outcome::Continue;
+}
+
+void ChatExchange::addReasoning(const QString &piece)
+{
+    if (m_reasoning == Reasoning::None && m_reply.isEmpty()) {
+        m_reasoning = Reasoning::Apart;
+        m_reasoningClock.start();
+        grow(ReplyText::open.toString() + QLatin1Char('\n') + piece);
+        return;
+    }
+    // Reasoning after the answer began has no section to go to; it is kept as text.
+    grow(piece);
+}
+
+void ChatExchange::addContent(const QString &piece)
+{
+    if (m_reasoning == Reasoning::Apart) {
+        if (piece.isEmpty())
+            return;
+        endReasoning();
+        grow(QLatin1Char('\n') + ReplyText::close.toString() + QStringLiteral("\n\n") + piece);
+        return;
+    }
+    const qsizetype before = m_reply.size();
+    grow(piece);
+    if (m_reasoning == Reasoning::None && !m_reply.trimmed().isEmpty()) {
+        // The model writes its section itself: it is timed from its opening tag.
+        if (ReplyText::split(m_reply).hasReasoning) {
+            m_reasoning = Reasoning::Inline;
+            m_reasoningClock.start();
+        } else if (!ReplyText::open.startsWith(m_reply.trimmed())) {
+            m_reasoning = Reasoning::Done;
+        }
+    }
+    // Only the new piece and a tag it may complete are searched.
+    if (m_reasoning == Reasoning::Inline
+        && m_reply.indexOf(ReplyText::close, std::max<qsizetype>(0, before - ReplyText::close.size())) >= 0)
+        endReasoning();
+}
+
+void ChatExchange::endReasoning()
+{
+    if (m_reasoning != Reasoning::Apart && m_reasoning != Reasoning::Inline)
+        return;
+    m_reasoning = Reasoning::Done;
+    emit reasoningTimed((m_reasoningClock.elapsed() + 500) / 1000);
 }
 
 void ChatExchange::detachReply()
@@ -188,6 +242,8 @@ void ChatExchange::fail(const QString &message)
 void ChatExchange::finalSteps()
 {
     m_ended = true;
+    // A reply that ends while still reasoning has thought until now.
+    endReasoning();
     emit ended();
     finish();
 }

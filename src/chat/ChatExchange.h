@@ -4,6 +4,7 @@
 #include "engine/CancellableTask.h"
 #include "model/ContextUse.h"
 
+#include <QElapsedTimer>
 #include <QJsonArray>
 #include <QPointer>
 #include <QString>
@@ -22,8 +23,12 @@ public:
     void begin(double temperature, int tokenLimit);
 
 signals:
-    // The reply grew by piece; reply is all of it so far.
+    // The reply grew by piece; reply is all of it so far. Reasoning streamed apart
+    // (delta.reasoning_content) joins the reply as its leading <think> section.
     void replyGrew(const QString &piece, const QString &reply);
+    // The reply's reasoning ended (or the exchange did, while reasoning): how long it
+    // took from its first piece, in whole seconds.
+    void reasoningTimed(qint64 seconds);
     // Nothing arrived before the end; the message says so instead.
     void replyReplaced(const QString &text);
     // The context the reply's conversation takes, as its last chunk reports it.
@@ -43,6 +48,10 @@ private:
     void replyFinished();
     bool statusIsAcceptable();
     Outcome handleLine(const QString &line);
+    void addReasoning(const QString &piece);
+    void addContent(const QString &piece);
+    void grow(const QString &piece);
+    void endReasoning();
     void succeed();
     void failCancelled();
     void fail(const QString &message);
@@ -55,4 +64,9 @@ private:
     QPointer<QNetworkReply> m_networkReply;
     SseLineReader m_lines;
     bool m_ended = false;
+    // Where the reply's reasoning stands: none seen, a section the engine sends apart
+    // (its closing tag is ours to write), a section the model writes itself, or done.
+    enum class Reasoning { None, Apart, Inline, Done };
+    Reasoning m_reasoning = Reasoning::None;
+    QElapsedTimer m_reasoningClock;
 };

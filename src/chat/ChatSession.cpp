@@ -234,6 +234,8 @@ void ChatSession::startExchange(const QList<ChatMessage> &asked, const QUuid &co
     connect(exchange, &ChatExchange::replyGrew, this, [this, answerID](const QString &piece, const QString &reply) {
         m_conversations.extendAssistant(answerID, piece, reply);
     });
+    connect(exchange, &ChatExchange::reasoningTimed, this,
+            [this, answerID](qint64 seconds) { m_conversations.setThinkingSeconds(answerID, seconds); });
     connect(exchange, &ChatExchange::replyReplaced, this,
             [this, answerID](const QString &text) { m_conversations.updateAssistant(answerID, text); });
     connect(exchange, &ChatExchange::failed, this, &ChatSession::errorRaised);

@@ -157,6 +157,12 @@ void ConversationListModel::appendMessageText(int index, int messageIndex, const
     conversationChanged(index);
 }
 
+void ConversationListModel::setMessageThinkingSeconds(int index, int messageIndex, qint64 seconds)
+{
+    m_conversations[index].messages[messageIndex].thinkingSeconds = seconds;
+    emit messageThinkingSecondsChanged(index, messageIndex);
+}
+
 void ConversationListModel::removeMessagesFrom(int index, int messageIndex)
 {
     const int last = static_cast<int>(m_conversations.at(index).messages.size()) - 1;

@@ -45,6 +45,7 @@ public:
     void appendMessage(int index, const ChatMessage &message);
     void setMessageText(int index, int messageIndex, const QString &text);
     void appendMessageText(int index, int messageIndex, const QString &piece);
+    void setMessageThinkingSeconds(int index, int messageIndex, qint64 seconds);
     // Removes a conversation's messages from messageIndex to its end.
     void removeMessagesFrom(int index, int messageIndex);
     // Gives a conversation other messages altogether.
@@ -59,6 +60,7 @@ signals:
     void messageAboutToBeAppended(int index, int messageIndex);
     void messageAppended(int index);
     void messageTextChanged(int index, int messageIndex);
+    void messageThinkingSecondsChanged(int index, int messageIndex);
     // Around the removal of a conversation's messages first to last.
     void messagesAboutToBeRemoved(int index, int first, int last);
     void messagesRemoved(int index);

@@ -181,6 +181,19 @@ void Conversations::extendAssistant(const QUuid &id, const QString &piece, const
         m_list->setMessageText(selectedIndex(), row, reply);
 }
 
+void Conversations::setThinkingSeconds(const QUuid &id, qint64 seconds)
+{
+    for (int index = 0; index < all().size(); ++index) {
+        const QList<ChatMessage> &messages = all().at(index).messages;
+        for (auto row = messages.size() - 1; row >= 0; --row) {
+            if (messages.at(row).id == id) {
+                m_list->setMessageThinkingSeconds(index, static_cast<int>(row), seconds);
+                return;
+            }
+        }
+    }
+}
+
 bool Conversations::rename(const QUuid &id, const QString &title)
 {
     const int index = m_list->indexOf(id);

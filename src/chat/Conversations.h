@@ -60,6 +60,9 @@ public:
     // message holds the reply before it, and the whole reply replaces it otherwise.
     void extendAssistant(const QUuid &id, const QString &piece, const QString &reply);
 
+    // Records how long the reply with that id reasoned, in whichever conversation
+    // holds it: unlike its text, the figure has no later delta to catch up with.
+    void setThinkingSeconds(const QUuid &id, qint64 seconds);
     // The operations below save the history when they change something.
     // A title of one line; one that is empty once trimmed keeps the old title.
     bool rename(const QUuid &id, const QString &title);

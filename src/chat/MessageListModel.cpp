@@ -1,6 +1,7 @@
 #include "MessageListModel.h"
 
 #include "ConversationListModel.h"
+#include "model/ReplyText.h"
 
 MessageListModel::MessageListModel(const ConversationListModel *conversations, QObject *parent)
     : QAbstractListModel(parent), m_conversations(conversations)
@@ -55,11 +56,32 @@ MessageListModel::MessageListModel(const ConversationListModel *conversations, Q
         if (index != m_conversations->selectedIndex())
             return;
         const QModelIndex changed = this->index(messageIndex);
-        emit dataChanged(changed, changed, {TextRole, Qt::DisplayRole, HasTextRole});
+        emit dataChanged(
+            changed, changed,
+            {TextRole, Qt::DisplayRole, HasTextRole, AnswerRole, ReasoningRole, HasReasoningRole, ReasoningOpenRole});
         if (messageIndex == rowCount() - 1)
             emit lastTextChanged();
     });
+    connect(conversations, &ConversationListModel::messageThinkingSecondsChanged, this,
+            [this](int index, int messageIndex) {
+                if (index != m_conversations->selectedIndex())
+                    return;
+                const QModelIndex changed = this->index(messageIndex);
+                emit dataChanged(changed, changed, {ThinkingSecondsRole});
+            });
 }
+
+namespace {
+
+// Only replies have reasoning; the user's text is theirs as typed.
+ReplyText partsOf(const ChatMessage &message)
+{
+    if (message.role != QLatin1String("assistant"))
+        return ReplyText{{}, message.text, false, false};
+    return ReplyText::split(message.text);
+}
+
+} // namespace
 
 const QList<ChatMessage> *MessageListModel::shownMessages() const
 {
@@ -95,6 +117,18 @@ QVariant MessageListModel::data(const QModelIndex &index, int role) const
         return message.role == QLatin1String("user");
     case HasTextRole:
         return !message.text.isEmpty();
+    case AnswerRole:
+        return partsOf(message).answer;
+    case ReasoningRole:
+        return partsOf(message).reasoning;
+    case HasReasoningRole:
+        return partsOf(message).hasReasoning;
+    case ReasoningOpenRole:
+        return partsOf(message).reasoningOpen;
+    case ThinkingSecondsRole:
+        return message.thinkingSeconds.value_or(-1);
+    case ReasoningShownRole:
+        return m_reasoningShown.contains(message.id);
     default:
         return {};
     }
@@ -102,8 +136,19 @@ QVariant MessageListModel::data(const QModelIndex &index, int role) const
 
 QHash<int, QByteArray> MessageListModel::roleNames() const
 {
-    return {{IdRole, "messageId"},      {RoleRole, "role"},     {TextRole, "text"},      {ImageRole, "image"},
-            {HasImageRole, "hasImage"}, {IsUserRole, "isUser"}, {HasTextRole, "hasText"}};
+    return {{IdRole, "messageId"},
+            {RoleRole, "role"},
+            {TextRole, "text"},
+            {ImageRole, "image"},
+            {HasImageRole, "hasImage"},
+            {IsUserRole, "isUser"},
+            {HasTextRole, "hasText"},
+            {AnswerRole, "answer"},
+            {ReasoningRole, "reasoning"},
+            {HasReasoningRole, "hasReasoning"},
+            {ReasoningOpenRole, "reasoningOpen"},
+            {ThinkingSecondsRole, "thinkingSeconds"},
+            {ReasoningShownRole, "reasoningShown"}};
 }
 
 QString MessageListModel::lastText() const
@@ -116,4 +161,20 @@ QString MessageListModel::textAt(int row) const
 {
     const QList<ChatMessage> *messages = shownMessages();
     return !messages || row < 0 || row >= messages->size() ? QString() : messages->at(row).text;
+}
+
+void MessageListModel::setReasoningShown(int row, bool shown)
+{
+    const QList<ChatMessage> *messages = shownMessages();
+    if (!messages || row < 0 || row >= messages->size())
+        return;
+    const QUuid &id = messages->at(row).id;
+    if (m_reasoningShown.contains(id) == shown)
+        return;
+    if (shown)
+        m_reasoningShown.insert(id);
+    else
+        m_reasoningShown.remove(id);
+    const QModelIndex changed = index(row);
+    emit dataChanged(changed, changed, {ReasoningShownRole});
 }

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <QAbstractListModel>
+#include <QSet>
+#include <QUuid>
 
 class ConversationListModel;
 struct ChatMessage;
@@ -13,7 +15,24 @@ class MessageListModel : public QAbstractListModel {
     Q_PROPERTY(int count READ count NOTIFY countChanged)
     Q_PROPERTY(QString lastText READ lastText NOTIFY lastTextChanged)
 public:
-    enum Role { IdRole = Qt::UserRole + 1, RoleRole, TextRole, ImageRole, HasImageRole, IsUserRole, HasTextRole };
+    enum Role {
+        IdRole = Qt::UserRole + 1,
+        RoleRole,
+        TextRole,
+        ImageRole,
+        HasImageRole,
+        IsUserRole,
+        HasTextRole,
+        // A reply's parts (ReplyText): its answer, and its reasoning section.
+        AnswerRole,
+        ReasoningRole,
+        HasReasoningRole,
+        ReasoningOpenRole,
+        // Whole seconds the reasoning took, -1 when not known.
+        ThinkingSecondsRole,
+        // Whether the transcript shows the reasoning unfolded (view state, not saved).
+        ReasoningShownRole,
+    };
 
     explicit MessageListModel(const ConversationListModel *conversations, QObject *parent = nullptr);
 
@@ -23,8 +42,11 @@ public:
     int count() const { return rowCount(); }
     // The last message's text, empty when there is none.
     QString lastText() const;
-    // A message's text, for copying it; empty for a row that is not there.
+    // A message's text as stored, for copying it; empty for a row that is not there.
     Q_INVOKABLE QString textAt(int row) const;
+    // Unfolds or folds a reply's reasoning in the transcript; the choice lasts while
+    // the app runs, also when the row's view is made again.
+    Q_INVOKABLE void setReasoningShown(int row, bool shown);
 
 signals:
     void countChanged();
@@ -37,4 +59,5 @@ private:
     // Set between the announcement of a change to the shown conversation's messages
     // and the change itself.
     bool m_changing = false;
+    QSet<QUuid> m_reasoningShown;
 };

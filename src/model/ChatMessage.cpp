@@ -65,7 +65,12 @@ std::optional<ChatMessage> ChatMessage::fromJson(const QJsonValue &value)
     const auto id = uuidFromText(*idText);
     if (!id)
         return std::nullopt;
-    return ChatMessage{*id, *role, *text, *image};
+    ChatMessage message{*id, *role, *text, *image};
+    // Only a display figure: a value that is no count of seconds is left out.
+    const auto thinking = StrictJson::integerValue(object.value(QStringLiteral("thinkingSeconds")));
+    if (thinking && *thinking >= 0)
+        message.thinkingSeconds = thinking;
+    return message;
 }
 
 QJsonObject ChatMessage::toJson() const
@@ -77,5 +82,7 @@ QJsonObject ChatMessage::toJson() const
     };
     if (image)
         object.insert(QStringLiteral("image"), *image);
+    if (thinkingSeconds)
+        object.insert(QStringLiteral("thinkingSeconds"), *thinkingSeconds);
     return object;
 }

@@ -139,6 +139,8 @@ QByteArray encode(const QList<Conversation> &conversations)
                 out.append(",\"image\":");
                 appendJsonString(out, *message.image);
             }
+            if (message.thinkingSeconds)
+                out.append(",\"thinkingSeconds\":").append(QByteArray::number(*message.thinkingSeconds));
             out.append('}');
         }
         out.append(']');

@@ -17,6 +17,8 @@ QtObject {
         "slider.horizontal.3": "\ue429",  // tune
         "doc.on.doc": "\ue14d",           // content_copy
         "waveform.path": "\ue1b8",        // graphic_eq
+        "chevron.right": "\ue5cc",        // chevron_right
+        "chevron.down": "\ue5cf",         // expand_more
         "photo": "\ue410",                // photo
         "xmark.circle.fill": "\ue5c9",    // cancel
         "arrow.up": "\ue5d8",             // arrow_upward

@@ -3,10 +3,13 @@ import Vorn
 import QtQuick.Controls
 import QtQuick.Layouts
 
-// One message: a caption, the picture if it has one, and the selectable text. The
-// user's messages sit on the raised fill and can be edited; the assistant's have a copy
-// button, and the last one a button that asks for it again. Above the first message
-// the model still saw, a divider says that earlier ones were left out.
+// One message: a caption, the picture if it has one, and the selectable text (a
+// reply's as Markdown). The user's messages sit on the raised fill and can be edited;
+// the assistant's have a copy button, and the last one a button that asks for it again.
+// Above the first message the model still saw, a divider says that earlier ones were
+// left out. For the keyboard and a screen reader the block is one item of the
+// transcript's list: it says who speaks and what, and its buttons take Tab only while it
+// is the list's current item and the keyboard is in the list.
 Item {
     id: block
 
@@ -17,8 +20,29 @@ Item {
     required property bool hasImage
     required property bool isUser
     required property bool hasText
+    required property bool hasReasoning
+    required property bool reasoningOpen
+    required property bool reasoningShown
+    required property int thinkingSeconds
+    // The words without any reasoning, as written: what a screen reader reads.
+    required property string answer
+
+    // Whether Tab stops at the buttons inside: only those of the list's current item,
+    // and only while the keyboard is in the list, so the list stays one stop of the
+    // window's Tab order.
+    readonly property bool buttonsOnTab: ListView.isCurrentItem && keyboardInList
+    // Set by the list while the keyboard is on it or inside it.
+    property bool keyboardInList: false
 
     objectName: "messageBlock"
+    // The list's current message is where Tab lands in the list. Each keeps Tab while it
+    // has the keyboard, as Qt requires.
+    activeFocusOnTab: ListView.isCurrentItem || activeFocus
+    Accessible.role: Accessible.ListItem
+    Accessible.name: block.isUser ? "You" : "Vorn"
+    Accessible.description: block.answer
+    Accessible.focusable: true
+    Accessible.selected: ListView.isCurrentItem
     implicitHeight: fill.y + column.implicitHeight + 40
 
     ContextDivider {
@@ -36,6 +60,21 @@ Item {
         height: column.implicitHeight + 40
         radius: 14
         color: block.isUser ? Theme.raisedFill : "transparent"
+    }
+
+    // Where the keyboard is in the list.
+    Rectangle {
+        objectName: "messageFocusRing"
+        visible: block.activeFocus
+        // On the fill's own edge, so a block at the edge of the view shows all of it.
+        x: fill.x
+        y: fill.y
+        width: fill.width
+        height: fill.height
+        radius: fill.radius
+        color: "transparent"
+        border.width: 2
+        border.color: Theme.focusBorder
     }
 
     // A plain column, not a layout: a layout reads the text's implicit width, and a
@@ -63,6 +102,8 @@ Item {
             }
             IconButton {
                 objectName: "editButton"
+                focusPolicy: block.buttonsOnTab || activeFocus ? Qt.TabFocus : Qt.NoFocus
+                activeFocusOnTab: block.buttonsOnTab || activeFocus
                 visible: block.isUser
                 enabled: !Store.generating
                 symbol: "pencil"
@@ -75,6 +116,8 @@ Item {
             }
             IconButton {
                 objectName: "regenerateButton"
+                focusPolicy: block.buttonsOnTab || activeFocus ? Qt.TabFocus : Qt.NoFocus
+                activeFocusOnTab: block.buttonsOnTab || activeFocus
                 // The last reply, when it answers something.
                 visible: block.role === "assistant" && block.index > 0 && block.index === Store.messageList.count - 1
                 enabled: Store.canRegenerate
@@ -88,6 +131,8 @@ Item {
             }
             IconButton {
                 objectName: "copyButton"
+                focusPolicy: block.buttonsOnTab || activeFocus ? Qt.TabFocus : Qt.NoFocus
+                activeFocusOnTab: block.buttonsOnTab || activeFocus
                 visible: block.role === "assistant" && block.hasText
                 symbol: "doc.on.doc"
                 symbolSize: 13
@@ -114,15 +159,30 @@ Item {
             height: 22
         }
 
+        // A reply, as Markdown.
+        Loader {
+            active: !block.isUser
+            visible: active && (block.hasText || !Store.generating)
+            width: column.width
+            // The component reads ids of this file, as it may; Qt 6.4 lints cannot tell.
+            // qmllint disable unqualified
+            sourceComponent: ReplyView {
+                row: block.index
+                hasReasoning: block.hasReasoning
+                reasoningOpen: block.reasoningOpen
+                reasoningShown: block.reasoningShown
+                thinkingSeconds: block.thinkingSeconds
+                streaming: Store.generating && block.index === Store.messageList.count - 1
+                buttonsOnTab: block.buttonsOnTab
+            }
+            // qmllint enable unqualified
+        }
+
+        // The user's words, as typed.
         TextEdit {
             id: body
-            objectName: "messageText"
-            // Tab reaches each message; a screen reader says who wrote it, then the text.
-            activeFocusOnTab: true
-            Accessible.name: block.isUser ? "You" : "Vorn"
-            Accessible.role: Accessible.EditableText
-            Accessible.readOnly: true
-            visible: block.hasText || !Store.generating
+            objectName: block.isUser ? "messageText" : ""
+            visible: block.isUser && (block.hasText || !Store.generating)
             width: column.width
             textFormat: TextEdit.PlainText
             readOnly: true
@@ -137,7 +197,7 @@ Item {
             // Filled from the model without script; a growing reply is appended per frame.
             StreamedText {
                 document: body.textDocument
-                model: Store.messageList
+                model: block.isUser ? Store.messageList : null
                 row: block.index
             }
 

@@ -1,9 +1,10 @@
 #pragma once
 
+#include "RowTextFeed.h"
+
 #include <QObject>
 #include <QPointer>
 #include <QQuickTextDocument>
-#include <QTimer>
 #include <QtQml/qqmlregistration.h>
 
 class QAbstractItemModel;
@@ -26,15 +27,15 @@ public:
     explicit StreamedText(QObject *parent = nullptr);
 
     // How long appended text may wait: one frame of a 60 Hz display.
-    static constexpr int appendInterval = 16;
+    static constexpr int appendInterval = RowTextFeed::growInterval;
 
     QQuickTextDocument *document() const { return m_document; }
     void setDocument(QQuickTextDocument *document);
-    QAbstractItemModel *model() const { return m_model; }
+    QAbstractItemModel *model() const { return m_feed.model(); }
     void setModel(QAbstractItemModel *model);
-    int row() const { return m_row; }
+    int row() const { return m_feed.row(); }
     void setRow(int row);
-    QByteArray role() const { return m_role; }
+    QByteArray role() const { return m_feed.role(); }
     void setRole(const QByteArray &role);
 
 signals:
@@ -44,21 +45,12 @@ signals:
     void roleChanged();
 
 private:
-    void modelDataChanged(const QModelIndex &topLeft, const QModelIndex &bottomRight, const QList<int> &roles);
     // Takes the model's text now: appends what is new or replaces what differs.
     void show();
-    // Appending waits for the next frame; anything else is shown at once.
-    void textChanged();
-    QString modelText() const;
-    void findRoleNumber();
 
     QPointer<QQuickTextDocument> m_document;
     QPointer<QTextDocument> m_textDocument;
-    QPointer<QAbstractItemModel> m_model;
-    int m_row = -1;
-    QByteArray m_role = "text";
-    int m_roleNumber = -1;
+    RowTextFeed m_feed;
     // What the document holds, as taken from the model.
     QString m_shown;
-    QTimer m_append;
 };

@@ -203,6 +203,62 @@ private slots:
         QVERIFY(!store().error());
     }
 
+    void reasoningStreamedApartBecomesTheLeadingSection()
+    {
+        engine().route("POST", "/v1/chat/completions",
+                       FakeResponse::stream({roleOnly(), FakeResponse::reasoningDelta("Let me"),
+                                             FakeResponse::reasoningDelta(" think."), delta(""), delta("The answer"),
+                                             delta(" is 4."), "data: [DONE]\n\n"}));
+        store().setPrompt(QStringLiteral("2+2?"));
+        store().send();
+        QVERIFY(setup().waitUntilIdle());
+        QCOMPARE(lastText(), QStringLiteral("<think>\nLet me think.\n</think>\n\nThe answer is 4."));
+        QVERIFY(store().messages().last().thinkingSeconds.has_value());
+        QVERIFY(*store().messages().last().thinkingSeconds >= 0);
+        // Kept in the history with its message.
+        const auto saved = HistoryFile::load(home().historyFile());
+        QVERIFY(saved);
+        QCOMPARE(saved->first().messages.last().text, lastText());
+        QCOMPARE(saved->first().messages.last().thinkingSeconds, store().messages().last().thinkingSeconds);
+    }
+
+    void reasoningWrittenInlineIsTimedFromItsTags()
+    {
+        engine().route("POST", "/v1/chat/completions",
+                       FakeResponse::stream({delta("\n<thi"), delta("nk>plan"), delta(" more</th"), delta("ink>\n"),
+                                             delta("Done."), "data: [DONE]\n\n"}));
+        store().setPrompt(QStringLiteral("Go"));
+        store().send();
+        QVERIFY(setup().waitUntilIdle());
+        QCOMPARE(lastText(), QStringLiteral("\n<think>plan more</think>\nDone."));
+        QVERIFY(store().messages().last().thinkingSeconds.has_value());
+    }
+
+    void aReplyWithoutReasoningHasNoThinkingTime()
+    {
+        engine().route("POST", "/v1/chat/completions",
+                       FakeResponse::stream({delta("Plain <think> in the middle"), "data: [DONE]\n\n"}));
+        store().setPrompt(QStringLiteral("Go"));
+        store().send();
+        QVERIFY(setup().waitUntilIdle());
+        QCOMPARE(lastText(), QStringLiteral("Plain <think> in the middle"));
+        QVERIFY(!store().messages().last().thinkingSeconds.has_value());
+        QFile raw(home().historyFile());
+        QVERIFY(raw.open(QIODevice::ReadOnly));
+        QVERIFY(!raw.readAll().contains("thinkingSeconds"));
+    }
+
+    void aReplyThatEndsWhileReasoningKeepsItsReasoning()
+    {
+        engine().route("POST", "/v1/chat/completions",
+                       FakeResponse::stream({FakeResponse::reasoningDelta("Hmm"), "data: [DONE]\n\n"}));
+        store().setPrompt(QStringLiteral("Go"));
+        store().send();
+        QVERIFY(setup().waitUntilIdle());
+        QCOMPARE(lastText(), QStringLiteral("<think>\nHmm"));
+        QVERIFY(store().messages().last().thinkingSeconds.has_value());
+    }
+
     void malformedEventEndsTheExchange()
     {
         engine().route("POST", "/v1/chat/completions", FakeResponse::stream({"data: {not json\n", delta("never")}));

@@ -51,6 +51,13 @@ QByteArray FakeResponse::delta(const QString &content)
     return "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
 }
 
+QByteArray FakeResponse::reasoningDelta(const QString &reasoning)
+{
+    const QJsonObject event{
+        {"choices", QJsonArray{QJsonObject{{"delta", QJsonObject{{"reasoning_content", reasoning}}}}}}};
+    return "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
+}
+
 QByteArray FakeResponse::lastChunk(qint64 promptTokens, qint64 completionTokens, qint64 contextSize,
                                    qint64 droppedMessages)
 {

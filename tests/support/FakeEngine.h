@@ -44,6 +44,8 @@ struct FakeResponse {
     static FakeResponse silent();
     // One streamed chat event whose delta carries this content.
     static QByteArray delta(const QString &content);
+    // A piece of reasoning, as an engine streams it apart from the answer.
+    static QByteArray reasoningDelta(const QString &reasoning);
     // The last streamed chat event: the finish reason, the usage and the context.
     static QByteArray lastChunk(qint64 promptTokens, qint64 completionTokens, qint64 contextSize,
                                 qint64 droppedMessages);

@@ -5,6 +5,7 @@
 
 #include <QAccessible>
 #include <QApplication>
+#include <QClipboard>
 #include <QtTest>
 
 namespace {
@@ -132,19 +133,36 @@ private slots:
     void messagesSayWhoIsSpeakingAndWhat()
     {
         ViewHarness view(FakeEngine::stateJson(),
-                         {ViewHarness::conversation("Greeting", {"Hello there", "Hi, how can I help?"})});
+                         {ViewHarness::conversation("Greeting", {"Hello there", "Hi, **how** can I help?"})});
         QVERIFY(view.refresh());
         screenReaderReads(view);
-        const QList<QQuickItem *> texts = view.visibleItems("messageText");
-        QCOMPARE(texts.size(), 2);
-        QCOMPARE(accessibleName(texts.at(0)), QStringLiteral("You"));
-        QCOMPARE(accessibleName(texts.at(1)), QStringLiteral("Vorn"));
+
+        // The transcript is a list, and each message one of its items.
+        QQuickItem *list = view.item("messageView");
+        QVERIFY(list);
+        QCOMPARE(accessible(list)->role(), QAccessible::List);
+        QCOMPARE(accessibleName(list), QStringLiteral("Messages"));
+
+        const QList<QQuickItem *> blocks = view.visibleItems("messageBlock");
+        QCOMPARE(blocks.size(), 2);
+        const QStringList speakers{"You", "Vorn"};
+        // A reply is read as written, Markdown included.
+        const QStringList words{"Hello there", "Hi, **how** can I help?"};
         for (int index = 0; index < 2; ++index) {
-            QAccessibleTextInterface *text = accessible(texts.at(index))->textInterface();
-            QVERIFY(text);
-            QCOMPARE(text->text(0, text->characterCount()),
-                     index == 0 ? QStringLiteral("Hello there") : QStringLiteral("Hi, how can I help?"));
-            QVERIFY(accessible(texts.at(index))->state().readOnly);
+            QAccessibleInterface *block = accessible(blocks.at(index));
+            QVERIFY(block);
+            QCOMPARE(block->role(), QAccessible::ListItem);
+            QCOMPARE(block->text(QAccessible::Name), speakers.at(index));
+            QCOMPARE(block->text(QAccessible::Description), words.at(index));
+            QVERIFY(block->state().focusable);
+        }
+        // The items belong to the list, for a screen reader walking it.
+        for (QQuickItem *block : blocks) {
+            bool found = false;
+            for (QAccessibleInterface *parent = accessible(block)->parent(); parent && !found;
+                 parent = parent->parent())
+                found = parent->object() == list;
+            QVERIFY(found);
         }
     }
 
@@ -190,17 +208,30 @@ private slots:
                                   "Dark",
                                   // header
                                   "System prompt", "Export conversation", "Models and generation settings",
-                                  // transcript: each message's buttons, then its text
-                                  "Edit", "You", "Regenerate", "Copy response", "Vorn",
+                                  // transcript: one stop at its newest message, then that
+                                  // message's own buttons
+                                  "Vorn", "Regenerate", "Copy response",
                                   // composer (Send is skipped while there is nothing to send)
                                   "Attach an image", "Ask Vorn"};
-        QCOMPARE(tabStops(view), forward);
+        const QStringList forwardStops = tabStops(view);
+        QVERIFY2(forwardStops == forward, qPrintable(forwardStops.join(", ")));
 
-        // Shift+Tab walks the same stops the other way.
-        QStringList backward = reversed(forward);
-        backward.removeFirst();
-        backward.append(QStringLiteral("Ask Vorn"));
-        QCOMPARE(tabStops(view, true), backward);
+        // Shift+Tab comes into the transcript at the same message; the buttons of a
+        // message follow it, so going backwards they are not on the way.
+        const QStringList backward{"Attach an image",
+                                   "Vorn",
+                                   "Models and generation settings",
+                                   "Export conversation",
+                                   "System prompt",
+                                   "Dark",
+                                   "Light",
+                                   "Model library",
+                                   "Greeting",
+                                   "Search conversations",
+                                   "New conversation",
+                                   "Ask Vorn"};
+        const QStringList backwardStops = tabStops(view, true);
+        QVERIFY2(backwardStops == backward, qPrintable(backwardStops.join(", ")));
 
         // The controls show where the keyboard is.
         view.item("exportButton")->forceActiveFocus(Qt::TabFocusReason);
@@ -225,41 +256,151 @@ private slots:
         QVERIFY(view.waitFor([&] { return !view.store().generating(); }));
     }
 
-    void aMessageReachedByTabScrollsIntoView()
+    void arrowsMoveMessageByMessageAndScrollIntoView()
     {
         QStringList texts;
-        for (int index = 0; index < 24; ++index)
+        for (int index = 0; index < 40; ++index)
             texts.append(QStringLiteral("Message %1\nwith a second line\nand a third").arg(index));
         ViewHarness view(FakeEngine::stateJson(), {ViewHarness::conversation("Long", texts)});
         QVERIFY(view.refresh());
-        auto *messages = qobject_cast<QQuickItem *>(view.object("messageView"));
+        screenReaderReads(view);
+        auto *messages = view.item("messageView");
         QVERIFY(messages);
-        const auto showsAny = [&](QQuickItem *item) {
-            const QRectF area = item->mapRectToItem(messages, QRectF(0, 0, item->width(), item->height()));
-            return area.bottom() > 0 && area.top() < messages->height();
-        };
-        const QList<QQuickItem *> bodies = view.items("messageText");
-        QCOMPARE(bodies.size(), 24);
+        // Only the blocks near the view are made.
+        QVERIFY(view.items("messageBlock").size() < 40);
 
-        // Shift+Tab from the prompt reaches the last message, wherever the view stood.
-        messages->setProperty("contentY", 0);
+        const auto current = [&] { return messages->property("currentIndex").toInt(); };
+        const auto focusedBlock = [&]() -> QQuickItem * {
+            QQuickItem *item = view.window()->activeFocusItem();
+            return item && item->objectName() == QStringLiteral("messageBlock") ? item : nullptr;
+        };
+        // The message that has the keyboard shows whole (or fills the view) with its ring.
+        const auto showsFocused = [&] {
+            QQuickItem *block = focusedBlock();
+            if (!block)
+                return false;
+            const QRectF area = block->mapRectToItem(messages, QRectF(0, 0, block->width(), block->height()));
+            const bool inView = area.height() > messages->height()
+                ? area.top() <= 1 && area.bottom() >= messages->height() - 1
+                : area.top() >= -1 && area.bottom() <= messages->height() + 1;
+            QQuickItem *ring = nullptr;
+            for (QQuickItem *child : block->childItems()) {
+                if (child->objectName() == QStringLiteral("messageFocusRing"))
+                    ring = child;
+            }
+            return inView && ring && ring->isVisible();
+        };
+        // What a screen reader hears for the focused message.
+        const auto heard = [&] {
+            QAccessibleInterface *focused = accessible(view.window())->focusChild();
+            return focused ? focused->text(QAccessible::Name) + QLatin1Char(' ')
+                    + focused->text(QAccessible::Description).section(QLatin1Char('\n'), 0, 0)
+                           : QStringLiteral("<nothing focused>");
+        };
+
+        // Shift+Tab from the prompt reaches the newest message, wherever the view stood.
+        messages->setProperty("contentY", messages->property("originY"));
         view.settle();
-        QVERIFY(!showsAny(bodies.last()));
         view.item("promptField")->forceActiveFocus();
         view.key(Qt::Key_Backtab, Qt::ShiftModifier);
         view.key(Qt::Key_Backtab, Qt::ShiftModifier);
-        QCOMPARE(view.window()->activeFocusItem(), bodies.last());
-        QVERIFY(showsAny(bodies.last()));
+        QCOMPARE(current(), 39);
+        QVERIFY(showsFocused());
+        QCOMPARE(heard(), QStringLiteral("Vorn Message 39"));
+        QVERIFY(accessible(view.window())->focusChild()->state().focused);
 
-        // Tab on from the sidebar's last control reaches the first one.
-        view.item("appearanceDark")->forceActiveFocus(Qt::TabFocusReason);
-        view.key(Qt::Key_Tab); // system prompt
-        view.key(Qt::Key_Tab); // export
-        view.key(Qt::Key_Tab); // library
-        view.key(Qt::Key_Tab); // the first question's Edit
+        // Up and Down go message by message.
+        view.key(Qt::Key_Up);
+        QCOMPARE(current(), 38);
+        QVERIFY(showsFocused());
+        QCOMPARE(heard(), QStringLiteral("You Message 38"));
+        view.key(Qt::Key_Down);
+        view.key(Qt::Key_Down);
+        QCOMPARE(current(), 39);
+
+        // Home goes to the first message, far out of view and not made until then.
+        view.key(Qt::Key_Home);
+        QCOMPARE(current(), 0);
+        QVERIFY(showsFocused());
+        QCOMPARE(heard(), QStringLiteral("You Message 0"));
+        view.key(Qt::Key_Up);
+        QCOMPARE(current(), 0);
+
+        // Page Down passes what shows; Page Up comes back.
+        view.key(Qt::Key_PageDown);
+        const int paged = current();
+        QVERIFY2(paged > 1 && paged < 39, qPrintable(QString::number(paged)));
+        QVERIFY(showsFocused());
+        view.key(Qt::Key_PageUp);
+        QVERIFY(current() < paged);
+        QVERIFY(showsFocused());
+
+        view.key(Qt::Key_End);
+        QCOMPARE(current(), 39);
+        QVERIFY(showsFocused());
+        QCOMPARE(heard(), QStringLiteral("Vorn Message 39"));
+
+        // Tab on from the header comes in at the newest message again, one stop.
+        view.key(Qt::Key_Home);
+        view.item("headerLibraryButton")->forceActiveFocus(Qt::TabFocusReason);
         view.key(Qt::Key_Tab);
-        QCOMPARE(view.window()->activeFocusItem(), bodies.first());
-        QVERIFY(showsAny(bodies.first()));
+        QCOMPARE(current(), 39);
+        QVERIFY(showsFocused());
+        view.saveScreenshot(QStringLiteral("transcript-keyboard-light"));
+        view.click(view.item("appearanceDark"));
+        view.item("headerLibraryButton")->forceActiveFocus(Qt::TabFocusReason);
+        view.key(Qt::Key_Tab);
+        QVERIFY(showsFocused());
+        view.saveScreenshot(QStringLiteral("transcript-keyboard-dark"));
+        view.click(view.item("appearanceLight"));
+    }
+
+    void buttonsInAMessageAreUsedByKeyboard()
+    {
+        const QString reply = QStringLiteral("Like this:\n\n```sh\nls -l\n```\n");
+        ViewHarness view(FakeEngine::stateJson("m.gguf"),
+                         {ViewHarness::conversation("Files", {"How do I list files?", reply})});
+        QVERIFY(view.refresh());
+        screenReaderReads(view);
+        view.item("promptField")->forceActiveFocus();
+        view.key(Qt::Key_Backtab, Qt::ShiftModifier);
+        view.key(Qt::Key_Backtab, Qt::ShiftModifier);
+        QCOMPARE(focusedName(view.window()), QStringLiteral("Vorn"));
+
+        // Tab goes into the reply's buttons, code last, then on to the composer.
+        const QStringList inside{"Regenerate", "Copy response", "Copy code", "Attach an image"};
+        QStringList stops;
+        for (int step = 0; step < inside.size(); ++step) {
+            view.key(Qt::Key_Tab);
+            stops.append(focusedName(view.window()));
+        }
+        QCOMPARE(stops, inside);
+
+        // Coming back from the composer, the list is one stop again, then its buttons
+        // follow it; Space presses the one that has the keyboard.
+        view.key(Qt::Key_Backtab, Qt::ShiftModifier);
+        QCOMPARE(focusedName(view.window()), QStringLiteral("Vorn"));
+        view.key(Qt::Key_Tab);
+        view.key(Qt::Key_Tab);
+        view.key(Qt::Key_Tab);
+        QGuiApplication::clipboard()->setText(QStringLiteral("old"));
+        QCOMPARE(focusedName(view.window()), QStringLiteral("Copy code"));
+        QVERIFY(view.item("copyCodeButton")->property("visualFocus").toBool());
+        view.key(Qt::Key_Space);
+        QVERIFY(view.waitFor([] { return QGuiApplication::clipboard()->text() == QStringLiteral("ls -l"); }));
+        view.key(Qt::Key_Backtab, Qt::ShiftModifier);
+        QCOMPARE(focusedName(view.window()), QStringLiteral("Copy response"));
+        view.key(Qt::Key_Space);
+        QVERIFY(view.waitFor([&] { return QGuiApplication::clipboard()->text() == reply; }));
+
+        // Up from a button moves to the question; its Edit button is then the one Tab
+        // reaches, and Space puts the question back into the composer.
+        view.key(Qt::Key_Up);
+        QCOMPARE(focusedName(view.window()), QStringLiteral("You"));
+        view.key(Qt::Key_Tab);
+        QCOMPARE(focusedName(view.window()), QStringLiteral("Edit"));
+        view.key(Qt::Key_Space);
+        QVERIFY(view.waitFor([&] { return view.store().editing(); }));
     }
 
     void theLibrarySheetIsWorkedByKeys()

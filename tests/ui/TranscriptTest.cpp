@@ -310,8 +310,9 @@ private slots:
         conversation.messages[2].image = QStringLiteral("data:image/png;base64,@@not base64@@");
         conversation.messages[4].image = QStringLiteral("just some text");
         ViewHarness view(FakeEngine::stateJson(), {conversation});
+        // Blocks just below the view are made in the background.
+        QVERIFY(view.waitFor([&] { return view.items("messageImage").size() == 6; }));
         const QList<QQuickItem *> images = view.items("messageImage");
-        QCOMPARE(images.size(), 6);
         QVERIFY(ViewHarness::shown(images.at(0)));
         QCOMPARE(images.at(0)->width(), 260.0);
         QCOMPARE(images.at(0)->height(), 130.0);

@@ -1,0 +1,261 @@
+// Replies in the transcript: Markdown, code blocks, links, reasoning, and a long
+// conversation that makes only the blocks in view.
+#include "ViewHarness.h"
+
+#include <QApplication>
+#include <QClipboard>
+#include <QDesktopServices>
+#include <QQuickTextDocument>
+#include <QTextDocument>
+#include <QtTest>
+
+namespace {
+
+const QString markdownReply = QStringLiteral("## Bread in three steps\n\n"
+                                             "You need **flour**, *water* and `salt`.\n\n"
+                                             "1. Mix everything.\n"
+                                             "2. Let it rise overnight.\n"
+                                             "3. Bake at 230 \u00b0C.\n\n"
+                                             "| Flour | Water | Salt |\n"
+                                             "|-------|------:|-----:|\n"
+                                             "| 500 g | 350 g | 10 g |\n\n"
+                                             "```python\n"
+                                             "def hydration(flour, water):\n"
+                                             "    return water / flour * 100\n"
+                                             "```\n\n"
+                                             "> A wetter dough gives a more open crumb.");
+
+const QString reasonedReply = QStringLiteral(
+    "<think>\nThe user asks about hydration. 350 g of water on 500 g of flour is 70 %.\n</think>\n\n"
+    "The dough is **70 %** hydration.");
+
+// Receives the addresses the app hands to the system's browser.
+class LinkCatcher : public QObject {
+    Q_OBJECT
+public:
+    QList<QUrl> opened;
+public slots:
+    void open(const QUrl &url) { opened.append(url); }
+};
+
+} // namespace
+
+class ReplyViewTest : public QObject {
+    Q_OBJECT
+
+private:
+    static QString documentText(QQuickItem *edit)
+    {
+        auto *document = edit->property("textDocument").value<QQuickTextDocument *>();
+        return document ? document->textDocument()->toPlainText() : QString();
+    }
+
+    static QList<QByteArray> reply(const QList<QByteArray> &events)
+    {
+        QList<QByteArray> lines = events;
+        lines.append("data: [DONE]\n\n");
+        return lines;
+    }
+
+    // Clicks a text item at the character at position.
+    static void clickCharacter(ViewHarness &view, QQuickItem *edit, int position)
+    {
+        QRectF rectangle;
+        QMetaObject::invokeMethod(edit, "positionToRectangle", Q_RETURN_ARG(QRectF, rectangle), Q_ARG(int, position));
+        const QPointF point = edit->mapToScene(rectangle.center() + QPointF(2, 0));
+        QTest::mouseClick(view.window(), Qt::LeftButton, Qt::NoModifier, point.toPoint());
+        view.settle();
+    }
+
+private slots:
+    void init() { ViewHarness::resetSettings(); }
+
+    void aReplyShowsItsMarkdownAndTheUsersTextStaysAsTyped()
+    {
+        ViewHarness view(FakeEngine::stateJson(),
+                         {ViewHarness::conversation("Bread", {"**how** to bake?", markdownReply})});
+        const QList<QQuickItem *> prose = view.visibleItems("replyProse");
+        QCOMPARE(prose.size(), 2);
+        QCOMPARE(documentText(prose.at(0)),
+                 QStringLiteral("Bread in three steps\nYou need flour, water and salt.\n1. Mix everything.\n"
+                                "2. Let it rise overnight.\n3. Bake at 230 \u00b0C.\nFlour\nWater\nSalt\n500 g\n350 g\n"
+                                "10 g\n"));
+        QCOMPARE(documentText(prose.at(1)), QStringLiteral("A wetter dough gives a more open crumb."));
+        const QList<QQuickItem *> texts = view.visibleItems("messageText");
+        QCOMPARE(texts.size(), 2);
+        QCOMPARE(ViewHarness::text(texts.at(0)), QStringLiteral("**how** to bake?"));
+        QCOMPARE(ViewHarness::text(texts.at(1)), markdownReply);
+
+        QCOMPARE(view.visibleItems("codeBlock").size(), 1);
+        QCOMPARE(ViewHarness::text(view.item("codeLanguage")), QStringLiteral("python"));
+        QCOMPARE(ViewHarness::text(view.item("codeText")),
+                 QStringLiteral("def hydration(flour, water):\n    return water / flour * 100"));
+    }
+
+    void copyCodeCopiesTheBlockAndCopyResponseTheRawText()
+    {
+        ViewHarness view(FakeEngine::stateJson(), {ViewHarness::conversation("Bread", {"how?", markdownReply})});
+        QCOMPARE(view.item("copyCodeButton")->property("help").toString(), QStringLiteral("Copy code"));
+        QGuiApplication::clipboard()->setText(QStringLiteral("old"));
+        view.click(view.item("copyCodeButton"));
+        QCOMPARE(QGuiApplication::clipboard()->text(),
+                 QStringLiteral("def hydration(flour, water):\n    return water / flour * 100"));
+        view.click(view.visibleItems("copyButton").first());
+        QCOMPARE(QGuiApplication::clipboard()->text(), markdownReply);
+    }
+
+    void longCodeLinesScrollSideways()
+    {
+        const QString longLine = QStringLiteral("x = [") + QStringLiteral("1234567890, ").repeated(60)
+            + QStringLiteral("]");
+        ViewHarness view(FakeEngine::stateJson(),
+                         {ViewHarness::conversation("Wide", {"code?", "```\n" + longLine + "\nshort\n```"})});
+        QQuickItem *scroll = view.item("codeScroll");
+        QQuickItem *code = view.item("codeText");
+        QVERIFY(scroll->property("contentWidth").toDouble() > scroll->width() * 2);
+        // Two lines, unwrapped.
+        QCOMPARE(code->property("lineCount").toInt(), 2);
+        QVERIFY(view.item("codeBlock")->width() <= view.item("messageView")->width());
+    }
+
+    void linksOpenOnlyWhenClickedAndOnlyForTheWeb()
+    {
+        LinkCatcher catcher;
+        QDesktopServices::setUrlHandler(QStringLiteral("https"), &catcher, "open");
+        QDesktopServices::setUrlHandler(QStringLiteral("javascript"), &catcher, "open");
+        ViewHarness view(
+            FakeEngine::stateJson(),
+            {ViewHarness::conversation(
+                "Links", {"links?", "Read [the guide](https://example.com/guide) or [this](javascript:alert(1))."})});
+        QQuickItem *prose = view.visibleItems("replyProse").first();
+        QCOMPARE(documentText(prose), QStringLiteral("Read the guide or this."));
+        QVERIFY(catcher.opened.isEmpty());
+        clickCharacter(view, prose, 7);
+        QCOMPARE(catcher.opened, (QList<QUrl>{QUrl(QStringLiteral("https://example.com/guide"))}));
+        clickCharacter(view, prose, 19);
+        QCOMPARE(catcher.opened.size(), 1);
+        QDesktopServices::unsetUrlHandler(QStringLiteral("https"));
+        QDesktopServices::unsetUrlHandler(QStringLiteral("javascript"));
+    }
+
+    void reasoningIsFoldedAboveTheAnswer()
+    {
+        ViewHarness view(FakeEngine::stateJson(), {ViewHarness::conversation("Dough", {"hydration?", reasonedReply})});
+        QVERIFY(ViewHarness::shown(view.item("reasoningBlock")));
+        QCOMPARE(ViewHarness::text(view.item("reasoningLabel")), QStringLiteral("Thought"));
+        QVERIFY(!ViewHarness::shown(view.item("reasoningText")));
+        QCOMPARE(documentText(view.visibleItems("replyProse").first()), QStringLiteral("The dough is 70 % hydration."));
+        view.click(view.item("reasoningToggle"));
+        QVERIFY(ViewHarness::shown(view.item("reasoningText")));
+        QCOMPARE(ViewHarness::text(view.item("reasoningText")),
+                 QStringLiteral("The user asks about hydration. 350 g of water on 500 g of flour is 70 %."));
+        // Copying the response copies the reply as stored.
+        view.click(view.visibleItems("copyButton").first());
+        QCOMPARE(QGuiApplication::clipboard()->text(), reasonedReply);
+        view.click(view.item("reasoningToggle"));
+        QVERIFY(!ViewHarness::shown(view.item("reasoningText")));
+    }
+
+    void streamedReasoningSaysItIsThinkingThenHowLong()
+    {
+        ViewHarness view(FakeEngine::stateJson("m.gguf"), {ViewHarness::conversation("Think", {})});
+        view.fake().route("POST", "/v1/chat/completions",
+                          FakeResponse::stream(reply({FakeResponse::reasoningDelta("Weighing"),
+                                                      FakeResponse::reasoningDelta(" options."),
+                                                      FakeResponse::delta("Pick "), FakeResponse::delta("the first.")}),
+                                               700));
+        QVERIFY(view.refresh());
+        view.store().setPrompt(QStringLiteral("Which?"));
+        view.store().send();
+        QVERIFY(view.waitFor([&] { return ViewHarness::shown(view.item("reasoningBlock")); }, 5000));
+        QCOMPARE(ViewHarness::text(view.item("reasoningLabel")), QStringLiteral("Thinking\u2026"));
+        QVERIFY(view.store().generating());
+        QVERIFY(view.waitFor([&] { return !view.store().generating(); }, 10000));
+        QVERIFY(view.waitFor(
+            [&] { return ViewHarness::text(view.item("reasoningLabel")).startsWith(QStringLiteral("Thought for ")); }));
+        QCOMPARE(ViewHarness::text(view.visibleItems("messageText").last()), QStringLiteral("Pick the first."));
+        view.click(view.item("reasoningToggle"));
+        QCOMPARE(ViewHarness::text(view.item("reasoningText")), QStringLiteral("Weighing options."));
+    }
+
+    void anUnclosedFenceGrowsAsCodeWhileStreaming()
+    {
+        ViewHarness view(FakeEngine::stateJson("m.gguf"), {ViewHarness::conversation("Code", {})});
+        view.fake().route(
+            "POST", "/v1/chat/completions",
+            FakeResponse::stream(reply({FakeResponse::delta("Here:\n`"), FakeResponse::delta("``"),
+                                        FakeResponse::delta("sh\nls -l"), FakeResponse::delta("\necho hi")}),
+                                 400));
+        QVERIFY(view.refresh());
+        view.store().setPrompt(QStringLiteral("List"));
+        view.store().send();
+        QStringList seenProse;
+        QStringList seenCode;
+        QVERIFY(view.waitFor(
+            [&] {
+                for (QQuickItem *prose : view.visibleItems("replyProse"))
+                    seenProse.append(documentText(prose));
+                for (QQuickItem *code : view.visibleItems("codeText"))
+                    seenCode.append(ViewHarness::text(code));
+                return !view.store().generating();
+            },
+            10000));
+        view.settle();
+        for (const QString &prose : seenProse)
+            QVERIFY2(!prose.contains(QLatin1Char('`')), qPrintable(prose));
+        QVERIFY(seenCode.contains(QStringLiteral("ls -l")));
+        QCOMPARE(ViewHarness::text(view.visibleItems("codeText").last()), QStringLiteral("ls -l\necho hi"));
+    }
+
+    void aLongConversationMakesOnlyTheBlocksInView()
+    {
+        QStringList texts;
+        for (int index = 0; index < 400; ++index)
+            texts.append(index % 2 == 0 ? QStringLiteral("Question %1").arg(index) : markdownReply);
+        ViewHarness view(FakeEngine::stateJson(), {ViewHarness::conversation("Long", texts)});
+        const int made = static_cast<int>(view.items("messageBlock").size());
+        QVERIFY2(made > 0 && made < 40, qPrintable(QString::number(made)));
+        QQuickItem *list = view.item("messageView");
+        QCOMPARE(list->property("contentY").toDouble(), list->property("originY").toDouble());
+        // Scrolled to the end, the last blocks are made and the first ones are gone.
+        // Blocks made on the way have their real heights, so it may take more than one go.
+        QVERIFY(view.waitFor([&] {
+            QMetaObject::invokeMethod(list, "positionViewAtEnd");
+            view.settle();
+            return list->property("atYEnd").toBool();
+        }));
+        QVERIFY(view.items("messageBlock").size() < 40);
+        QCOMPARE(ViewHarness::text(view.visibleItems("messageText").last()), markdownReply);
+    }
+
+    void screenshots()
+    {
+        const QString shortReply = reasonedReply
+            + QStringLiteral("\n\n### In three steps\n\n"
+                             "1. Mix `500 g` of flour with `350 g` of water.\n"
+                             "2. Rest for an hour, then add the salt.\n\n"
+                             "| Flour | Water | Salt |\n|-------|------:|-----:|\n"
+                             "| 500 g | 350 g | 10 g |\n\n"
+                             "```python\nhydration = water / flour * 100  # percent\n```");
+        ViewHarness view(FakeEngine::stateJson("qwen3-4b-q4_k_m.gguf", false, "[]", "[]", 38.4, 312, "cpu"),
+                         {ViewHarness::conversation("Bread", {"How wet should bread dough be?", shortReply})});
+        QVERIFY(view.refresh());
+        view.saveScreenshot(QStringLiteral("markdown-reply-light"));
+        view.click(view.item("appearanceDark"));
+        view.saveScreenshot(QStringLiteral("markdown-reply-dark"));
+        view.click(view.item("reasoningToggle"));
+        view.saveScreenshot(QStringLiteral("markdown-thinking-dark"));
+        view.click(view.item("appearanceLight"));
+        view.saveScreenshot(QStringLiteral("markdown-thinking-light"));
+    }
+};
+
+int main(int argc, char *argv[])
+{
+    ViewHarness::prepareProcess();
+    QApplication application(argc, argv);
+    ReplyViewTest test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "ReplyViewTest.moc"
