@@ -31,7 +31,7 @@ private slots:
     {
         QVERIFY(TestModels::linkInto(home().modelsFolder(), QStringLiteral("stories260K.gguf")));
         store().start();
-        QTRY_VERIFY_WITH_TIMEOUT(store().ready(), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(store().ready(), 60000);
         QVERIFY(!store().error());
         QCOMPARE(store().activity(), PlatformText::readyActivity());
         QCOMPARE(store().state()->models.size(), 1);
@@ -79,7 +79,7 @@ private slots:
     void killedEngineIsReported()
     {
         store().start();
-        QTRY_VERIFY_WITH_TIMEOUT(store().ready(), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(store().ready(), 60000);
         QProcess *process = store().process();
         QVERIFY(process);
         ::kill(static_cast<pid_t>(process->processId()), SIGKILL);
@@ -93,7 +93,7 @@ private slots:
     void engineStopsWhenAskedAtQuit()
     {
         store().start();
-        QTRY_VERIFY_WITH_TIMEOUT(store().ready(), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(store().ready(), 60000);
         QProcess *process = store().process();
         QSignalSpy finished(process, &QProcess::finished);
         store().shutdown();
