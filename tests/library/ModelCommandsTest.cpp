@@ -437,10 +437,8 @@ private slots:
         QVERIFY(setup().roundTrip());
 
         QAbstractItemModel *choices = store().contextChoices();
-        QList<bool> available;
         for (int row = 0; row < choices->rowCount(); ++row)
-            available.append(choices->index(row, 0).data(ContextChoiceListModel::AvailableRole).toBool());
-        QCOMPARE(available, (QList<bool>{true, true, false, false, false, false, false, true}));
+            QCOMPARE(choices->index(row, 0).data(ContextChoiceListModel::AvailableRole).toBool(), row < 2 || row == 7);
         QCOMPARE(store().contextChoice(), 4096);
     }
 
