@@ -2,11 +2,12 @@
 
 #include <QAbstractItemModel>
 
+#include <algorithm>
+
 RowTextFeed::RowTextFeed(QObject *parent) : QObject(parent)
 {
     m_grow.setSingleShot(true);
     m_grow.setTimerType(Qt::PreciseTimer);
-    m_grow.setInterval(growInterval);
     connect(&m_grow, &QTimer::timeout, this, &RowTextFeed::due);
 }
 
@@ -56,6 +57,7 @@ void RowTextFeed::setShown(const QString &text)
 {
     m_grow.stop();
     m_shown = text;
+    m_sinceShown.start();
 }
 
 void RowTextFeed::modelDataChanged(const QModelIndex &topLeft, const QModelIndex &bottomRight, const QList<int> &roles)
@@ -71,8 +73,10 @@ void RowTextFeed::textChanged()
 {
     const QString text = this->text();
     if (!m_shown.isEmpty() && text.size() > m_shown.size() && text.startsWith(m_shown)) {
-        if (!m_grow.isActive())
-            m_grow.start();
+        if (!m_grow.isActive()) {
+            const qint64 since = m_sinceShown.isValid() ? m_sinceShown.elapsed() : growInterval;
+            m_grow.start(static_cast<int>(std::max<qint64>(0, growInterval - since)));
+        }
         return;
     }
     emit due();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QPointer>
 #include <QString>
@@ -9,14 +10,17 @@ class QAbstractItemModel;
 
 // Follows one role of one row of a list model for a view that shows it, so the text
 // goes from the model to the view in C++ only. It says when the view is due to show
-// the text again: at once for any change, but text that only grew waits for the next
-// frame, so a reply that grows per token is shown at most once a frame.
+// the text again: at once for any change, but text that only grew is shown at most
+// once a frame. Growth after a quiet frame goes out with the next turn of the event
+// loop (the rest of a burst of tokens joins it); growth sooner than that waits only
+// for the rest of the frame since the text was last shown, so frames follow the reply
+// at the display's pace and not a frame behind it.
 class RowTextFeed : public QObject {
     Q_OBJECT
 public:
     explicit RowTextFeed(QObject *parent = nullptr);
 
-    // How long grown text may wait: one frame of a 60 Hz display.
+    // The least time between two showings of grown text: one frame of a 60 Hz display.
     static constexpr int growInterval = 16;
 
     QAbstractItemModel *model() const { return m_model; }
@@ -30,6 +34,8 @@ public:
     QString text() const;
     // The view showed text: a change that extends it may wait.
     void setShown(const QString &text);
+    // Milliseconds until grown text is due, or -1 when nothing waits.
+    int growthDueIn() const { return m_grow.isActive() ? m_grow.remainingTime() : -1; }
 
 signals:
     // Time to show text() again.
@@ -45,5 +51,6 @@ private:
     QByteArray m_role;
     int m_roleNumber = -1;
     QString m_shown;
+    QElapsedTimer m_sinceShown;
     QTimer m_grow;
 };

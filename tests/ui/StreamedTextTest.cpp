@@ -92,6 +92,45 @@ private slots:
         QCOMPARE(changes.first().at(1).toInt(), 0);
     }
 
+    void growthRightAfterShowingWaitsForTheRestOfTheFrame()
+    {
+        TextList list({QStringLiteral("Once")});
+        RowTextFeed feed;
+        feed.setModel(&list);
+        feed.setRow(0);
+        feed.setRole("text");
+        QSignalSpy due(&feed, &RowTextFeed::due);
+        feed.setShown(feed.text());
+
+        list.setText(0, QStringLiteral("Once upon"));
+        QCOMPARE(due.size(), 0);
+        QVERIFY(feed.growthDueIn() >= 0);
+        QVERIFY(feed.growthDueIn() <= RowTextFeed::growInterval);
+        // The rest of the burst joins the showing already waiting.
+        list.setText(0, QStringLiteral("Once upon a time"));
+        QTRY_COMPARE(due.size(), 1);
+        QCOMPARE(feed.growthDueIn(), -1);
+    }
+
+    void growthAfterAQuietFrameIsDueWithTheNextTurnOfTheEventLoop()
+    {
+        TextList list({QStringLiteral("Once")});
+        RowTextFeed feed;
+        feed.setModel(&list);
+        feed.setRow(0);
+        feed.setRole("text");
+        QSignalSpy due(&feed, &RowTextFeed::due);
+        feed.setShown(feed.text());
+        QTest::qWait(2 * RowTextFeed::growInterval);
+
+        // Not a whole frame more: the frame since the text was shown has passed.
+        list.setText(0, QStringLiteral("Once upon"));
+        list.setText(0, QStringLiteral("Once upon a time"));
+        QCOMPARE(due.size(), 0);
+        QCOMPARE(feed.growthDueIn(), 0);
+        QTRY_COMPARE(due.size(), 1);
+    }
+
     void otherChangesReplaceTheTextAtOnce()
     {
         Fed fed({QStringLiteral("Hello world"), QStringLiteral("other")}, 0);
