@@ -3,6 +3,7 @@
 // the window keeps answering), and whether any text was lost on the way to the screen.
 // With "markdown" as the fifth argument the reply is Markdown-heavy: headings, lists,
 // tables and code blocks, cut into word-sized tokens.
+#include "EventLoopWait.h"
 #include "ViewHarness.h"
 
 #include <QApplication>
@@ -65,10 +66,10 @@ int main(int argc, char *argv[])
     const bool hidden = argc > 2 && QByteArray(argv[2]) == "hidden";
     // Tokens go out in small bursts (one event per token inside a burst) every
     // burstMs. The fake engine paces bursts on the same thread as the window, so a
-    // nominal 10 ms comes out a little later; 14 tokens a burst lands close to 1,000 a
+    // nominal 10 ms comes out a little later; 12 tokens a burst lands close to 1,000 a
     // second. The rate actually reached is printed.
     const int burstMs = argc > 3 ? QByteArray(argv[3]).toInt() : 10;
-    const int tokensPerBurst = argc > 4 ? QByteArray(argv[4]).toInt() : 14;
+    const int tokensPerBurst = argc > 4 ? QByteArray(argv[4]).toInt() : 12;
     const bool markdown = argc > 5 && QByteArray(argv[5]) == "markdown";
     const QStringList markdownText = markdown ? markdownTokens(tokens) : QStringList();
 
@@ -119,7 +120,9 @@ int main(int argc, char *argv[])
     ticker.start();
     view.store().setPrompt(QStringLiteral("Stream, please."));
     view.store().send();
-    const bool finished = view.waitFor([&] { return !view.store().generating(); }, 120000);
+    EventLoopWait replyDone([&] { return !view.store().generating(); });
+    QObject::connect(&view.store(), &EngineStore::generatingChanged, [&] { replyDone.check(); });
+    const bool finished = replyDone.run(120000);
     ticker.stop();
     const double seconds = total.nsecsElapsed() / 1e9;
     view.settle();
