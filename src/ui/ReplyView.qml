@@ -3,7 +3,7 @@ import Vorn
 
 // A reply's text as Markdown: its reasoning folded above, then runs of selectable
 // prose and code blocks. The text reaches the views from the message list in C++.
-Column {
+Item {
     id: reply
 
     property int row: -1
@@ -19,107 +19,133 @@ Column {
     readonly property alias text: segments.shownText
 
     objectName: "messageText"
-    spacing: 10
+    implicitHeight: content.height
 
-    ReasoningBlock {
-        width: reply.width
-        visible: reply.hasReasoning
-        row: reply.row
-        // A section left open by a reply that ended is no longer being thought.
-        open: reply.reasoningOpen && reply.streaming
-        shown: reply.reasoningShown
-        seconds: reply.thinkingSeconds
-        buttonsOnTab: reply.buttonsOnTab
+    ReplySelection {
+        id: selection
+        objectName: "replySelection"
+        container: content
     }
 
-    Repeater {
-        model: MarkdownSegmentList {
-            id: segments
-            model: Store.messageList
+    // Over the text items, watching the mouse beside them: they keep their own
+    // presses and drags, and one drag can still select across them.
+    Item {
+        anchors.fill: parent
+        z: 1
+
+        PointHandler {
+            acceptedButtons: Qt.LeftButton
+            acceptedDevices: PointerDevice.Mouse | PointerDevice.TouchPad
+            onActiveChanged: if (active) selection.press(parent.mapToItem(content, point.pressPosition))
+            onPointChanged: if (active) selection.drag(parent.mapToItem(content, point.position))
+        }
+    }
+
+    Column {
+        id: content
+        width: reply.width
+        spacing: 10
+
+        ReasoningBlock {
+            width: reply.width
+            visible: reply.hasReasoning
             row: reply.row
-            streaming: reply.streaming
+            // A section left open by a reply that ended is no longer being thought.
+            open: reply.reasoningOpen && reply.streaming
+            shown: reply.reasoningShown
+            seconds: reply.thinkingSeconds
+            buttonsOnTab: reply.buttonsOnTab
         }
 
-        // The delegate and its components read ids of this file, as they may; Qt 6.4
-        // lints cannot tell.
-        // qmllint disable unqualified
-        delegate: Item {
-            id: segment
-
-            required property bool isCode
-            required property var units
-            required property string language
-            required property string code
-            required property int indent
-
-            width: reply.width
-            height: loader.implicitHeight
-
-            Loader {
-                id: loader
-                x: segment.isCode ? segment.indent * 22 : 0
-                width: segment.width - x
-                sourceComponent: segment.isCode ? codeComponent : proseComponent
+        Repeater {
+            model: MarkdownSegmentList {
+                id: segments
+                model: Store.messageList
+                row: reply.row
+                streaming: reply.streaming
             }
 
-            Component {
-                id: codeComponent
-                CodeBlock {
-                    language: segment.language
-                    code: segment.code
-                    indent: segment.indent
-                    buttonsOnTab: reply.buttonsOnTab
+            // The delegate and its components read ids of this file, as they may; Qt 6.4
+            // lints cannot tell.
+            // qmllint disable unqualified
+            delegate: Item {
+                id: segment
+
+                required property bool isCode
+                required property var units
+                required property string language
+                required property string code
+                required property int indent
+
+                width: reply.width
+                height: loader.implicitHeight
+
+                Loader {
+                    id: loader
+                    x: segment.isCode ? segment.indent * 22 : 0
+                    width: segment.width - x
+                    sourceComponent: segment.isCode ? codeComponent : proseComponent
                 }
-            }
 
-            Component {
-                id: proseComponent
-                // The wrapper keeps the text's implicit width unread: reading it would
-                // make the text lay its whole document out again, unwrapped, on every
-                // change.
-                Item {
-                    implicitHeight: prose.height
+                Component {
+                    id: codeComponent
+                    CodeBlock {
+                        language: segment.language
+                        code: segment.code
+                        indent: segment.indent
+                        buttonsOnTab: reply.buttonsOnTab
+                    }
+                }
 
-                    TextEdit {
-                        id: prose
-                        objectName: "replyProse"
-                        width: parent.width
-                        textFormat: TextEdit.PlainText
-                        readOnly: true
-                        selectByMouse: true
-                        persistentSelection: false
-                        wrapMode: TextEdit.Wrap
-                        font.pixelSize: 15
-                        color: Theme.primary
-                        selectionColor: Theme.selection
-                        selectedTextColor: Theme.primary
-                        // Only links the prose gave an anchor open, and only when clicked.
-                        onLinkActivated: (link) => writer.openLink(link)
+                Component {
+                    id: proseComponent
+                    // The wrapper keeps the text's implicit width unread: reading it would
+                    // make the text lay its whole document out again, unwrapped, on every
+                    // change.
+                    Item {
+                        implicitHeight: prose.height
 
-                        HoverHandler {
-                            cursorShape: prose.hoveredLink.length > 0 ? Qt.PointingHandCursor : Qt.IBeamCursor
-                        }
+                        TextEdit {
+                            id: prose
+                            objectName: "replyProse"
+                            width: parent.width
+                            textFormat: TextEdit.PlainText
+                            readOnly: true
+                            selectByMouse: true
+                            persistentSelection: false
+                            wrapMode: TextEdit.Wrap
+                            font.pixelSize: 15
+                            color: Theme.primary
+                            selectionColor: Theme.selection
+                            selectedTextColor: Theme.primary
+                            // Only links the prose gave an anchor open, and only when clicked.
+                            onLinkActivated: (link) => writer.openLink(link)
 
-                        MarkdownProse {
-                            id: writer
-                            document: prose.textDocument
-                            units: segment.units
-                            textColor: Theme.primary
-                            secondaryColor: Theme.secondary
-                            linkColor: Theme.dark ? Qt.lighter(Theme.tint, 1.6) : Theme.tint
-                            codeFill: Theme.raisedFill
-                            hairline: Theme.divider
-                            monospaceFamily: Theme.monospaceFamily
-                        }
+                            HoverHandler {
+                                cursorShape: prose.hoveredLink.length > 0 ? Qt.PointingHandCursor : Qt.IBeamCursor
+                            }
 
-                        TextLineSpacing {
-                            document: prose.textDocument
-                            spacing: 6
+                            MarkdownProse {
+                                id: writer
+                                document: prose.textDocument
+                                units: segment.units
+                                textColor: Theme.primary
+                                secondaryColor: Theme.secondary
+                                linkColor: Theme.dark ? Qt.lighter(Theme.tint, 1.6) : Theme.tint
+                                codeFill: Theme.raisedFill
+                                hairline: Theme.divider
+                                monospaceFamily: Theme.monospaceFamily
+                            }
+
+                            TextLineSpacing {
+                                document: prose.textDocument
+                                spacing: 6
+                            }
                         }
                     }
                 }
             }
         }
+        // qmllint enable unqualified
     }
-    // qmllint enable unqualified
 }

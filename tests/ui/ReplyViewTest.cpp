@@ -67,6 +67,32 @@ private:
         view.settle();
     }
 
+    static QPoint characterPoint(QQuickItem *edit, int position)
+    {
+        QRectF rectangle;
+        QMetaObject::invokeMethod(edit, "positionToRectangle", Q_RETURN_ARG(QRectF, rectangle), Q_ARG(int, position));
+        return edit->mapToScene(rectangle.center()).toPoint();
+    }
+
+    // Presses the mouse at one point and drags it, a few steps at a time, to another.
+    static void drag(ViewHarness &view, QPoint from, QPoint to)
+    {
+        QTest::mousePress(view.window(), Qt::LeftButton, Qt::NoModifier, from);
+        for (int step = 1; step <= 6; ++step)
+            QTest::mouseMove(view.window(), from + (to - from) * step / 6);
+        QTest::mouseRelease(view.window(), Qt::LeftButton, Qt::NoModifier, to);
+        view.settle();
+    }
+
+    // Whether the last reply's selection covers more than one of its text items.
+    static bool spansSeveral(ViewHarness &view)
+    {
+        QObject *selection = view.visibleItems("messageText").last()->findChild<QObject *>("replySelection");
+        return selection && selection->property("spansSeveral").toBool();
+    }
+
+    static QString selected(QQuickItem *edit) { return edit->property("selectedText").toString(); }
+
 private slots:
     void init() { ViewHarness::resetSettings(); }
 
@@ -102,6 +128,61 @@ private slots:
                  QStringLiteral("def hydration(flour, water):\n    return water / flour * 100"));
         view.click(view.visibleItems("copyButton").first());
         QCOMPARE(QGuiApplication::clipboard()->text(), markdownReply);
+    }
+
+    void oneDragSelectsAcrossProseAndCodeBlocks()
+    {
+        ViewHarness view(FakeEngine::stateJson(), {ViewHarness::conversation("Bread", {"how?", markdownReply})});
+        const QList<QQuickItem *> prose = view.visibleItems("replyProse");
+        QQuickItem *code = view.item("codeText");
+        QCOMPARE(prose.size(), 2);
+        const QString firstText = documentText(prose.at(0));
+        const int salt = static_cast<int>(firstText.indexOf(QStringLiteral("salt")));
+        const int water = static_cast<int>(
+            QStringLiteral("def hydration(flour, water):").indexOf(QStringLiteral("water")));
+
+        // From "salt" in the first run of prose down into the code block's first line.
+        drag(view, characterPoint(prose.at(0), salt), characterPoint(code, water));
+        QVERIFY(spansSeveral(view));
+        QVERIFY(selected(prose.at(0)).startsWith(QStringLiteral("salt.")));
+        QCOMPARE(prose.at(0)->property("selectionEnd").toInt(), prose.at(0)->property("length").toInt());
+        QCOMPARE(selected(code), QStringLiteral("def hydration(flour, "));
+        QCOMPARE(selected(prose.at(1)), QString());
+
+        // Copy takes the whole span, the table a cell a line as the text item copies it.
+        QGuiApplication::clipboard()->setText(QStringLiteral("old"));
+        QTest::keyClick(view.window(), Qt::Key_C, Qt::ControlModifier);
+        const QString copied = QGuiApplication::clipboard()->text();
+        QCOMPARE(copied,
+                 QStringLiteral("salt.\n1. Mix everything.\n2. Let it rise overnight.\n3. Bake at 230 \u00b0C.\n"
+                                "Flour\nWater\nSalt\n500 g\n350 g\n10 g\ndef hydration(flour, "));
+
+        // Upwards, from the quote to the middle of the code block.
+        const int crumb = static_cast<int>(documentText(prose.at(1)).indexOf(QStringLiteral("crumb")));
+        drag(view, characterPoint(prose.at(1), crumb), characterPoint(code, water));
+        QCOMPARE(selected(prose.at(0)), QString());
+        QCOMPARE(selected(code), QStringLiteral("water):\n    return water / flour * 100"));
+        QCOMPARE(selected(prose.at(1)), QStringLiteral("A wetter dough gives a more open "));
+
+        // A drag that comes back to where it started selects only there.
+        drag(view, characterPoint(prose.at(1), crumb), characterPoint(prose.at(1), crumb + 5));
+        QVERIFY(!spansSeveral(view));
+        QCOMPARE(selected(code), QString());
+        QCOMPARE(selected(prose.at(1)), QStringLiteral("crumb"));
+
+        // Select All takes the whole reply's text.
+        QTest::keyClick(view.window(), Qt::Key_A, Qt::ControlModifier);
+        QCOMPARE(selected(prose.at(0)).size(), prose.at(0)->property("length").toInt());
+        QCOMPARE(selected(code).size(), code->property("length").toInt());
+        QTest::keyClick(view.window(), Qt::Key_C, Qt::ControlModifier);
+        QVERIFY(QGuiApplication::clipboard()->text().startsWith(QStringLiteral("Bread in three steps\n")));
+        QVERIFY(
+            QGuiApplication::clipboard()->text().endsWith(QStringLiteral("A wetter dough gives a more open crumb.")));
+
+        // A click elsewhere in the reply ends the span.
+        clickCharacter(view, prose.at(0), salt);
+        QCOMPARE(selected(code), QString());
+        QCOMPARE(selected(prose.at(1)), QString());
     }
 
     void longCodeLinesScrollSideways()
@@ -247,6 +328,18 @@ private slots:
         view.saveScreenshot(QStringLiteral("markdown-thinking-dark"));
         view.click(view.item("appearanceLight"));
         view.saveScreenshot(QStringLiteral("markdown-thinking-light"));
+
+        // One selection from the list down into the code block; a click on the
+        // appearance switch would end it, so each appearance drags again.
+        for (const QString &appearance : {QStringLiteral("light"), QStringLiteral("dark")}) {
+            if (appearance == QStringLiteral("dark"))
+                view.click(view.item("appearanceDark"));
+            QQuickItem *prose = view.visibleItems("replyProse").last();
+            const int rest = static_cast<int>(documentText(prose).indexOf(QStringLiteral("Rest")));
+            drag(view, characterPoint(prose, rest), characterPoint(view.item("codeText"), 12));
+            QVERIFY(spansSeveral(view));
+            view.saveScreenshot(QStringLiteral("markdown-selection-") + appearance);
+        }
     }
 };
 

@@ -1,0 +1,281 @@
+#include "ReplySelection.h"
+
+#include <QClipboard>
+#include <QGuiApplication>
+#include <QKeyEvent>
+#include <QQuickTextDocument>
+#include <QTextCursor>
+#include <QTextDocument>
+#include <QTextDocumentFragment>
+#include <algorithm>
+
+namespace {
+
+int length(QQuickItem *item)
+{
+    return item->property("length").toInt();
+}
+
+void select(QQuickItem *item, int start, int end)
+{
+    QMetaObject::invokeMethod(item, "select", Q_ARG(int, start), Q_ARG(int, end));
+}
+
+void deselect(QQuickItem *item)
+{
+    if (item->property("selectionStart") != item->property("selectionEnd"))
+        QMetaObject::invokeMethod(item, "deselect");
+}
+
+// An item's selection as the clipboard gets it: paragraph and line separators become
+// line breaks, tables one cell per line, as the text item's own Copy does.
+QString selectionOf(QQuickItem *item)
+{
+    const int start = item->property("selectionStart").toInt();
+    const int end = item->property("selectionEnd").toInt();
+    if (start == end)
+        return {};
+    auto *quickDocument = item->property("textDocument").value<QQuickTextDocument *>();
+    if (!quickDocument || !quickDocument->textDocument())
+        return {};
+    QTextCursor cursor(quickDocument->textDocument());
+    cursor.setPosition(start);
+    cursor.setPosition(end, QTextCursor::KeepAnchor);
+    return QTextDocumentFragment(cursor).toPlainText();
+}
+
+} // namespace
+
+ReplySelection::ReplySelection(QObject *parent) : QObject(parent) {}
+
+void ReplySelection::setContainer(QQuickItem *container)
+{
+    if (m_container == container)
+        return;
+    m_container = container;
+    emit containerChanged();
+}
+
+QList<QQuickItem *> ReplySelection::textItems() const
+{
+    QList<QQuickItem *> found;
+    if (!m_container)
+        return found;
+    QList<QQuickItem *> pending = m_container->childItems();
+    while (!pending.isEmpty()) {
+        QQuickItem *item = pending.takeFirst();
+        if (!item->isVisible())
+            continue;
+        const QString name = item->objectName();
+        if (name == QLatin1String(proseName) || name == QLatin1String(codeName))
+            found.append(item);
+        else
+            pending.append(item->childItems());
+    }
+    QQuickItem *container = m_container;
+    std::stable_sort(found.begin(), found.end(), [container](QQuickItem *left, QQuickItem *right) {
+        return left->mapToItem(container, QPointF()).y() < right->mapToItem(container, QPointF()).y();
+    });
+    return found;
+}
+
+int ReplySelection::itemAt(const QList<QQuickItem *> &items, QQuickItem *container, QPointF point)
+{
+    int index = items.isEmpty() ? -1 : 0;
+    for (int candidate = 0; candidate < items.size(); ++candidate) {
+        if (items.at(candidate)->mapToItem(container, QPointF()).y() <= point.y())
+            index = candidate;
+    }
+    return index;
+}
+
+int ReplySelection::positionAt(QQuickItem *item, QPointF containerPoint) const
+{
+    const QPointF local = item->mapFromItem(m_container, containerPoint);
+    int position = 0;
+    QMetaObject::invokeMethod(item, "positionAt", Q_RETURN_ARG(int, position), Q_ARG(qreal, local.x()),
+                              Q_ARG(qreal, local.y()));
+    return position;
+}
+
+void ReplySelection::setAnchor(QQuickItem *item, int position)
+{
+    if (m_anchor == item) {
+        m_anchorPosition = m_anchorEnd = position;
+        return;
+    }
+    if (m_anchor) {
+        m_anchor->disconnect(this);
+        m_anchor->removeEventFilter(this);
+    }
+    m_anchor = item;
+    m_anchorPosition = m_anchorEnd = position;
+    if (item) {
+        item->installEventFilter(this);
+        connect(item, SIGNAL(selectedTextChanged()), this, SLOT(keepAnchorSelection()));
+        connect(item, &QQuickItem::activeFocusChanged, this, &ReplySelection::anchorFocusChanged);
+    }
+}
+
+void ReplySelection::press(QPointF point)
+{
+    const QList<QQuickItem *> items = textItems();
+    const int index = itemAt(items, m_container, point);
+    QQuickItem *pressed = nullptr;
+    if (index >= 0) {
+        QQuickItem *candidate = items.at(index);
+        const QRectF bounds = candidate->mapRectToItem(m_container, candidate->boundingRect());
+        if (bounds.contains(point))
+            pressed = candidate;
+    }
+    for (QQuickItem *item : items) {
+        if (item != pressed)
+            deselect(item);
+    }
+    setAnchor(pressed, pressed ? positionAt(pressed, point) : 0);
+    setSpansSeveral(false);
+}
+
+void ReplySelection::drag(QPointF point)
+{
+    if (!m_anchor || !m_container)
+        return;
+    const QList<QQuickItem *> items = textItems();
+    const int index = itemAt(items, m_container, point);
+    if (index < 0)
+        return;
+    spanTo(items, index, positionAt(items.at(index), point));
+}
+
+void ReplySelection::spanTo(const QList<QQuickItem *> &items, int index, int position)
+{
+    const int anchorIndex = static_cast<int>(items.indexOf(m_anchor));
+    if (anchorIndex < 0)
+        return;
+    m_selecting = true;
+    if (index == anchorIndex) {
+        // Back inside the item it started in, which selects on its own again.
+        for (QQuickItem *item : items) {
+            if (item != m_anchor)
+                deselect(item);
+        }
+        m_anchorEnd = position;
+        if (m_spansSeveral)
+            select(m_anchor, m_anchorPosition, m_anchorEnd);
+    } else {
+        const bool down = index > anchorIndex;
+        m_anchorEnd = down ? length(m_anchor) : 0;
+        select(m_anchor, m_anchorPosition, m_anchorEnd);
+        const int first = std::min(index, anchorIndex);
+        const int last = std::max(index, anchorIndex);
+        for (int other = 0; other < items.size(); ++other) {
+            QQuickItem *item = items.at(other);
+            if (other == anchorIndex)
+                continue;
+            if (other < first || other > last)
+                deselect(item);
+            else if (other == index)
+                select(item, down ? 0 : length(item), position);
+            else
+                select(item, 0, length(item));
+        }
+    }
+    m_selecting = false;
+    setSpansSeveral(index != anchorIndex);
+}
+
+void ReplySelection::selectAll(QQuickItem *from)
+{
+    const QList<QQuickItem *> items = textItems();
+    if (items.isEmpty())
+        return;
+    setAnchor(from && items.contains(from) ? from : items.first(), 0);
+    // From the top of the anchor down to the end of the last item, and the items
+    // above the anchor from their starts.
+    m_selecting = true;
+    for (QQuickItem *item : items)
+        select(item, 0, length(item));
+    m_anchorEnd = length(m_anchor);
+    m_selecting = false;
+    setSpansSeveral(items.size() > 1);
+}
+
+QString ReplySelection::selectedText() const
+{
+    QStringList parts;
+    for (QQuickItem *item : textItems()) {
+        QString part = selectionOf(item);
+        // Each item's text goes on lines of its own; a selection that ran through an
+        // item's last line break does not leave a blank line.
+        while (part.endsWith(QLatin1Char('\n')))
+            part.chop(1);
+        if (!part.isEmpty())
+            parts.append(part);
+    }
+    return parts.join(QLatin1Char('\n'));
+}
+
+void ReplySelection::copy() const
+{
+    const QString text = selectedText();
+    if (text.isEmpty())
+        return;
+    QGuiApplication::clipboard()->setText(text);
+}
+
+void ReplySelection::clear()
+{
+    for (QQuickItem *item : textItems()) {
+        if (item != m_anchor)
+            deselect(item);
+    }
+    setSpansSeveral(false);
+}
+
+bool ReplySelection::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched != m_anchor || (event->type() != QEvent::KeyPress && event->type() != QEvent::ShortcutOverride))
+        return QObject::eventFilter(watched, event);
+    auto *key = static_cast<QKeyEvent *>(event);
+    const bool copying = key->matches(QKeySequence::Copy) && m_spansSeveral;
+    const bool selectingAll = key->matches(QKeySequence::SelectAll);
+    if (!copying && !selectingAll)
+        return QObject::eventFilter(watched, event);
+    if (event->type() == QEvent::ShortcutOverride) {
+        // The key is the text item's, not a window shortcut's.
+        event->accept();
+        return true;
+    }
+    if (copying)
+        copy();
+    else
+        selectAll(m_anchor);
+    return true;
+}
+
+void ReplySelection::keepAnchorSelection()
+{
+    if (m_selecting || !m_spansSeveral || !m_anchor)
+        return;
+    const int start = m_anchor->property("selectionStart").toInt();
+    const int end = m_anchor->property("selectionEnd").toInt();
+    if (std::min(m_anchorPosition, m_anchorEnd) == start && std::max(m_anchorPosition, m_anchorEnd) == end)
+        return;
+    m_selecting = true;
+    select(m_anchor, m_anchorPosition, m_anchorEnd);
+    m_selecting = false;
+}
+
+void ReplySelection::anchorFocusChanged()
+{
+    if (m_anchor && !m_anchor->hasActiveFocus())
+        clear();
+}
+
+void ReplySelection::setSpansSeveral(bool spans)
+{
+    if (m_spansSeveral == spans)
+        return;
+    m_spansSeveral = spans;
+    emit spanChanged();
+}
