@@ -403,6 +403,43 @@ private slots:
         QVERIFY(view.waitFor([&] { return view.store().editing(); }));
     }
 
+    void theReasoningIsFoldedAndUnfoldedByKeys()
+    {
+        const QString reply = QStringLiteral("<think>\nList the folder, long form.\n</think>\n\nUse `ls -l`.");
+        ViewHarness view(FakeEngine::stateJson("m.gguf"),
+                         {ViewHarness::conversation("Files", {"How do I list files?", reply})});
+        QVERIFY(view.refresh());
+        screenReaderReads(view);
+        view.item("promptField")->forceActiveFocus();
+        view.key(Qt::Key_Backtab, Qt::ShiftModifier);
+        view.key(Qt::Key_Backtab, Qt::ShiftModifier);
+        QCOMPARE(focusedName(view.window()), QStringLiteral("Vorn"));
+
+        // The toggle is a stop of the reply's, named by what it says.
+        QStringList stops;
+        for (int step = 0; step < 3; ++step) {
+            view.key(Qt::Key_Tab);
+            stops.append(focusedName(view.window()));
+        }
+        QCOMPARE(stops, (QStringList{"Regenerate", "Copy response", "Thought"}));
+        QQuickItem *toggle = view.item("reasoningToggle");
+        QVERIFY(toggle->property("visualFocus").toBool());
+        QVERIFY(!ViewHarness::shown(view.item("reasoningText")));
+
+        // Space unfolds the reasoning and folds it again; the focus stays on the toggle.
+        view.key(Qt::Key_Space);
+        QVERIFY(view.waitFor([&] { return ViewHarness::shown(view.item("reasoningText")); }));
+        QCOMPARE(ViewHarness::text(view.item("reasoningText")), QStringLiteral("List the folder, long form."));
+        QCOMPARE(view.window()->activeFocusItem(), toggle);
+        view.key(Qt::Key_Space);
+        QVERIFY(view.waitFor([&] { return !ViewHarness::shown(view.item("reasoningText")); }));
+        QCOMPARE(view.window()->activeFocusItem(), toggle);
+
+        // Then on past the reply to the composer.
+        view.key(Qt::Key_Tab);
+        QCOMPARE(focusedName(view.window()), QStringLiteral("Attach an image"));
+    }
+
     void theLibrarySheetIsWorkedByKeys()
     {
         ViewHarness view(FakeEngine::stateJson({}, false, libraryModels()));
