@@ -121,6 +121,18 @@ public:
     void setText(const QString &text) { item(0)->setData(text, answerRole); }
 };
 
+// The segments of a reply still being written, as the reply view lists them.
+struct StreamedReply {
+    AnswerList answers;
+    MarkdownSegmentList segments;
+    explicit StreamedReply(const QString &text) : answers(text)
+    {
+        segments.setStreaming(true);
+        segments.setModel(&answers);
+        segments.setRow(0);
+    }
+};
+
 } // namespace
 
 class MarkdownTest : public QObject {
@@ -443,11 +455,9 @@ private slots:
 
     void segmentsFollowAGrowingReply()
     {
-        AnswerList answers(QStringLiteral("Intro\n\n```py\nprint(1"));
-        MarkdownSegmentList segments;
-        segments.setStreaming(true);
-        segments.setModel(&answers);
-        segments.setRow(0);
+        StreamedReply reply(QStringLiteral("Intro\n\n```py\nprint(1"));
+        AnswerList &answers = reply.answers;
+        MarkdownSegmentList &segments = reply.segments;
         QCOMPARE(segments.rowCount(), 2);
         const QModelIndex code = segments.index(1);
         QCOMPARE(code.data(MarkdownSegmentList::IsCodeRole).toBool(), true);
@@ -472,11 +482,9 @@ private slots:
         QCOMPARE(MarkdownSegmentList::streamedPart(QStringLiteral("Here:\n``x")), QStringLiteral("Here:\n``x"));
         QCOMPARE(MarkdownSegmentList::streamedPart(QStringLiteral("a `b`")), QStringLiteral("a `b`"));
 
-        AnswerList answers(QStringLiteral("Here:\n``"));
-        MarkdownSegmentList segments;
-        segments.setStreaming(true);
-        segments.setModel(&answers);
-        segments.setRow(0);
+        StreamedReply reply(QStringLiteral("Here:\n``"));
+        AnswerList &answers = reply.answers;
+        MarkdownSegmentList &segments = reply.segments;
         QCOMPARE(segments.rowCount(), 1);
         QCOMPARE(segments.index(0).data(MarkdownSegmentList::UnitsRole).value<QList<MarkdownUnit>>(),
                  (QList<MarkdownUnit>{{enter(Kind::Paragraph), text("Here:"), leave(Kind::Paragraph)}}));

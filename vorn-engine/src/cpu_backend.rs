@@ -206,13 +206,7 @@ mod modules {
 
     /// llama.cpp reports each module it loads; the engine's log stays quiet unless asked.
     fn quiet_logs() {
-        unsafe extern "C" fn quiet(
-            _: sys::ggml_log_level,
-            _: *const std::os::raw::c_char,
-            _: *mut std::os::raw::c_void,
-        ) {
-        }
         // SAFETY: a callback that ignores its arguments, valid for the whole run.
-        unsafe { sys::ggml_log_set(Some(quiet), std::ptr::null_mut()) };
+        unsafe { sys::ggml_log_set(Some(crate::llama::discard_log), std::ptr::null_mut()) };
     }
 }

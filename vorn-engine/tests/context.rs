@@ -135,14 +135,7 @@ fn contexts_up_to_the_trained_one() {
     write_model_with(
         &dir.join("huge-context.gguf"),
         &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
-        &ModelShape {
-            arch: "llama",
-            n_embd: 64,
-            n_layer: 2,
-            n_head: 4,
-            n_ff: 128,
-            seed: 3,
-        },
+        &ModelShape::tiny_llama(3),
         &Extras {
             context_length: Some(1 << 30),
             ..Extras::default()

@@ -21,14 +21,7 @@ fn model_with_its_own_chat_template() {
     write_model(
         &dir.join("tiny-phi3.gguf"),
         &shared_models().join("vocab/ggml-vocab-phi-3.gguf"),
-        &ModelShape {
-            arch: "llama",
-            n_embd: 64,
-            n_layer: 2,
-            n_head: 4,
-            n_ff: 128,
-            seed: 11,
-        },
+        &ModelShape::tiny_llama(11),
     );
     let e = Engine::start(&dir);
     let r = e.load("tiny-phi3.gguf");

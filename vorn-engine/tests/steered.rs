@@ -39,14 +39,7 @@ fn steered_model(dir: &Path, name: &str, template: &str, then: &str) {
     write_model_with(
         &dir.join(name),
         &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
-        &ModelShape {
-            arch: "llama",
-            n_embd: 64,
-            n_layer: 2,
-            n_head: 4,
-            n_ff: 128,
-            seed: 3,
-        },
+        &ModelShape::tiny_llama(3),
         &Extras {
             chat_template: Some(template),
             added_tokens: &ADDED,

@@ -53,14 +53,10 @@ pub(super) fn run(commands: mpsc::Receiver<Command>, shared: Arc<Shared>) {
 
 /// The multimodal helpers log on their own channel, which `void_logs` leaves open.
 fn quiet_projector_logs() {
-    unsafe extern "C" fn quiet(
-        _: llama_cpp_sys_2::ggml_log_level,
-        _: *const std::os::raw::c_char,
-        _: *mut std::os::raw::c_void,
-    ) {
-    }
-    // SAFETY: `quiet` matches ggml's log callback signature, ignores its
+    // SAFETY: `discard_log` matches ggml's log callback signature, ignores its
     // arguments, and, being a plain function, stays valid for the whole run;
     // the user data pointer is never read, so null is fine.
-    unsafe { llama_cpp_sys_2::mtmd_helper_log_set(Some(quiet), std::ptr::null_mut()) };
+    unsafe {
+        llama_cpp_sys_2::mtmd_helper_log_set(Some(crate::llama::discard_log), std::ptr::null_mut())
+    };
 }

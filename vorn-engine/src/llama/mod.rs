@@ -34,6 +34,19 @@ pub use context::{Context, ContextSettings};
 pub use model::{Model, Vocab};
 pub use projector::{Bitmap, Chunk, ChunkKind, Chunks, Projector, ProjectorSettings};
 
+/// A ggml log callback that drops every message: llama.cpp's own reports stay out
+/// of the engine's log.
+///
+/// # Safety
+///
+/// Any arguments will do; none is read.
+pub unsafe extern "C" fn discard_log(
+    _: llama_cpp_sys_2::ggml_log_level,
+    _: *const std::os::raw::c_char,
+    _: *mut std::os::raw::c_void,
+) {
+}
+
 /// llama.cpp's status codes: 0 for success, anything else says what failed.
 fn checked(code: i32) -> Result<(), i32> {
     if code == 0 {

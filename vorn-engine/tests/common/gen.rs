@@ -69,6 +69,22 @@ pub struct ModelShape<'a> {
     pub seed: u64,
 }
 
+impl ModelShape<'static> {
+    /// The smallest llama the tests generate: 64 wide, two layers, fast to write and
+    /// to load; the seed picks its random weights.
+    #[allow(dead_code)]
+    pub fn tiny_llama(seed: u64) -> Self {
+        ModelShape {
+            arch: "llama",
+            n_embd: 64,
+            n_layer: 2,
+            n_head: 4,
+            n_ff: 128,
+            seed,
+        }
+    }
+}
+
 /// What a generated model carries besides its shape and random weights.
 #[derive(Default)]
 pub struct Extras<'a> {
