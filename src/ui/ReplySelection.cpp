@@ -255,7 +255,8 @@ bool ReplySelection::eventFilter(QObject *watched, QEvent *event)
 
 void ReplySelection::keepAnchorSelection()
 {
-    if (m_selecting || !m_spansSeveral || !m_anchor)
+    // Losing the focus clears the item's selection, and the span ends with it.
+    if (m_selecting || !m_spansSeveral || !m_anchor || !m_anchor->hasActiveFocus())
         return;
     const int start = m_anchor->property("selectionStart").toInt();
     const int end = m_anchor->property("selectionEnd").toInt();

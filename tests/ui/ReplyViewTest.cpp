@@ -183,6 +183,14 @@ private slots:
         clickCharacter(view, prose.at(0), salt);
         QCOMPARE(selected(code), QString());
         QCOMPARE(selected(prose.at(1)), QString());
+
+        // So does the focus going anywhere else, here the composer.
+        drag(view, characterPoint(prose.at(0), salt), characterPoint(code, water));
+        QVERIFY(spansSeveral(view));
+        view.click(view.item("promptField"));
+        QVERIFY(!spansSeveral(view));
+        QCOMPARE(selected(prose.at(0)), QString());
+        QCOMPARE(selected(code), QString());
     }
 
     void longCodeLinesScrollSideways()
