@@ -12,6 +12,8 @@ Rectangle {
     required property int indent
     // Whether Tab stops at the copy button.
     property bool buttonsOnTab: false
+    // The selection across the reply this block is part of.
+    property ReplySelection span: null
 
     objectName: "codeBlock"
     implicitHeight: header.height + codeScroll.height
@@ -72,6 +74,8 @@ Rectangle {
         TextEdit {
             id: codeText
             objectName: "codeText"
+            // The Edit menu copies and selects through the reply's span.
+            readonly property ReplySelection span: codeBlock.span
             x: 12
             text: codeBlock.code
             textFormat: TextEdit.PlainText

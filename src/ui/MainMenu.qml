@@ -54,7 +54,13 @@ MenuBar {
             objectName: "copyItem"
             text: "Copy"
             shortcut: StandardKey.Copy // qmllint disable unqualified
-            onTriggered: if (bar.editor) bar.editor.copy()
+            onTriggered: {
+                // A selection across a reply's text items is copied whole.
+                if (bar.editor && bar.editor.span && bar.editor.span.spansSeveral)
+                    bar.editor.span.copy()
+                else if (bar.editor)
+                    bar.editor.copy()
+            }
         }
         Action {
             objectName: "pasteItem"
@@ -66,7 +72,13 @@ MenuBar {
             objectName: "selectAllItem"
             text: "Select All"
             shortcut: StandardKey.SelectAll // qmllint disable unqualified
-            onTriggered: if (bar.editor) bar.editor.selectAll()
+            onTriggered: {
+                // In a reply, Select All takes all of the reply's text.
+                if (bar.editor && bar.editor.span)
+                    bar.editor.span.selectAll(bar.editor)
+                else if (bar.editor)
+                    bar.editor.selectAll()
+            }
         }
     }
 }

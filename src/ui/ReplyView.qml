@@ -94,6 +94,7 @@ Item {
                         code: segment.code
                         indent: segment.indent
                         buttonsOnTab: reply.buttonsOnTab
+                        span: selection
                     }
                 }
 
@@ -108,6 +109,8 @@ Item {
                         TextEdit {
                             id: prose
                             objectName: "replyProse"
+                            // The Edit menu copies and selects through the reply's span.
+                            readonly property ReplySelection span: selection
                             width: parent.width
                             textFormat: TextEdit.PlainText
                             readOnly: true

@@ -157,6 +157,11 @@ private slots:
                  QStringLiteral("salt.\n1. Mix everything.\n2. Let it rise overnight.\n3. Bake at 230 \u00b0C.\n"
                                 "Flour\nWater\nSalt\n500 g\n350 g\n10 g\ndef hydration(flour, "));
 
+        // The Edit menu's Copy does the same.
+        QGuiApplication::clipboard()->setText(QStringLiteral("old"));
+        QVERIFY(QMetaObject::invokeMethod(view.window()->findChild<QObject *>("copyItem"), "trigger"));
+        QCOMPARE(QGuiApplication::clipboard()->text(), copied);
+
         // Upwards, from the quote to the middle of the code block.
         const int crumb = static_cast<int>(documentText(prose.at(1)).indexOf(QStringLiteral("crumb")));
         drag(view, characterPoint(prose.at(1), crumb), characterPoint(code, water));
@@ -178,6 +183,14 @@ private slots:
         QVERIFY(QGuiApplication::clipboard()->text().startsWith(QStringLiteral("Bread in three steps\n")));
         QVERIFY(
             QGuiApplication::clipboard()->text().endsWith(QStringLiteral("A wetter dough gives a more open crumb.")));
+
+        // And so does the Edit menu's Select All, from one item of the reply.
+        clickCharacter(view, prose.at(0), salt);
+        QCOMPARE(selected(code), QString());
+        QVERIFY(QMetaObject::invokeMethod(view.window()->findChild<QObject *>("selectAllItem"), "trigger"));
+        QVERIFY(spansSeveral(view));
+        QCOMPARE(selected(prose.at(1)).size(), prose.at(1)->property("length").toInt());
+        QCOMPARE(selected(code).size(), code->property("length").toInt());
 
         // A click elsewhere in the reply ends the span.
         clickCharacter(view, prose.at(0), salt);
