@@ -75,6 +75,17 @@ private:
         return list;
     }
 
+    // Shift+Tab twice from the composer: the transcript, at the newest message, a reply.
+    static void focusTheReplyFromTheComposer(ViewHarness &view)
+    {
+        QVERIFY(view.refresh());
+        screenReaderReads(view);
+        view.item("promptField")->forceActiveFocus();
+        view.key(Qt::Key_Backtab, Qt::ShiftModifier);
+        view.key(Qt::Key_Backtab, Qt::ShiftModifier);
+        QCOMPARE(focusedName(view.window()), QStringLiteral("Vorn"));
+    }
+
 private slots:
     void init() { ViewHarness::resetSettings(); }
 
@@ -360,12 +371,7 @@ private slots:
         const QString reply = QStringLiteral("Like this:\n\n```sh\nls -l\n```\n");
         ViewHarness view(FakeEngine::stateJson("m.gguf"),
                          {ViewHarness::conversation("Files", {"How do I list files?", reply})});
-        QVERIFY(view.refresh());
-        screenReaderReads(view);
-        view.item("promptField")->forceActiveFocus();
-        view.key(Qt::Key_Backtab, Qt::ShiftModifier);
-        view.key(Qt::Key_Backtab, Qt::ShiftModifier);
-        QCOMPARE(focusedName(view.window()), QStringLiteral("Vorn"));
+        focusTheReplyFromTheComposer(view);
 
         // Tab goes into the reply's buttons, code last, then on to the composer.
         const QStringList inside{"Regenerate", "Copy response", "Copy code", "Attach an image"};
@@ -408,12 +414,7 @@ private slots:
         const QString reply = QStringLiteral("<think>\nList the folder, long form.\n</think>\n\nUse `ls -l`.");
         ViewHarness view(FakeEngine::stateJson("m.gguf"),
                          {ViewHarness::conversation("Files", {"How do I list files?", reply})});
-        QVERIFY(view.refresh());
-        screenReaderReads(view);
-        view.item("promptField")->forceActiveFocus();
-        view.key(Qt::Key_Backtab, Qt::ShiftModifier);
-        view.key(Qt::Key_Backtab, Qt::ShiftModifier);
-        QCOMPARE(focusedName(view.window()), QStringLiteral("Vorn"));
+        focusTheReplyFromTheComposer(view);
 
         // The toggle is a stop of the reply's, named by what it says.
         QStringList stops;

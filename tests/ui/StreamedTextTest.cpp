@@ -65,6 +65,19 @@ private:
         QString shown() const { return view.document()->toPlainText(); }
     };
 
+    // A feed of one row whose text the view has just shown.
+    struct ShownFeed {
+        TextList list{{QStringLiteral("Once")}};
+        RowTextFeed feed;
+        ShownFeed()
+        {
+            feed.setModel(&list);
+            feed.setRow(0);
+            feed.setRole("text");
+            feed.setShown(feed.text());
+        }
+    };
+
 private slots:
     void showsItsRowAtOnce()
     {
@@ -94,13 +107,10 @@ private slots:
 
     void growthRightAfterShowingWaitsForTheRestOfTheFrame()
     {
-        TextList list({QStringLiteral("Once")});
-        RowTextFeed feed;
-        feed.setModel(&list);
-        feed.setRow(0);
-        feed.setRole("text");
+        ShownFeed shown;
+        TextList &list = shown.list;
+        RowTextFeed &feed = shown.feed;
         QSignalSpy due(&feed, &RowTextFeed::due);
-        feed.setShown(feed.text());
 
         list.setText(0, QStringLiteral("Once upon"));
         QCOMPARE(due.size(), 0);
@@ -114,13 +124,10 @@ private slots:
 
     void growthAfterAQuietFrameIsDueWithTheNextTurnOfTheEventLoop()
     {
-        TextList list({QStringLiteral("Once")});
-        RowTextFeed feed;
-        feed.setModel(&list);
-        feed.setRow(0);
-        feed.setRole("text");
+        ShownFeed shown;
+        TextList &list = shown.list;
+        RowTextFeed &feed = shown.feed;
         QSignalSpy due(&feed, &RowTextFeed::due);
-        feed.setShown(feed.text());
         QTest::qWait(2 * RowTextFeed::growInterval);
 
         // Not a whole frame more: the frame since the text was shown has passed.
