@@ -190,8 +190,7 @@ void ReplySelection::selectAll(QQuickItem *from)
     if (items.isEmpty())
         return;
     setAnchor(from && items.contains(from) ? from : items.first(), 0);
-    // From the top of the anchor down to the end of the last item, and the items
-    // above the anchor from their starts.
+    // Every item whole; the span keeps starting in the item that has the focus.
     m_selecting = true;
     for (QQuickItem *item : items)
         select(item, 0, length(item));
