@@ -163,6 +163,12 @@ QString MessageListModel::textAt(int row) const
     return !messages || row < 0 || row >= messages->size() ? QString() : messages->at(row).text;
 }
 
+QString MessageListModel::answerAt(int row) const
+{
+    const QList<ChatMessage> *messages = shownMessages();
+    return !messages || row < 0 || row >= messages->size() ? QString() : partsOf(messages->at(row)).answer;
+}
+
 void MessageListModel::setReasoningShown(int row, bool shown)
 {
     const QList<ChatMessage> *messages = shownMessages();

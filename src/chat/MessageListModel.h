@@ -44,6 +44,8 @@ public:
     QString lastText() const;
     // A message's text as stored, for copying it; empty for a row that is not there.
     Q_INVOKABLE QString textAt(int row) const;
+    // A message's words without any reasoning; empty for a row that is not there.
+    Q_INVOKABLE QString answerAt(int row) const;
     // Unfolds or folds a reply's reasoning in the transcript; the choice lasts while
     // the app runs, also when the row's view is made again.
     Q_INVOKABLE void setReasoningShown(int row, bool shown);

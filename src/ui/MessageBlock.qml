@@ -24,8 +24,9 @@ Item {
     required property bool reasoningOpen
     required property bool reasoningShown
     required property int thinkingSeconds
-    // The words without any reasoning, as written: what a screen reader reads.
-    required property string answer
+
+    // The reply is still being written.
+    readonly property bool writing: Store.generating && block.index === Store.messageList.count - 1
 
     // Whether Tab stops at the buttons inside: only those of the list's current item,
     // and only while the keyboard is in the list, so the list stays one stop of the
@@ -40,7 +41,11 @@ Item {
     activeFocusOnTab: ListView.isCurrentItem || activeFocus
     Accessible.role: Accessible.ListItem
     Accessible.name: block.isUser ? "You" : "Vorn"
-    Accessible.description: block.answer
+    // What a screen reader reads: the words without any reasoning, once written. Taken
+    // from the list when the reply ends rather than per token: a string property holds
+    // its text in the script heap, and a copy of the whole reply per token kept the
+    // collector running hundreds of times a second.
+    Accessible.description: block.writing ? "" : Store.messageList.answerAt(block.index)
     Accessible.focusable: true
     Accessible.selected: ListView.isCurrentItem
     implicitHeight: fill.y + column.implicitHeight + 40
@@ -172,7 +177,7 @@ Item {
                 reasoningOpen: block.reasoningOpen
                 reasoningShown: block.reasoningShown
                 thinkingSeconds: block.thinkingSeconds
-                streaming: Store.generating && block.index === Store.messageList.count - 1
+                streaming: block.writing
                 buttonsOnTab: block.buttonsOnTab
             }
             // qmllint enable unqualified

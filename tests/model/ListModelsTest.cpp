@@ -119,6 +119,10 @@ private slots:
         QCOMPARE(store().messageList()->rowCount(), 2);
         QTRY_VERIFY_WITH_TIMEOUT(!store().generating(), 5000);
         QCOMPARE(store().messages().last().text, QStringLiteral("Once upon a time"));
+        QCOMPARE(store().messageList()->answerAt(1), QStringLiteral("Once upon a time"));
+        QCOMPARE(store().messageList()->answerAt(0), QStringLiteral("Tell me a story"));
+        QCOMPARE(store().messageList()->answerAt(2), QString());
+        QCOMPARE(store().messageList()->answerAt(-1), QString());
 
         // A stopped reply, then a second turn while another conversation is shown.
         FakeResponse endless = FakeResponse::stream({delta("Half")});
