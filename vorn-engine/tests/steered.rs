@@ -36,13 +36,17 @@ const ADDED: [(&str, i32); 9] = [
 ];
 
 fn steered_model(dir: &Path, name: &str, template: &str, then: &str) {
+    steered_model_with(dir, name, template, then, &ADDED);
+}
+
+fn steered_model_with(dir: &Path, name: &str, template: &str, then: &str, added: &[(&str, i32)]) {
     write_model_with(
         &dir.join(name),
         &shared_models().join("vocab/ggml-vocab-llama-spm.gguf"),
         &ModelShape::tiny_llama(3),
         &Extras {
             chat_template: Some(template),
-            added_tokens: &ADDED,
+            added_tokens: added,
             steer: Some(("▁Hello", then)),
             ..Extras::default()
         },
@@ -200,4 +204,31 @@ fn reasoning_streams_apart_where_the_template_marks_it() {
             "reasoning_content": "A long and winding line of thought."}));
         assert_eq!(bare, with_reasoning, "{model}");
     }
+}
+
+#[test]
+fn reasoning_tags_that_are_control_tokens_still_split_the_reply() {
+    let dir = temp_dir("control-reasoning");
+    // llama.cpp renders control tokens as nothing; these tags must still show.
+    let mut added = ADDED;
+    for (text, kind) in added.iter_mut() {
+        if text.ends_with("think>") {
+            *kind = CONTROL;
+        }
+    }
+    let deepseek = real_template("deepseek-ai-DeepSeek-R1-Distill-Qwen-32B");
+    steered_model_with(&dir, "thinker.gguf", &deepseek, "</think>", &added);
+    let e = Engine::start(&dir);
+    assert_eq!(e.load("thinker.gguf").status, 200);
+    let body = |stream: bool| json!({"messages": [user("Hi")], "temperature": 0, "max_tokens": 3, "stream": stream});
+
+    let chunks = stream_chunks(&e.chat(&body(true)));
+    assert_eq!(joined(&chunks, "reasoning_content"), "Hello");
+    assert_eq!(joined(&chunks, "content"), "Hello");
+    let v = e.chat(&body(false)).json();
+    assert_eq!(
+        v["choices"][0]["message"]["reasoning_content"], "Hello",
+        "{v}"
+    );
+    assert_eq!(v["choices"][0]["message"]["content"], "Hello", "{v}");
 }

@@ -173,7 +173,8 @@ impl Session<'_> {
             }
             tokens += 1;
             piece.clear();
-            vocab.token_to_piece_into(token, &mut piece, false, None);
+            let special = self.reasoning_tags.contains(&token);
+            vocab.token_to_piece_into(token, &mut piece, special, None);
             let step = text.push(&piece);
             // Sending fails when the client has gone.
             if !step.pieces.into_iter().all(|p| job.events.piece(p)) {

@@ -27,6 +27,7 @@ mod lru;
 mod memory;
 mod prefill;
 mod probe;
+mod reasoning_tags;
 mod reply_text;
 mod session;
 mod threads;

@@ -3,7 +3,9 @@
 
 use super::lru::LruCache;
 use super::prefill::Key;
-use super::{threads, turn_end, vision, ChatMessage, Command, EngineError, LoadRequest};
+use super::{
+    reasoning_tags, threads, turn_end, vision, ChatMessage, Command, EngineError, LoadRequest,
+};
 use crate::llama::{Context, ContextSettings, Model, Projector};
 use crate::state::{lock, Shared};
 use crate::template::ChatTemplate;
@@ -26,6 +28,8 @@ pub(super) struct Session<'m> {
     pub(super) template: ChatTemplate,
     /// Tokens that end the model's turn besides llama.cpp's own set.
     pub(super) turn_ends: Vec<LlamaToken>,
+    /// Reasoning tags the vocabulary has as control tokens, rendered as text.
+    pub(super) reasoning_tags: Vec<LlamaToken>,
     /// The last prompt built left the reply inside a reasoning section.
     pub(super) prompt_opens_reasoning: bool,
     /// What the KV cache holds for sequence 0, one key per position.
@@ -78,6 +82,7 @@ impl<'m> Session<'m> {
         let mrope = projector.as_ref().map(|p| p.uses_mrope()).unwrap_or(false);
         let template = chat_template(model);
         let turn_ends = turn_end::tokens(model, &template);
+        let reasoning_tags = reasoning_tags::control_tokens(model);
         let session = Session {
             shared: shared.clone(),
             model,
@@ -87,6 +92,7 @@ impl<'m> Session<'m> {
             batch_size,
             template,
             turn_ends,
+            reasoning_tags,
             prompt_opens_reasoning: false,
             cached: Vec::new(),
             cut_anchor: None,
