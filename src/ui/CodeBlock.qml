@@ -8,7 +8,11 @@ Rectangle {
     id: codeBlock
 
     required property string language
-    required property string code
+    // The reply's segments and this block's row in them. The code goes from the list
+    // to the text in C++ and grows in place while it streams: as a string property it
+    // would be copied whole into the script heap and laid out again whole each frame.
+    required property MarkdownSegmentList segmentList
+    required property int row
     required property int indent
     // Whether Tab stops at the copy button.
     property bool buttonsOnTab: false
@@ -53,7 +57,7 @@ Rectangle {
             implicitWidth: 24
             implicitHeight: 20
             help: "Copy code"
-            onClicked: Clipboard.copyText(codeBlock.code)
+            onClicked: Clipboard.copyText(codeBlock.segmentList.codeAt(codeBlock.row))
         }
     }
 
@@ -77,7 +81,6 @@ Rectangle {
             // The Edit menu copies and selects through the reply's span.
             readonly property ReplySelection span: codeBlock.span
             x: 12
-            text: codeBlock.code
             textFormat: TextEdit.PlainText
             wrapMode: TextEdit.NoWrap
             readOnly: true
@@ -87,6 +90,13 @@ Rectangle {
             color: Theme.primary
             selectionColor: Theme.selection
             selectedTextColor: Theme.primary
+
+            StreamedText {
+                document: codeText.textDocument
+                model: codeBlock.segmentList
+                row: codeBlock.row
+                role: "code"
+            }
         }
 
         ScrollBar.horizontal: ScrollBar {

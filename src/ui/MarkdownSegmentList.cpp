@@ -87,6 +87,11 @@ QString MarkdownSegmentList::streamedPart(const QString &text)
     return text;
 }
 
+QString MarkdownSegmentList::codeAt(int row) const
+{
+    return row >= 0 && row < m_segments.size() ? m_segments.at(row).code : QString();
+}
+
 void MarkdownSegmentList::show()
 {
     const QString text = m_feed.text();

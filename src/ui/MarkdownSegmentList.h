@@ -38,6 +38,8 @@ public:
     bool streaming() const { return m_streaming; }
     void setStreaming(bool streaming);
     QString shownText() const { return m_shown; }
+    // A code block's code, exactly as fenced; empty for a row that is not one.
+    Q_INVOKABLE QString codeAt(int row) const;
 
     // The text as parsed while it streams: a last line that could open a fence but is
     // not complete ("`", "``") is held back.

@@ -71,10 +71,10 @@ Item {
             delegate: Item {
                 id: segment
 
+                required property int index
                 required property bool isCode
                 required property var units
                 required property string language
-                required property string code
                 required property int indent
 
                 width: reply.width
@@ -91,7 +91,8 @@ Item {
                     id: codeComponent
                     CodeBlock {
                         language: segment.language
-                        code: segment.code
+                        segmentList: segments
+                        row: segment.index
                         indent: segment.indent
                         buttonsOnTab: reply.buttonsOnTab
                         span: selection

@@ -6,8 +6,10 @@
 #include <QClipboard>
 #include <QDesktopServices>
 #include <QQuickTextDocument>
+#include <QSignalSpy>
 #include <QTextDocument>
 #include <QtTest>
+#include <memory>
 
 namespace {
 
@@ -293,12 +295,19 @@ private slots:
         view.store().send();
         QStringList seenProse;
         QStringList seenCode;
+        // How the code's text changes once it is there.
+        std::unique_ptr<QSignalSpy> codeChanges;
         QVERIFY(view.waitFor(
             [&] {
                 for (QQuickItem *prose : view.visibleItems("replyProse"))
                     seenProse.append(documentText(prose));
-                for (QQuickItem *code : view.visibleItems("codeText"))
+                for (QQuickItem *code : view.visibleItems("codeText")) {
                     seenCode.append(ViewHarness::text(code));
+                    if (!codeChanges && !seenCode.last().isEmpty())
+                        codeChanges = std::make_unique<QSignalSpy>(
+                            code->property("textDocument").value<QQuickTextDocument *>()->textDocument(),
+                            &QTextDocument::contentsChange);
+                }
                 return !view.store().generating();
             },
             10000));
@@ -307,6 +316,13 @@ private slots:
             QVERIFY2(!prose.contains(QLatin1Char('`')), qPrintable(prose));
         QVERIFY(seenCode.contains(QStringLiteral("ls -l")));
         QCOMPARE(ViewHarness::text(view.visibleItems("codeText").last()), QStringLiteral("ls -l\necho hi"));
+        // The code grew in place: appended at its end, nothing taken away.
+        QVERIFY(codeChanges);
+        QVERIFY(!codeChanges->isEmpty());
+        for (const QList<QVariant> &change : std::as_const(*codeChanges)) {
+            QCOMPARE(change.at(0).toInt(), 5);
+            QCOMPARE(change.at(1).toInt(), 0);
+        }
     }
 
     void aLongConversationMakesOnlyTheBlocksInView()
