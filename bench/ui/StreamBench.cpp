@@ -2,7 +2,7 @@
 // window (offscreen) and reports frame intervals, how late a 10 ms timer ran (how well
 // the window keeps answering), and whether any text was lost on the way to the screen.
 // With "markdown" as the fifth argument the reply is Markdown-heavy: headings, lists,
-// tables and code blocks, cut into word-sized tokens.
+// tables and code blocks, cut into word-sized tokens; with "code", one long code block.
 #include "EventLoopWait.h"
 #include "ViewHarness.h"
 
@@ -33,11 +33,27 @@ Figures summarize(QList<double> values)
     return figures;
 }
 
+const QRegularExpression wordToken(QStringLiteral("\\S+\\s*|\\s+"));
+
+// A reply that is one long code block, left open as a model writing it would, of at
+// least that many word-sized tokens, as the tokens.
+QStringList codeTokens(int tokens)
+{
+    QStringList pieces{QStringLiteral("```cpp\n")};
+    for (int line = 0; pieces.size() < tokens; ++line) {
+        auto matches = wordToken.globalMatch(
+            QStringLiteral("    int value%1 = compute(value%1, %1); // step %1\n").arg(line));
+        while (matches.hasNext())
+            pieces.append(matches.next().captured());
+    }
+    return pieces;
+}
+
 // Markdown-heavy text of at least that many word-sized tokens, as the tokens.
 QStringList markdownTokens(int tokens)
 {
     QStringList pieces;
-    static const QRegularExpression token(QStringLiteral("\\S+\\s*|\\s+"));
+    const QRegularExpression &token = wordToken;
     for (int section = 0; pieces.size() < tokens; ++section) {
         const QString text =
             QStringLiteral("## Part %1\n\nThe **main** idea, with `code` and *emphasis*, comes first.\n\n"
@@ -70,8 +86,11 @@ int main(int argc, char *argv[])
     // second. The rate actually reached is printed.
     const int burstMs = argc > 3 ? QByteArray(argv[3]).toInt() : 10;
     const int tokensPerBurst = argc > 4 ? QByteArray(argv[4]).toInt() : 12;
-    const bool markdown = argc > 5 && QByteArray(argv[5]) == "markdown";
-    const QStringList markdownText = markdown ? markdownTokens(tokens) : QStringList();
+    // "markdown": the Markdown-heavy reply; "code": one long code block.
+    const QByteArray kind = argc > 5 ? QByteArray(argv[5]) : QByteArray();
+    const bool code = kind == "code";
+    const bool markdown = kind == "markdown" || code;
+    const QStringList markdownText = code ? codeTokens(tokens) : markdown ? markdownTokens(tokens) : QStringList();
 
     ViewHarness view(FakeEngine::stateJson(QStringLiteral("bench.gguf")));
     if (!view.refresh()) {
@@ -128,10 +147,14 @@ int main(int argc, char *argv[])
     view.settle();
 
     const QString stored = view.store().messages().isEmpty() ? QString() : view.store().messages().last().text;
-    const QList<QQuickItem *> shown = view.visibleItems(QStringLiteral("messageText"));
+    // For the code reply, the code block's own text: all of it but the fence line (the
+    // reply stops in the middle of a line); for the others, the reply's text as shown.
+    const QList<QQuickItem *> shown = view.visibleItems(code ? QStringLiteral("codeText")
+                                                             : QStringLiteral("messageText"));
     const QString onScreen = shown.isEmpty() ? QString() : ViewHarness::text(shown.last());
+    const QString expectedOnScreen = code ? expected.sliced(markdownText.first().size()) : expected;
     const bool storeComplete = stored == expected;
-    const bool screenComplete = onScreen == expected;
+    const bool screenComplete = onScreen == expectedOnScreen;
 
     const Figures frame = summarize(frames);
     const Figures late = summarize(lateness);
