@@ -207,6 +207,26 @@ Item {
         }
     }
 
+    // Over the list, watching the mouse beside the blocks, which keep their own
+    // presses: a drag that selects text past the list's top or bottom scrolls it.
+    Item {
+        anchors.fill: messages
+        z: 1
+
+        PointHandler {
+            id: selectionDrag
+            acceptedButtons: Qt.LeftButton
+            acceptedDevices: PointerDevice.Mouse | PointerDevice.TouchPad
+        }
+    }
+
+    DragAutoScroll {
+        view: messages
+        active: selectionDrag.active && messages.visible
+        scenePosition: selectionDrag.point.scenePosition
+        onScrolled: transcript.followingEnd = false
+    }
+
     Connections {
         target: Store.messageList
         // Many text changes in one turn of the event loop scroll once.

@@ -1,5 +1,6 @@
 // Replies in the transcript: Markdown, code blocks, links, reasoning, and a long
 // conversation that makes only the blocks in view.
+#include "DragAutoScroll.h"
 #include "ViewHarness.h"
 
 #include <QApplication>
@@ -91,6 +92,15 @@ private:
     {
         QObject *selection = view.visibleItems("messageText").last()->findChild<QObject *>("replySelection");
         return selection && selection->property("spansSeveral").toBool();
+    }
+
+    // A reply many times taller than the window.
+    static QString longReply()
+    {
+        QString text;
+        for (int paragraph = 0; paragraph < 80; ++paragraph)
+            text += QStringLiteral("Paragraph %1 of a long answer.\n\n").arg(paragraph);
+        return text;
     }
 
     static QString selected(QQuickItem *edit) { return edit->property("selectedText").toString(); }
@@ -206,6 +216,47 @@ private slots:
         QVERIFY(!spansSeveral(view));
         QCOMPARE(selected(prose.at(0)), QString());
         QCOMPARE(selected(code), QString());
+    }
+
+    void aDragThatSelectsScrollsWhileHeldPastTheEdge()
+    {
+        ViewHarness view(FakeEngine::stateJson(), {ViewHarness::conversation("Long", {"Tell me a lot", longReply()})});
+        QQuickItem *list = view.item("messageView");
+        list->setProperty("contentY", list->property("originY"));
+        view.settle();
+        const int listBottom = static_cast<int>(ViewHarness::sceneRect(list).bottom());
+        const auto contentY = [&] { return list->property("contentY").toReal(); };
+        const qreal top = contentY();
+
+        // A drag that pressed a button selects nothing and scrolls nothing.
+        QQuickItem *edit = view.visibleItems("editButton").first();
+        const QPoint onButton = edit->mapToScene(QPointF(edit->width() / 2, edit->height() / 2)).toPoint();
+        QTest::mousePress(view.window(), Qt::LeftButton, Qt::NoModifier, onButton);
+        QTest::mouseMove(view.window(), QPoint(onButton.x(), listBottom + 30));
+        QTest::qWait(5 * DragAutoScroll::interval);
+        QCOMPARE(contentY(), top);
+        QTest::mouseRelease(view.window(), Qt::LeftButton, Qt::NoModifier, QPoint(onButton.x(), listBottom + 30));
+
+        // One that selects text scrolls while it is held below the list.
+        QQuickItem *prose = view.visibleItems("replyProse").first();
+        const QPoint start = characterPoint(prose, 0);
+        const QPoint below(start.x(), listBottom + 30);
+        QVERIFY(below.y() < view.window()->height());
+        QTest::mousePress(view.window(), Qt::LeftButton, Qt::NoModifier, start);
+        QTest::mouseMove(view.window(), start + QPoint(0, 20));
+        QTest::mouseMove(view.window(), below);
+        const int selectedAtFirst = prose->property("selectionEnd").toInt();
+        QVERIFY(view.waitFor([&] { return contentY() > top + 200; }));
+        // The selection went on with the text that came up under the pointer.
+        QVERIFY(prose->property("selectionEnd").toInt() > selectedAtFirst);
+        QCOMPARE(prose->property("selectionStart").toInt(), 0);
+
+        // Letting go stops it.
+        QTest::mouseRelease(view.window(), Qt::LeftButton, Qt::NoModifier, below);
+        view.settle();
+        const qreal released = contentY();
+        QTest::qWait(5 * DragAutoScroll::interval);
+        QCOMPARE(contentY(), released);
     }
 
     void longCodeLinesScrollSideways()
