@@ -102,18 +102,17 @@ void ReplySelection::setAnchor(QQuickItem *item, int position)
 {
     if (m_anchor == item) {
         m_anchorPosition = m_anchorEnd = position;
+        if (item)
+            watch(item);
         return;
     }
-    if (m_anchor) {
+    if (m_anchor)
         m_anchor->disconnect(this);
-        m_anchor->removeEventFilter(this);
-    }
     m_anchor = item;
     m_anchorPosition = m_anchorEnd = position;
     if (item) {
-        item->installEventFilter(this);
+        watch(item);
         connect(item, SIGNAL(selectedTextChanged()), this, SLOT(keepAnchorSelection()));
-        connect(item, &QQuickItem::activeFocusChanged, this, &ReplySelection::anchorFocusChanged);
     }
 }
 
@@ -132,6 +131,11 @@ void ReplySelection::press(QPointF point)
         if (item != pressed)
             deselect(item);
     }
+    for (const QPointer<QQuickItem> &item : std::as_const(m_watched)) {
+        if (item)
+            item->removeEventFilter(this);
+    }
+    m_watched.clear();
     setAnchor(pressed, pressed ? positionAt(pressed, point) : 0);
     setSpansSeveral(false);
 }
@@ -178,6 +182,8 @@ void ReplySelection::spanTo(const QList<QQuickItem *> &items, int index, int pos
                 select(item, down ? 0 : length(item), position);
             else
                 select(item, 0, length(item));
+            if (other >= first && other <= last)
+                watch(item);
         }
     }
     m_selecting = false;
@@ -192,8 +198,10 @@ void ReplySelection::selectAll(QQuickItem *from)
     setAnchor(from && items.contains(from) ? from : items.first(), 0);
     // Every item whole; the span keeps starting in the item that has the focus.
     m_selecting = true;
-    for (QQuickItem *item : items)
+    for (QQuickItem *item : items) {
         select(item, 0, length(item));
+        watch(item);
+    }
     m_anchorEnd = length(m_anchor);
     m_selecting = false;
     setSpansSeveral(items.size() > 1);
@@ -222,18 +230,60 @@ void ReplySelection::copy() const
     QGuiApplication::clipboard()->setText(text);
 }
 
-void ReplySelection::clear()
+void ReplySelection::watch(QQuickItem *item)
 {
-    for (QQuickItem *item : textItems()) {
-        if (item != m_anchor)
-            deselect(item);
+    if (m_watched.contains(item))
+        return;
+    item->installEventFilter(this);
+    m_watched.append(item);
+}
+
+void ReplySelection::end()
+{
+    for (QQuickItem *item : textItems())
+        deselect(item);
+    for (const QPointer<QQuickItem> &item : std::as_const(m_watched)) {
+        if (item)
+            item->removeEventFilter(this);
     }
+    m_watched.clear();
     setSpansSeveral(false);
 }
 
 bool ReplySelection::eventFilter(QObject *watched, QEvent *event)
 {
-    if (watched != m_anchor || (event->type() != QEvent::KeyPress && event->type() != QEvent::ShortcutOverride))
+    auto *item = qobject_cast<QQuickItem *>(watched);
+    if (!item || !m_watched.contains(item))
+        return QObject::eventFilter(watched, event);
+    // The focus going elsewhere ends the span, as it ends a text item's own selection.
+    // A menu opened over the text leaves both, and so does the right button pressed on
+    // another item of the span to open one: the item takes the focus on any press.
+    if (event->type() == QEvent::FocusOut) {
+        const bool forMenu = static_cast<QFocusEvent *>(event)->reason() == Qt::PopupFocusReason
+            || QGuiApplication::mouseButtons().testFlag(Qt::RightButton);
+        if (!forMenu) {
+            end();
+            return QObject::eventFilter(watched, event);
+        }
+        // The item clears its own selection as it loses the focus, whatever the
+        // reason; its part of the span comes back once it has.
+        const int start = item->property("selectionStart").toInt();
+        const int stop = item->property("selectionEnd").toInt();
+        if (start != stop) {
+            QMetaObject::invokeMethod(
+                this,
+                [this, item = QPointer<QQuickItem>(item), start, stop] {
+                    if (!item || !m_watched.contains(item))
+                        return;
+                    m_selecting = true;
+                    select(item, start, stop);
+                    m_selecting = false;
+                },
+                Qt::QueuedConnection);
+        }
+        return QObject::eventFilter(watched, event);
+    }
+    if (event->type() != QEvent::KeyPress && event->type() != QEvent::ShortcutOverride)
         return QObject::eventFilter(watched, event);
     auto *key = static_cast<QKeyEvent *>(event);
     const bool copying = key->matches(QKeySequence::Copy) && m_spansSeveral;
@@ -248,7 +298,7 @@ bool ReplySelection::eventFilter(QObject *watched, QEvent *event)
     if (copying)
         copy();
     else
-        selectAll(m_anchor);
+        selectAll(item);
     return true;
 }
 
@@ -264,12 +314,6 @@ void ReplySelection::keepAnchorSelection()
     m_selecting = true;
     select(m_anchor, m_anchorPosition, m_anchorEnd);
     m_selecting = false;
-}
-
-void ReplySelection::anchorFocusChanged()
-{
-    if (m_anchor && !m_anchor->hasActiveFocus())
-        clear();
 }
 
 void ReplySelection::setSpansSeveral(bool spans)

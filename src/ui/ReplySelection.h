@@ -9,8 +9,8 @@
 // One selection across a reply's runs of prose and its code blocks, which are text
 // items of their own. The item a drag starts in selects from the press as it always
 // does; when the drag reaches other items, those up to the pointer are selected too,
-// and Copy or Select All then take the whole span. A press elsewhere, or the first
-// item losing the focus, ends the span.
+// and Copy or Select All then take the whole span. A press elsewhere, or the focus
+// going out of the span, ends it; a right click for the text's menu does not.
 class ReplySelection : public QObject {
     Q_OBJECT
     QML_ELEMENT
@@ -39,15 +39,14 @@ public:
     Q_INVOKABLE QString selectedText() const;
     // Puts selectedText() on the clipboard.
     Q_INVOKABLE void copy() const;
-    // Deselects every item but the one the span started in.
-    Q_INVOKABLE void clear();
 
 signals:
     void containerChanged();
     void spanChanged();
 
 protected:
-    // Copy and Select All on the item the span started in take the whole span.
+    // Copy and Select All on an item of the span take the whole span; the focus going
+    // elsewhere ends it.
     bool eventFilter(QObject *watched, QEvent *event) override;
 
 private slots:
@@ -65,14 +64,18 @@ private:
     void setAnchor(QQuickItem *item, int position);
     // Selects from the anchor to that position of the item at index.
     void spanTo(const QList<QQuickItem *> &items, int index, int position);
-    void anchorFocusChanged();
     void setSpansSeveral(bool spans);
+    // Copy, Select All and the focus are watched on the items of the span.
+    void watch(QQuickItem *item);
+    // Deselects every item of the reply and stops watching them.
+    void end();
 
     QPointer<QQuickItem> m_container;
     QPointer<QQuickItem> m_anchor;
     int m_anchorPosition = 0;
     // The anchor's part of a span: from m_anchorPosition to here.
     int m_anchorEnd = 0;
+    QList<QPointer<QQuickItem>> m_watched;
     bool m_spansSeveral = false;
     bool m_selecting = false;
 };
