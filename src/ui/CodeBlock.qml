@@ -97,6 +97,10 @@ Rectangle {
                 row: codeBlock.row
                 role: "code"
             }
+
+            TextMenuHandler {
+                span: codeBlock.span
+            }
         }
 
         ScrollBar.horizontal: ScrollBar {

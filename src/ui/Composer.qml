@@ -187,6 +187,10 @@ Item {
                         text: Store.prompt
                         onTextChanged: if (text !== Store.prompt) Store.prompt = text
 
+                        TextMenuHandler {
+                            passesPressOn: true
+                        }
+
                         Keys.onPressed: (event) => {
                             if (event.matches(StandardKey.Redo)) {
                                 event.accepted = true

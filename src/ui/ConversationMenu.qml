@@ -33,6 +33,7 @@ Menu {
     MenuSeparator {}
     MenuItem {
         objectName: "deleteItem"
+        opacity: enabled ? 1 : Theme.disabledOpacity
         text: "Delete"
         enabled: Store.replyingID !== menu.conversationId
         onTriggered: Store.deleteConversation(menu.conversationId)

@@ -210,6 +210,8 @@ Item {
                 document: body.textDocument
                 spacing: 6
             }
+
+            TextMenuHandler {}
         }
     }
 }

@@ -129,6 +129,10 @@ Item {
                                 cursorShape: prose.hoveredLink.length > 0 ? Qt.PointingHandCursor : Qt.IBeamCursor
                             }
 
+                            TextMenuHandler {
+                                span: selection
+                            }
+
                             MarkdownProse {
                                 id: writer
                                 document: prose.textDocument

@@ -19,6 +19,10 @@ TextField {
 
     Keys.onPressed: (event) => { if (event.matches(StandardKey.Redo)) event.accepted = true }
 
+    TextMenuHandler {
+        passesPressOn: true
+    }
+
     background: Rectangle {
         implicitHeight: 32
         radius: 8

@@ -41,6 +41,10 @@ Rectangle {
             topPadding: 5
             bottomPadding: 5
             background: null
+            TextMenuHandler {
+                passesPressOn: true
+            }
+
             Keys.onPressed: (event) => {
                 if (event.matches(StandardKey.Redo)) {
                     event.accepted = true

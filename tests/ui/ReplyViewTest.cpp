@@ -218,6 +218,66 @@ private slots:
         QCOMPARE(selected(code), QString());
     }
 
+    void aRightClickCopiesTheWholeSelection()
+    {
+        ViewHarness view(FakeEngine::stateJson(), {ViewHarness::conversation("Bread", {"how?", markdownReply})});
+        const QList<QQuickItem *> prose = view.visibleItems("replyProse");
+        QQuickItem *code = view.item("codeText");
+        const int salt = static_cast<int>(documentText(prose.at(0)).indexOf(QStringLiteral("salt")));
+        drag(view, characterPoint(prose.at(0), salt), characterPoint(code, 4));
+        QVERIFY(spansSeveral(view));
+
+        // The right button leaves the selection as it is and opens the menu there.
+        QTest::mouseClick(view.window(), Qt::RightButton, Qt::NoModifier, characterPoint(prose.at(0), salt + 2));
+        view.settle();
+        QVERIFY(spansSeveral(view));
+        QObject *menu = prose.at(0)->findChild<QObject *>("textMenu");
+        QVERIFY(menu);
+        QVERIFY(view.waitFor([&] { return menu->property("opened").toBool(); }));
+        view.saveScreenshot(QStringLiteral("text-menu-light"));
+        const auto menuItem = [&](const char *name) { return menu->findChild<QQuickItem *>(name); };
+        QVERIFY(menuItem("textMenuCopy") && menuItem("textMenuCut") && menuItem("textMenuPaste"));
+        // A reply is read, not edited.
+        QVERIFY(!menuItem("textMenuCut")->isEnabled());
+        QVERIFY(!menuItem("textMenuPaste")->isEnabled());
+        QVERIFY(menuItem("textMenuCopy")->isEnabled());
+        QGuiApplication::clipboard()->setText(QStringLiteral("old"));
+        view.click(menuItem("textMenuCopy"));
+        QCOMPARE(QGuiApplication::clipboard()->text(),
+                 QStringLiteral("salt.\n1. Mix everything.\n2. Let it rise overnight.\n"
+                                "3. Bake at 230 \u00b0C.\nFlour\nWater\nSalt\n500 g\n"
+                                "350 g\n10 g\ndef "));
+
+        const QString spanText = QGuiApplication::clipboard()->text();
+
+        // The code block is part of the span too: its menu copies the same, and the
+        // right click there leaves the prose selected.
+        const auto openCodeMenu = [&] {
+            QTest::mouseClick(view.window(), Qt::RightButton, Qt::NoModifier, characterPoint(code, 2));
+            QObject *codeMenu = code->findChild<QObject *>("textMenu");
+            QVERIFY(codeMenu);
+            QVERIFY(view.waitFor([&] { return codeMenu->property("opened").toBool(); }));
+        };
+        openCodeMenu();
+        QVERIFY(spansSeveral(view));
+        QVERIFY(view.waitFor([&] { return selected(prose.at(0)).startsWith(QStringLiteral("salt.")); }));
+        QGuiApplication::clipboard()->setText(QStringLiteral("old"));
+        view.click(code->findChild<QObject *>("textMenu")->findChild<QQuickItem *>("textMenuCopy"));
+        QCOMPARE(QGuiApplication::clipboard()->text(), spanText);
+
+        // Select All from there takes the whole reply.
+        openCodeMenu();
+        view.click(code->findChild<QObject *>("textMenu")->findChild<QQuickItem *>("textMenuSelectAll"));
+        QCOMPARE(selected(prose.at(1)).size(), prose.at(1)->property("length").toInt());
+        QCOMPARE(selected(prose.at(0)).size(), prose.at(0)->property("length").toInt());
+
+        // A click outside the reply then ends it all.
+        view.click(view.item("promptField"));
+        QVERIFY(!spansSeveral(view));
+        for (QQuickItem *item : {prose.at(0), prose.at(1), code})
+            QCOMPARE(selected(item), QString());
+    }
+
     void aDragThatSelectsScrollsWhileHeldPastTheEdge()
     {
         ViewHarness view(FakeEngine::stateJson(), {ViewHarness::conversation("Long", {"Tell me a lot", longReply()})});
@@ -428,6 +488,13 @@ private slots:
             QVERIFY(spansSeveral(view));
             view.saveScreenshot(QStringLiteral("markdown-selection-") + appearance);
         }
+        // The right-click menu over that selection, in dark.
+        QQuickItem *code = view.item("codeText");
+        QTest::mouseClick(view.window(), Qt::RightButton, Qt::NoModifier, characterPoint(code, 4));
+        QObject *menu = code->findChild<QObject *>("textMenu");
+        QVERIFY(menu);
+        QVERIFY(view.waitFor([&] { return menu->property("opened").toBool(); }));
+        view.saveScreenshot(QStringLiteral("text-menu-dark"));
     }
 };
 

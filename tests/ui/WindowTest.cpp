@@ -290,6 +290,31 @@ private slots:
         QVERIFY(!view.window()->findChild<QObject *>("redoItem"));
     }
 
+    void theComposersRightClickMenuCutsCopiesAndPastes()
+    {
+        ViewHarness view;
+        QQuickItem *prompt = view.item("promptField");
+        view.typeInto(prompt, QStringLiteral("menu text"));
+        const QPoint inside = prompt->mapToScene(QPointF(20, prompt->height() / 2)).toPoint();
+        const auto choose = [&](const char *name) {
+            QTest::mouseClick(view.window(), Qt::RightButton, Qt::NoModifier, inside);
+            QObject *menu = prompt->findChild<QObject *>("textMenu");
+            QVERIFY(menu);
+            QVERIFY(view.waitFor([&] { return menu->property("opened").toBool(); }));
+            QQuickItem *item = menu->findChild<QQuickItem *>(name);
+            QVERIFY(item);
+            QVERIFY(item->isEnabled());
+            view.click(item);
+            QVERIFY(view.waitFor([&] { return !menu->property("opened").toBool(); }));
+        };
+        choose("textMenuSelectAll");
+        choose("textMenuCut");
+        QCOMPARE(view.store().prompt(), QString());
+        QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("menu text"));
+        choose("textMenuPaste");
+        QCOMPARE(view.store().prompt(), QStringLiteral("menu text"));
+    }
+
     // The conversation rows line up with the search field and the buttons above them.
     void conversationRowsSpanTheSidebar()
     {
