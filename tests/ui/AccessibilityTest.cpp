@@ -183,10 +183,9 @@ private slots:
         QVERIFY(view.refresh());
         screenReaderReads(view);
         FakeResponse reply = FakeResponse::stream({ViewHarness::delta(QStringLiteral("<think>\nShort.\n</think>\n\n")),
-                                                   ViewHarness::delta(QStringLiteral("Hello"))});
-        // The end of the reply waits until the test has heard the reply being written.
-        reply.parts.append({1500, ViewHarness::delta(QStringLiteral(", **friend**."))});
-        reply.parts.append({0, "data: [DONE]\n\n"});
+                                                   ViewHarness::delta(QStringLiteral("Hello, **friend**."))});
+        // The reply is still being written until the test stops it.
+        reply.parts.append({60000, "data: [DONE]\n\n"});
         view.fake().route("POST", "/v1/chat/completions", reply);
         view.store().setPrompt(QStringLiteral("Say hello"));
         view.store().send();
@@ -195,12 +194,14 @@ private slots:
             const QList<QQuickItem *> blocks = view.visibleItems("messageBlock");
             return blocks.size() == 2 ? accessible(blocks.last()) : nullptr;
         };
-        QVERIFY(view.waitFor([&] { return view.store().messages().last().text.endsWith(QStringLiteral("Hello")); }));
+        QVERIFY(
+            view.waitFor([&] { return view.store().messages().last().text.endsWith(QStringLiteral("friend**.")); }));
         QVERIFY(view.store().generating());
         QVERIFY(replyBlock());
         QCOMPARE(replyBlock()->text(QAccessible::Name), QStringLiteral("Vorn"));
         QCOMPARE(replyBlock()->text(QAccessible::Description), QString());
 
+        view.store().stop();
         QVERIFY(view.waitFor([&] { return !view.store().generating(); }));
         QCOMPARE(replyBlock()->text(QAccessible::Description), QStringLiteral("Hello, **friend**."));
         QCOMPARE(accessible(view.visibleItems("messageBlock").first())->text(QAccessible::Description),
