@@ -8,6 +8,7 @@
 #include <QTextDocument>
 #include <QTextDocumentFragment>
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -119,14 +120,8 @@ void ReplySelection::setAnchor(QQuickItem *item, int position)
 void ReplySelection::press(QPointF point)
 {
     const QList<QQuickItem *> items = textItems();
-    const int index = itemAt(items, m_container, point);
-    QQuickItem *pressed = nullptr;
-    if (index >= 0) {
-        QQuickItem *candidate = items.at(index);
-        const QRectF bounds = candidate->mapRectToItem(m_container, candidate->boundingRect());
-        if (bounds.contains(point))
-            pressed = candidate;
-    }
+    QQuickItem *pressed = itemUnder(items, point);
+    m_contextPressInside = false;
     for (QQuickItem *item : items) {
         if (item != pressed)
             deselect(item);
@@ -138,6 +133,26 @@ void ReplySelection::press(QPointF point)
     m_watched.clear();
     setAnchor(pressed, pressed ? positionAt(pressed, point) : 0);
     setSpansSeveral(false);
+}
+
+QQuickItem *ReplySelection::itemUnder(const QList<QQuickItem *> &items, QPointF point) const
+{
+    const int index = itemAt(items, m_container, point);
+    if (index < 0)
+        return nullptr;
+    QQuickItem *candidate = items.at(index);
+    const QRectF bounds = candidate->mapRectToItem(m_container, candidate->boundingRect());
+    return bounds.contains(point) ? candidate : nullptr;
+}
+
+void ReplySelection::contextPress(QPointF point)
+{
+    // The item under the button takes the focus; it is watched from now on, so that
+    // the focus leaving it later ends the selection too.
+    QQuickItem *pressed = itemUnder(textItems(), point);
+    m_contextPressInside = pressed != nullptr;
+    if (pressed)
+        watch(pressed);
 }
 
 void ReplySelection::drag(QPointF point)
@@ -259,14 +274,17 @@ bool ReplySelection::eventFilter(QObject *watched, QEvent *event)
     // A menu opened over the text leaves both, and so does the right button pressed on
     // another item of the span to open one: the item takes the focus on any press.
     if (event->type() == QEvent::FocusOut) {
-        const bool forMenu = static_cast<QFocusEvent *>(event)->reason() == Qt::PopupFocusReason
-            || QGuiApplication::mouseButtons().testFlag(Qt::RightButton);
-        if (!forMenu) {
+        // A right press inside the reply counts for the first focus change after it.
+        const bool rightPressInside = std::exchange(m_contextPressInside, false)
+            && QGuiApplication::mouseButtons().testFlag(Qt::RightButton);
+        if (static_cast<QFocusEvent *>(event)->reason() == Qt::PopupFocusReason)
+            return QObject::eventFilter(watched, event);
+        if (!rightPressInside) {
             end();
             return QObject::eventFilter(watched, event);
         }
-        // The item clears its own selection as it loses the focus, whatever the
-        // reason; its part of the span comes back once it has.
+        // The item under the right button took the focus for its menu. The item that
+        // lost it cleared its own selection; its part of the span comes back.
         const int start = item->property("selectionStart").toInt();
         const int stop = item->property("selectionEnd").toInt();
         if (start != stop) {

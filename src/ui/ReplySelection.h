@@ -31,6 +31,8 @@ public:
 
     // A mouse press at a point of the container.
     Q_INVOKABLE void press(QPointF point);
+    // A right-button press at a point of the container, for a text's menu.
+    Q_INVOKABLE void contextPress(QPointF point);
     // The pressed mouse moved to a point of the container.
     Q_INVOKABLE void drag(QPointF point);
     // Selects every text item of the reply, from the one that has the focus.
@@ -60,6 +62,8 @@ private:
     // Which of the items a point of the container falls on: the last that starts
     // above it, else the first; -1 when there is none.
     static int itemAt(const QList<QQuickItem *> &items, QQuickItem *container, QPointF point);
+    // The item whose bounds hold the point, or null.
+    QQuickItem *itemUnder(const QList<QQuickItem *> &items, QPointF point) const;
     int positionAt(QQuickItem *item, QPointF containerPoint) const;
     void setAnchor(QQuickItem *item, int position);
     // Selects from the anchor to that position of the item at index.
@@ -76,6 +80,8 @@ private:
     // The anchor's part of a span: from m_anchorPosition to here.
     int m_anchorEnd = 0;
     QList<QPointer<QQuickItem>> m_watched;
+    // The right button was last pressed on one of the reply's text items.
+    bool m_contextPressInside = false;
     bool m_spansSeveral = false;
     bool m_selecting = false;
 };

@@ -34,10 +34,22 @@ Item {
         z: 1
 
         PointHandler {
-            acceptedButtons: Qt.LeftButton
+            id: handler
+            acceptedButtons: Qt.LeftButton | Qt.RightButton
             acceptedDevices: PointerDevice.Mouse | PointerDevice.TouchPad
-            onActiveChanged: if (active) selection.press(parent.mapToItem(content, point.pressPosition))
-            onPointChanged: if (active) selection.drag(parent.mapToItem(content, point.position))
+            onActiveChanged: {
+                if (!active)
+                    return
+                const point = parent.mapToItem(content, handler.point.pressPosition)
+                if (handler.point.pressedButtons & Qt.RightButton)
+                    selection.contextPress(point)
+                else
+                    selection.press(point)
+            }
+            onPointChanged: {
+                if (active && (handler.point.pressedButtons & Qt.LeftButton))
+                    selection.drag(parent.mapToItem(content, handler.point.position))
+            }
         }
     }
 
