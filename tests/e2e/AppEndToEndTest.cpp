@@ -29,7 +29,7 @@
 
 namespace {
 
-constexpr int engineStartMs = 20000;
+constexpr int engineStartMs = 60000;
 constexpr int modelLoadMs = 60000;
 constexpr int replyMs = 60000;
 

@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr int engineStartMs = 20000;
+constexpr int engineStartMs = 60000;
 constexpr int quitMs = 15000;
 
 // The history the app finds: written by hand, with lower-case ids and line breaks,

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr int engineStartMs = 20000;
+constexpr int engineStartMs = 60000;
 
 QString appPath()
 {
